@@ -1,9 +1,6 @@
 # Warnings for our own targets only; consumers of the installed package do not inherit them.
 add_library(OrlWarnings INTERFACE)
 target_compile_options(OrlWarnings INTERFACE -Wall -Wextra -Wpedantic)
-# Static libraries carry their private links into the export set; this one adds only compile options,
-# which a link-only dependency does not pass on, so exporting it is harmless.
-install(TARGETS OrlWarnings EXPORT OrlTargets)
 
 # orl_add_test(<name> LABELS <labels...> SOURCES <files...> [LIBRARIES <targets...>])
 # One GoogleTest executable; its cases are registered with ctest one by one when ctest runs.
