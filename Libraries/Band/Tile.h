@@ -28,19 +28,19 @@ constexpr unsigned long GetTileRecordCapacity(unsigned int nPixelBytes)
 }
 
 // Fills pBuffer with the record of the nPixelBytes at pPixels; returns the count to write.
-unsigned long EncodeTileRecord(const void* pPixels, unsigned int nPixelBytes, char* pBuffer);
+ORL_OSTREL_API unsigned long EncodeTileRecord(const void* pPixels, unsigned int nPixelBytes, char* pBuffer);
 // With the first 512 bytes of a record in pBuffer: how many bytes follow them.
-unsigned long GetTileRecordRest(const char* pBuffer, unsigned int nPixelBytes);
+ORL_OSTREL_API unsigned long GetTileRecordRest(const char* pBuffer, unsigned int nPixelBytes);
 // With the whole record in pBuffer: the pixels.
-void DecodeTileRecord(const char* pBuffer, unsigned int nPixelBytes, void* pPixels);
+ORL_OSTREL_API void DecodeTileRecord(const char* pBuffer, unsigned int nPixelBytes, void* pPixels);
 // Appends the tile's own entry (translated, code 0, empty detail) to a failure of the file primitives.
-void AddTileMessage(Harnel::CBasicException& oError, const char* pFile, int nLine, const char* pMessage);
+ORL_OSTREL_API void AddTileMessage(Harnel::CBasicException& oError, const char* pFile, int nLine, const char* pMessage);
 
 // A rectangular piece of a tile band, handled by shared pointer through this untyped base by the tile
 // cache and the band. Its pixels can leave memory for a record in a file and come back; the object
 // itself, with its geometry and bookkeeping, stays. Tiles do not lock: the tile cache serialises what
 // it does with them and touches only tiles that nobody else holds.
-class CTileBase
+class ORL_OSTREL_API CTileBase
 {
 public:
   CTileBase(unsigned int nSizeX, unsigned int nSizeY, unsigned int nPosX, unsigned int nPosY,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Foundation/Export.h"
 #include "Foundation/PixelTypes.h"
 
 #include <boost/pool/pool.hpp>
@@ -18,23 +19,23 @@ using TTilePool = boost::pool<boost::default_user_allocator_new_delete>;
 //
 // The map and the mutex are never destroyed, so that tiles dying in other static destructors at exit
 // still find them, whatever the order of destruction between libraries and units.
-extern std::map<unsigned int, boost::shared_ptr<TTilePool> >& g_oTileAllocator;
-extern boost::mutex& g_oAllocatorMutex;
-extern int g_nTileAllocReclaimCounter;
+extern ORL_OSTREL_API std::map<unsigned int, boost::shared_ptr<TTilePool> >& g_oTileAllocator;
+extern ORL_OSTREL_API boost::mutex& g_oAllocatorMutex;
+extern ORL_OSTREL_API int g_nTileAllocReclaimCounter;
 
 // Pooled releases between two walks that give entirely free growth steps back to the system.
 constexpr int g_nTileAllocReclaimInterval = 21;
 
 // The block size for a request of nBytes: at least 4096, powers of two up to 2 MiB, exact above.
-unsigned int GetTileBlockSize(unsigned int nBytes);
+ORL_OSTREL_API unsigned int GetTileBlockSize(unsigned int nBytes);
 
 // Blocks per growth step of the pool for nBlockSize (each step is 128 MiB), or 0 when blocks of that
 // size come straight from the heap.
-unsigned int GetTilePoolStep(unsigned int nBlockSize);
+ORL_OSTREL_API unsigned int GetTilePoolStep(unsigned int nBlockSize);
 
 // The untyped core of CDefaultTileAlloc. Raises CBasicException when no block can be had.
-void* AllocateTileBlock(unsigned int nBytes, unsigned int& nAllocBytes);
-void ReleaseTileBlock(void* pBlock, unsigned int nBytes, unsigned int& nAllocBytes);
+ORL_OSTREL_API void* AllocateTileBlock(unsigned int nBytes, unsigned int& nAllocBytes);
+ORL_OSTREL_API void ReleaseTileBlock(void* pBlock, unsigned int nBytes, unsigned int& nAllocBytes);
 
 // The pooled allocator of tile pixels. Rows are never padded. The block's origin is not stored with
 // it: Release recomputes the block size from the tile's size, which therefore must not change between

@@ -19,7 +19,7 @@ namespace Detail {
 // The slots of a spill file. A slot keeps its offset and size for the life of its tile; a free slot is
 // reused by the next tile of the same size, lowest offset first, so that the file stays packed towards
 // its start and free slots gather at its end, where they are cut off. Not locked: its owner locks.
-class CSpillSlots
+class ORL_OSTREL_API CSpillSlots
 {
 public:
   // The offset of a slot of nSize bytes: a free one if there is one, else a new one at the end.
@@ -101,7 +101,7 @@ struct STileCacheCounters
 // first and the tile's behind it, and the registration or reload it was making room for does not
 // happen. A failed read leaves the tile on disk (its record is still the truth) and surfaces the same
 // way; the next GetTile tries again.
-class CTileCache
+class ORL_OSTREL_API CTileCache
 {
 public:
   CTileCache();
@@ -195,6 +195,6 @@ private:
 
 // The process's tile cache; empty until the first tile is made. Bands keep their own pointer to it, so
 // the cache lives until the last of them.
-extern boost::shared_ptr<CTileCache> g_oTileCache;
+extern ORL_OSTREL_API boost::shared_ptr<CTileCache> g_oTileCache;
 
 }}} // namespace Orl::Ostrel::Band

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Foundation/Export.h"
+
 #include <cstddef>
 #include <iosfwd>
 #include <string>
@@ -11,7 +13,7 @@ namespace Orl { namespace Harnel {
 // and each layer that adds context appends one and rethrows the same object, so that the reader at the
 // top sees the whole chain with source positions. Deliberately not derived from std::exception: a
 // handler that wants it names it.
-class CBasicException
+class ORL_HARNEL_API CBasicException
 {
 public:
   struct SExceptionInfo
@@ -45,12 +47,12 @@ private:
   std::vector<SExceptionInfo> m_vInfos;
 };
 
-std::ostream& operator<<(std::ostream& oStream, const CBasicException& oException);
+ORL_HARNEL_API std::ostream& operator<<(std::ostream& oStream, const CBasicException& oException);
 
 namespace Fileio {
 
 // Failures of the file primitives, so that they can be caught apart from others.
-class CFileioError : public CBasicException
+class ORL_HARNEL_API CFileioError : public CBasicException
 {
 public:
   using CBasicException::CBasicException;

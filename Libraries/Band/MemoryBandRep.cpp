@@ -1,0 +1,69 @@
+#include "Band/MemoryBandRep.h"
+
+#include <algorithm>
+#include <iostream>
+#include <typeinfo>
+
+namespace Orl { namespace Ostrel { namespace Band {
+
+template <class TPixel>
+std::uint32_t CMemoryBandRep<TPixel>::ms_nNumBandsAllocated = 0;
+template <class TPixel>
+std::uint64_t CMemoryBandRep<TPixel>::ms_nNumBytesAllocated = 0;
+
+template <class TPixel>
+CMemoryBandRep<TPixel>::CMemoryBandRep(unsigned int nWidth, unsigned int nHeight)
+  : Detail::CBandRep<TPixel>(nWidth, nHeight)
+{
+  if (nWidth != 0 && nHeight != 0)
+  {
+    m_pData = new TPixel[std::uint64_t(nWidth) * nHeight]; // left uninitialised on purpose: Clear exists
+    if (Detail::CBandRepBase::ms_bTraceAllocations)
+      _Trace(+1);
+  }
+}
+
+template <class TPixel>
+CMemoryBandRep<TPixel>::~CMemoryBandRep()
+{
+  if (m_pData)
+  {
+    delete[] m_pData;
+    if (Detail::CBandRepBase::ms_bTraceAllocations)
+      _Trace(-1);
+  }
+}
+
+// The pixel count is taken in 32 bits and only then widened, so the byte total of a band of 2^32
+// pixels or more is the truncated one. The counters are unlocked: the trace is a debugging aid whose
+// numbers hold when bands are made and dropped from one thread.
+template <class TPixel>
+void CMemoryBandRep<TPixel>::_Trace(std::int64_t nSign)
+{
+  const std::uint32_t nPixels = this->m_nWidth * this->m_nHeight;
+  const std::uint64_t nBytes = std::uint64_t(nPixels) * sizeof(TPixel);
+  ms_nNumBandsAllocated += std::uint32_t(nSign);
+  ms_nNumBytesAllocated += nSign > 0 ? nBytes : std::uint64_t(0) - nBytes;
+  std::cerr << "For pixel-type: " << typeid(TPixel).name() << " currently " << ms_nNumBandsAllocated
+            << " bands with a total of : " << ms_nNumBytesAllocated << " allocated" << std::endl;
+}
+
+// The count is width * height in 32 bits, unlike the allocation: on a band of 2^32 pixels or more only
+// the pixels up to the truncated count are set. Kept that way deliberately.
+template <class TPixel>
+CMemoryBandRep<TPixel>& CMemoryBandRep<TPixel>::Clear(TPixel tValue)
+{
+  this->InvalidateStatistics();
+  if (m_pData)
+    std::fill_n(m_pData, std::uint32_t(this->m_nWidth * this->m_nHeight), tValue);
+  this->InvalidateStatistics();
+  return *this;
+}
+
+#define ORL_MEMORY_BAND_REP_INSTANTIATE(T)                                                              \
+  template class CMemoryBandRep<T>;                                                                     \
+  template class Detail::CMemoryBandIterator<T, int>;                                                   \
+  template class Detail::CMutableMemoryBandIterator<T, int>;
+ORL_FOR_EACH_PIXEL_TYPE(ORL_MEMORY_BAND_REP_INSTANTIATE)
+
+}}} // namespace Orl::Ostrel::Band

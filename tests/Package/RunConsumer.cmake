@@ -1,0 +1,13 @@
+file(REMOVE_RECURSE "${ORL_WORK_DIR}")
+set(prefix "${ORL_WORK_DIR}/prefix")
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed: ${ARGN}\n${out}")
+  endif()
+endfunction()
+run(${CMAKE_COMMAND} --install "${ORL_BUILD_DIR}" --prefix "${prefix}")
+run(${CMAKE_COMMAND} -S "${ORL_CONSUMER_DIR}" -B "${ORL_WORK_DIR}/build" -DCMAKE_PREFIX_PATH=${prefix}
+    -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build "${ORL_WORK_DIR}/build")
+run("${ORL_WORK_DIR}/build/consumer")
