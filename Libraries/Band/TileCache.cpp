@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <new>
 #include <sstream>
 #include <unistd.h>
 
@@ -331,10 +332,11 @@ boost::shared_ptr<Detail::CTileBase> CTileCache::GetTile(unsigned int nId, bool 
     break;
   }
 
-  SEntry& oEntry = _GetEntry(nId);
-  const boost::shared_ptr<Detail::CTileBase> pTile = oEntry.m_pTile;
-  oEntry.m_eState = eReading;
+  const boost::shared_ptr<Detail::CTileBase> pTile = _GetEntry(nId).m_pTile;
+  // Everything that can fail comes before the tile is marked busy: a busy tile has to be released by
+  // the code that marked it.
   std::vector<char> vecBuffer = _TakeBuffer(pTile->GetRecordCapacity());
+  _GetEntry(nId).m_eState = eReading;
   oLock.unlock();
 
   try
@@ -475,9 +477,11 @@ void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nI
   if (m_nFile < 0)
     _OpenSpillFile(oLock);
 
-  SEntry& oEntry = _GetEntry(nId);
-  const boost::shared_ptr<Detail::CTileBase> pTile = oEntry.m_pTile;
+  const boost::shared_ptr<Detail::CTileBase> pTile = _GetEntry(nId).m_pTile;
   const unsigned long nCapacity = pTile->GetRecordCapacity();
+  // Everything that can fail comes before the tile is marked busy.
+  std::vector<char> vecBuffer = _TakeBuffer(nCapacity);
+  SEntry& oEntry = _GetEntry(nId);
   if (oEntry.m_nSlot < 0)
   {
     oEntry.m_nSlot = m_oSlots.Take(nCapacity);
@@ -490,7 +494,6 @@ void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nI
   // Whatever happens now, the slot's old record is no longer to be trusted.
   oEntry.m_nRecordBytes = 0;
   m_nLeavingBytes += nBytes;
-  std::vector<char> vecBuffer = _TakeBuffer(nCapacity);
   oLock.unlock();
 
   unsigned long nRecord = 0;
@@ -618,7 +621,14 @@ std::vector<char> CTileCache::_TakeBuffer(unsigned long nSize)
 
 void CTileCache::_GiveBuffer(std::vector<char>&& vecBuffer)
 {
-  m_vecBuffers.push_back(std::move(vecBuffer));
+  // Runs on failure paths too: a buffer that cannot be kept is simply dropped.
+  try
+  {
+    m_vecBuffers.push_back(std::move(vecBuffer));
+  }
+  catch (const std::bad_alloc&)
+  {
+  }
 }
 
 }}} // namespace Orl::Ostrel::Band
