@@ -1,7 +1,5 @@
 #include "Band/TileAlloc.h"
 
-#include "TileTestSupport.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,8 +9,7 @@ using namespace Orl::Ostrel::Band::Detail;
 
 namespace {
 
-// Gives back every free growth step and restarts the reclaim count, so that a test starts from pools
-// that hold only blocks in use.
+// Gives back every free growth step and restarts the count, so that pools hold only blocks in use.
 void _ResetPools()
 {
   boost::unique_lock<boost::mutex> oLock(g_oAllocatorMutex);
@@ -21,39 +18,31 @@ void _ResetPools()
   g_nTileAllocReclaimCounter = 0;
 }
 
-int _ReclaimCounter()
+// The block size of the pool that holds pBlock, or 0.
+unsigned int _PoolOf(const void* pBlock)
 {
   boost::unique_lock<boost::mutex> oLock(g_oAllocatorMutex);
-  return g_nTileAllocReclaimCounter;
-}
-
-bool _PoolHolds(unsigned int nBlockSize, const void* pBlock)
-{
-  boost::unique_lock<boost::mutex> oLock(g_oAllocatorMutex);
-  const auto itPool = g_oTileAllocator.find(nBlockSize);
-  return itPool != g_oTileAllocator.end() && itPool->second->is_from(const_cast<void*>(pBlock));
+  for (const auto& oEntry : g_oTileAllocator)
+    if (oEntry.second->is_from(const_cast<void*>(pBlock)))
+      return oEntry.first;
+  return 0;
 }
 
 } // namespace
 
-TEST(TileAllocTest, RoundsRequestsToBlockSizes)
+TEST(TileAllocTest, RoundsRequestsToBlocksFromFourPoolsOrTheHeap)
 {
   const struct
   {
-    unsigned int nBytes, nBlock;
-  } aCases[] = {{0, 4096},           {1, 4096},           {4096, 4096},         {4097, 8192},
-                {76800, 131072},     {131072, 131072},    {524287, 524288},     {1048577, 2097152},
-                {2097152, 2097152},  {2097153, 2097153},  {3000000, 3000000}};
+    unsigned int nBytes, nBlock, nBlocksPerStep;
+  } aCases[] = {{1, 4096, 0},           {4096, 4096, 0},        {4097, 8192, 0},       {32768, 32768, 0},
+                {60000, 65536, 2048},   {76800, 131072, 1024},  {262144, 262144, 512}, {524287, 524288, 256},
+                {1048577, 2097152, 0},  {2097152, 2097152, 0},  {2097153, 2097153, 0}};
   for (const auto& oCase : aCases)
+  {
     EXPECT_EQ(oCase.nBlock, GetTileBlockSize(oCase.nBytes)) << oCase.nBytes;
-}
-
-TEST(TileAllocTest, FourPoolsGrowBy128MiBAndOtherSizesComeFromTheHeap)
-{
-  for (unsigned int nBlock : {65536u, 131072u, 262144u, 524288u})
-    EXPECT_EQ(134217728u, GetTilePoolStep(nBlock) * nBlock) << nBlock;
-  for (unsigned int nBlock : {4096u, 32768u, 1048576u, 2097152u, 2097153u})
-    EXPECT_EQ(0u, GetTilePoolStep(nBlock)) << nBlock;
+    EXPECT_EQ(oCase.nBlocksPerStep, GetTilePoolStep(oCase.nBlock)) << oCase.nBytes;
+  }
 }
 
 TEST(TileAllocTest, EdgeTilesTakeTheirRoundedBlockFromAPoolOrTheHeap)
@@ -62,17 +51,12 @@ TEST(TileAllocTest, EdgeTilesTakeTheirRoundedBlockFromAPoolOrTheHeap)
   unsigned char* pPooled = CDefaultTileAlloc<unsigned char>::Allocate(300, 256, nAllocSizeX, nAllocBytes);
   EXPECT_EQ(300u, nAllocSizeX);
   EXPECT_EQ(131072u, nAllocBytes);
-  EXPECT_TRUE(_PoolHolds(131072, pPooled));
-
+  EXPECT_EQ(131072u, _PoolOf(pPooled));
   unsigned char* pHeap = CDefaultTileAlloc<unsigned char>::Allocate(100, 256, nAllocSizeX, nAllocBytes);
   EXPECT_EQ(32768u, nAllocBytes);
-  for (unsigned int nBlock : {65536u, 131072u, 262144u, 524288u})
-    EXPECT_FALSE(_PoolHolds(nBlock, pHeap));
-
+  EXPECT_EQ(0u, _PoolOf(pHeap));
   CDefaultTileAlloc<unsigned char>::Release(pPooled, 300, 256, 300, nAllocBytes);
-  EXPECT_EQ(131072u, nAllocBytes);
   CDefaultTileAlloc<unsigned char>::Release(pHeap, 100, 256, 100, nAllocBytes);
-  EXPECT_EQ(32768u, nAllocBytes);
 }
 
 TEST(TileAllocTest, EveryTwentyFirstPooledReleaseGivesFreeStepsBack)
@@ -82,31 +66,26 @@ TEST(TileAllocTest, EveryTwentyFirstPooledReleaseGivesFreeStepsBack)
   std::vector<unsigned char*> vecBlocks;
   for (int i = 0; i < 21; ++i)
     vecBlocks.push_back(CDefaultTileAlloc<unsigned char>::Allocate(256, 256, nAllocSizeX, nAllocBytes));
-  unsigned char* pHeap = CDefaultTileAlloc<unsigned char>::Allocate(64, 64, nAllocSizeX, nAllocBytes);
-
-  CDefaultTileAlloc<unsigned char>::Release(pHeap, 64, 64, 64, nAllocBytes);
-  EXPECT_EQ(0, _ReclaimCounter()) << "heap releases do not count";
+  // A heap release does not count.
+  CDefaultTileAlloc<unsigned char>::Release(CDefaultTileAlloc<unsigned char>::Allocate(64, 64, nAllocSizeX, nAllocBytes),
+                                            64, 64, 64, nAllocBytes);
   for (int i = 0; i < 20; ++i)
     CDefaultTileAlloc<unsigned char>::Release(vecBlocks[i], 256, 256, 256, nAllocBytes);
-  EXPECT_EQ(20, _ReclaimCounter());
-  EXPECT_TRUE(_PoolHolds(65536, vecBlocks[0])) << "given back too early";
-
+  EXPECT_EQ(65536u, _PoolOf(vecBlocks[0])) << "given back too early";
   CDefaultTileAlloc<unsigned char>::Release(vecBlocks[20], 256, 256, 256, nAllocBytes);
-  EXPECT_EQ(0, _ReclaimCounter());
-  EXPECT_FALSE(_PoolHolds(65536, vecBlocks[0])) << "the free growth step was kept";
+  EXPECT_EQ(0u, _PoolOf(vecBlocks[0])) << "the free growth step was kept";
+  EXPECT_EQ(0, g_nTileAllocReclaimCounter);
 }
 
-TEST(TileAllocTest, PoolsKeepGrowingByOneStepAtATime)
+TEST(TileAllocTest, PoolsGrowByOneConstantStepAtATime)
 {
   _ResetPools();
-  // Four steps' worth of full float tiles, plus one: with doubling steps (256, 512, 1024 blocks) that
-  // would be three runs of contiguous blocks, with constant steps it is four, none longer than a step.
-  constexpr unsigned int nStep = 256;
+  // Three steps of full float tiles and one more block: with doubling steps (256, 512, 1024 blocks) that
+  // is three runs of adjacent blocks, with constant steps four, none longer than a step.
   unsigned int nAllocSizeX = 0, nAllocBytes = 0;
   std::vector<float*> vecBlocks;
-  for (unsigned int i = 0; i < 3 * nStep + 1; ++i)
+  for (unsigned int i = 0; i < 3 * 256 + 1; ++i)
     vecBlocks.push_back(CDefaultTileAlloc<float>::Allocate(512, 256, nAllocSizeX, nAllocBytes));
-
   std::vector<const char*> vecSorted;
   for (const float* pBlock : vecBlocks)
     vecSorted.push_back(reinterpret_cast<const char*>(pBlock));
@@ -118,25 +97,7 @@ TEST(TileAllocTest, PoolsKeepGrowingByOneStepAtATime)
     else
       vecRuns.push_back(1);
   EXPECT_EQ(4u, vecRuns.size());
-  EXPECT_LE(*std::max_element(vecRuns.begin(), vecRuns.end()), nStep);
-
+  EXPECT_LE(*std::max_element(vecRuns.begin(), vecRuns.end()), 256u);
   for (float* pBlock : vecBlocks)
     CDefaultTileAlloc<float>::Release(pBlock, 512, 256, 512, nAllocBytes);
-}
-
-TEST(TileAllocTest, TileMemoryComesAndGoesOnlyOnceAndCountsExactPixelBytes)
-{
-  const auto pTile = Orl::Test::MakeTile<unsigned char>(300, 256);
-  void* const pData = pTile->GetDataLocation();
-  ASSERT_NE(nullptr, pData);
-  EXPECT_EQ(76800u, pTile->GetMemorySize());
-  EXPECT_EQ(131072u, pTile->GetAllocBytes());
-  pTile->AllocMemory();
-  EXPECT_EQ(pData, pTile->GetDataLocation());
-  pTile->FreeMemory();
-  EXPECT_EQ(nullptr, pTile->GetDataLocation());
-  pTile->FreeMemory();
-  EXPECT_EQ(nullptr, pTile->GetDataLocation());
-  pTile->AllocMemory();
-  EXPECT_NE(nullptr, pTile->GetDataLocation());
 }

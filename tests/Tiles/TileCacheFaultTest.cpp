@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -18,19 +19,19 @@ using Orl::Ostrel::Band::CTileCache;
 
 namespace {
 
-constexpr std::uint64_t g_nFullBlock = 524288;
-constexpr long long g_nSlot = 524800;
+constexpr long long g_nSlot = 524800;  // the record slot of a full tile
 
+// Counts its calls, lifts a file size cap if it has one, and answers as told.
 class CFaultHandler : public CFailHandler
 {
 public:
-  CFaultHandler(bool bAnswer, CFileSizeLimit* pLimitToLift) : m_bAnswer(bAnswer), m_pLimitToLift(pLimitToLift) {}
+  CFaultHandler(bool bAnswer, CFileSizeLimit* pLimit) : m_bAnswer(bAnswer), m_pLimit(pLimit) {}
   bool OnWriteFailed(int nFile) override
   {
     ++m_nCalls;
     m_nFile = nFile;
-    if (m_pLimitToLift)
-      m_pLimitToLift->Lift();
+    if (m_pLimit)
+      m_pLimit->Lift();
     return m_bAnswer;
   }
   int m_nCalls = 0;
@@ -38,143 +39,128 @@ public:
 
 private:
   bool m_bAnswer;
-  CFileSizeLimit* m_pLimitToLift;
+  CFileSizeLimit* m_pLimit;
 };
 
-class CTileCacheFaultTest : public ::testing::Test
+// Registers a tile and writes noise into it, as a band does with a new tile.
+unsigned int AddTile(CTileCache& oCache, const boost::shared_ptr<CTileBase>& pTile)
 {
-protected:
-  CTileCacheFaultTest()
+  const unsigned int nId = oCache.RegisterTile(pTile);
+  Fill(*oCache.GetTile(nId, true), nId, EContent::eNoise);
+  return nId;
+}
+
+bool Intact(CTileCache& oCache, unsigned int nId)
+{
+  return Holds(*oCache.GetTile(nId, false), nId, EContent::eNoise);
+}
+
+// Room for one full tile: each new tile pushes the one before it out.
+struct SSmallCache
+{
+  SSmallCache()
   {
     m_oCache.SetSpillDirectory(m_oDirectory.GetPath());
-    m_oCache.SetMemoryBudget(g_nFullBlock);
+    m_oCache.SetMemoryBudget(524288);
   }
-  ~CTileCacheFaultTest() override { g_oFailHandler.reset(); }
-
-  // Registers a full float tile of noise and writes into it, as a band does with a new tile.
-  unsigned int AddTile(const boost::shared_ptr<CTileBase>& pTile)
-  {
-    const unsigned int nId = m_oCache.RegisterTile(pTile);
-    Fill(*m_oCache.GetTile(nId, true), nId, EContent::eNoise);
-    return nId;
-  }
-
-  ::testing::AssertionResult Intact(unsigned int nId)
-  {
-    if (Holds(*m_oCache.GetTile(nId, false), nId, EContent::eNoise))
-      return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "tile " << nId << " lost its pixels";
-  }
+  ~SSmallCache() { g_oFailHandler.reset(); }
 
   CScratchDirectory m_oDirectory;
   CTileCache m_oCache;
 };
 
-struct SWriteFault
-{
-  long long m_nFileLimit;     // the second record (at one slot) falls short, or the first fails
-  int m_nHandler;             // 0 none, 1 one that gives up
-  const char* m_pMessage;
-  int m_nErrorCode;
-};
-
-class CWriteFaultTest : public CTileCacheFaultTest, public ::testing::WithParamInterface<SWriteFault>
-{
-};
-
 } // namespace
 
-TEST_P(CWriteFaultTest, FailedSpillKeepsTheTileModifiedInMemoryAndReportsBothEntries)
+TEST(TileCacheFaultTest, FailedSpillKeepsTheTileModifiedInMemoryAndReportsBothEntries)
 {
-  const SWriteFault& oFault = GetParam();
-  CFileSizeLimit oLimit(static_cast<rlim_t>(oFault.m_nFileLimit));
-  boost::shared_ptr<CFaultHandler> pHandler;
-  if (oFault.m_nHandler)
-    g_oFailHandler = pHandler = boost::make_shared<CFaultHandler>(false, nullptr);
-
-  // Room for one tile: each new tile pushes the last one out, until a write fails.
-  std::vector<unsigned int> vecIds{AddTile(MakeTile<float>(512, 256))};
-  boost::shared_ptr<CTileBase> pPending;
-  try
+  // File size cap, whether a handler that gives up is installed, expected first entry and code.
+  const struct
   {
-    for (int i = 0; i < 3; ++i)
+    long long nCap;
+    bool bHandler;
+    const char* pMessage;
+    int nErrorCode;
+  } aFaults[] = {{0, false, "Failed to write to a file", EFBIG},
+                 {g_nSlot + 1000, false, "Failed to write enough data to a file", 0},
+                 {g_nSlot + 1000, true, "Failed to write enough data to a file", 0}};
+  for (const auto& oFault : aFaults)
+  {
+    SSmallCache oSmall;
+    CTileCache& oCache = oSmall.m_oCache;
+    CFileSizeLimit oLimit(static_cast<rlim_t>(oFault.nCap));
+    const auto pHandler = boost::make_shared<CFaultHandler>(false, nullptr);
+    if (oFault.bHandler)
+      g_oFailHandler = pHandler;
+    std::vector<unsigned int> vecIds{AddTile(oCache, MakeTile<float>(512, 256))};
+    boost::shared_ptr<CTileBase> pPending;
+    try
     {
-      pPending = MakeTile<float>(512, 256);
-      vecIds.push_back(AddTile(pPending));
+      for (int i = 0; i < 3; ++i)
+        vecIds.push_back(AddTile(oCache, pPending = MakeTile<float>(512, 256)));
+      ADD_FAILURE() << "no write failed";
     }
-    FAIL() << "no write failed";
-  }
-  catch (const CFileioError& oError)
-  {
-    ASSERT_EQ(2u, oError.GetInfoCount()) << oError;
-    EXPECT_EQ(oFault.m_pMessage, oError.GetInfo(0).m_strMessage);
-    EXPECT_EQ(oFault.m_nErrorCode, oError.GetInfo(0).m_nErrorCode);
-    EXPECT_EQ("Failed to write to the disk tile cache", oError.GetInfo(1).m_strMessage);
-  }
-  if (pHandler)
-  {
-    EXPECT_EQ(1, pHandler->m_nCalls);
-  }
-  // The tile that was to make room is still in memory and still modified; the new one never came in.
-  const auto oCounters = m_oCache.GetCounters();
-  EXPECT_EQ(vecIds.size(), oCounters.m_nTiles);
-  const auto pVictim = m_oCache.GetTile(vecIds.back(), false);
-  EXPECT_TRUE(pVictim->IsModified());
-  EXPECT_EQ(oCounters.m_nRecordsRead, m_oCache.GetCounters().m_nRecordsRead) << "it was read back";
-  EXPECT_TRUE(Holds(*pVictim, vecIds.back(), EContent::eNoise));
+    catch (const CFileioError& oError)
+    {
+      ASSERT_EQ(2u, oError.GetInfoCount()) << oError;
+      EXPECT_EQ(oFault.pMessage, oError.GetInfo(0).m_strMessage);
+      EXPECT_EQ(oFault.nErrorCode, oError.GetInfo(0).m_nErrorCode);
+      EXPECT_EQ("Failed to write to the disk tile cache", oError.GetInfo(1).m_strMessage);
+    }
+    g_oFailHandler.reset();
+    EXPECT_EQ(oFault.bHandler ? 1 : 0, pHandler->m_nCalls);
+    // The tile that was to go is in memory, modified and whole; the new one did not come in.
+    EXPECT_EQ(vecIds.size(), oCache.GetCounters().m_nTiles);
+    const auto nReads = oCache.GetCounters().m_nRecordsRead;
+    EXPECT_TRUE(oCache.GetTile(vecIds.back(), false)->IsModified());
+    EXPECT_TRUE(Intact(oCache, vecIds.back()));
+    EXPECT_EQ(nReads, oCache.GetCounters().m_nRecordsRead) << "it had to be read back";
 
-  // The process goes on: with room on disk the same registration succeeds and nothing is lost.
-  oLimit.Lift();
-  vecIds.push_back(m_oCache.RegisterTile(pPending));
-  Fill(*m_oCache.GetTile(vecIds.back(), true), vecIds.back(), EContent::eNoise);
-  for (unsigned int nId : vecIds)
-    EXPECT_TRUE(Intact(nId));
+    // With room on disk the same registration goes through and nothing is lost.
+    oLimit.Lift();
+    vecIds.push_back(oCache.RegisterTile(pPending));
+    Fill(*oCache.GetTile(vecIds.back(), true), vecIds.back(), EContent::eNoise);
+    for (unsigned int nId : vecIds)
+      EXPECT_TRUE(Intact(oCache, nId)) << nId;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-  TileCacheFaultTest, CWriteFaultTest,
-  ::testing::Values(SWriteFault{0, 0, "Failed to write to a file", EFBIG},
-                    SWriteFault{g_nSlot + 1000, 0, "Failed to write enough data to a file", 0},
-                    SWriteFault{g_nSlot + 1000, 1, "Failed to write enough data to a file", 0}));
-
-TEST_F(CTileCacheFaultTest, FailHandlerThatMakesRoomRescuesTheSpill)
+TEST(TileCacheFaultTest, FailHandlerThatMakesRoomRescuesTheSpill)
 {
+  SSmallCache oSmall;
+  CTileCache& oCache = oSmall.m_oCache;
   CFileSizeLimit oLimit(static_cast<rlim_t>(g_nSlot + 1000));
   const auto pHandler = boost::make_shared<CFaultHandler>(true, &oLimit);
   g_oFailHandler = pHandler;
   std::vector<unsigned int> vecIds;
   for (int i = 0; i < 4; ++i)
-    vecIds.push_back(AddTile(MakeTile<float>(512, 256)));
+    vecIds.push_back(AddTile(oCache, MakeTile<float>(512, 256)));
   EXPECT_EQ(1, pHandler->m_nCalls);
-  EXPECT_EQ(m_oCache.GetTile(vecIds[0], false)->GetFile(), pHandler->m_nFile);
+  EXPECT_EQ(oCache.GetTile(vecIds[0], false)->GetFile(), pHandler->m_nFile);
   for (unsigned int nId : vecIds)
-    EXPECT_TRUE(Intact(nId));
+    EXPECT_TRUE(Intact(oCache, nId)) << nId;
 }
 
-TEST_F(CTileCacheFaultTest, ShortReadReportsBothEntriesAndTheNextGetTileTriesAgain)
+TEST(TileCacheFaultTest, ShortReadReportsBothEntriesAndTheNextGetTileTriesAgain)
 {
+  SSmallCache oSmall;
+  CTileCache& oCache = oSmall.m_oCache;
   std::vector<unsigned int> vecIds;
   for (int i = 0; i < 3; ++i)
-    vecIds.push_back(AddTile(MakeTile<float>(512, 256)));
-  m_oCache.SetMemoryBudget(0);
-  int nFile = -1;
-  long long nOffset = -1;
-  {
-    const auto pTile = m_oCache.GetTile(vecIds[1], false);
-    nFile = pTile->GetFile();
-    nOffset = pTile->GetFileOffset();
-  }
-  m_oCache.SetMemoryBudget(0);
+    vecIds.push_back(AddTile(oCache, MakeTile<float>(512, 256)));
+  oCache.SetMemoryBudget(0);
+  const int nFile = oCache.GetTile(vecIds[1], false)->GetFile();
+  const long long nCut = oCache.GetTile(vecIds[1], false)->GetFileOffset() + 1000;
+  oCache.SetMemoryBudget(0);  // out again, without a write: it is clean
 
   // Cut the file inside the record, keeping what is cut for later.
   struct stat oStat{};
-  ASSERT_EQ(0, ::fstat(nFile, &oStat));
-  std::vector<char> vecTail(static_cast<std::size_t>(oStat.st_size - nOffset - 1000));
-  ASSERT_EQ(static_cast<ssize_t>(vecTail.size()), ::pread(nFile, vecTail.data(), vecTail.size(), nOffset + 1000));
-  ASSERT_EQ(0, ::ftruncate(nFile, nOffset + 1000));
+  ::fstat(nFile, &oStat);
+  std::vector<char> vecCut(static_cast<std::size_t>(oStat.st_size - nCut));
+  ASSERT_EQ(static_cast<ssize_t>(vecCut.size()), ::pread(nFile, vecCut.data(), vecCut.size(), nCut));
+  ASSERT_EQ(0, ::ftruncate(nFile, nCut));
   try
   {
-    m_oCache.GetTile(vecIds[1], false);
+    oCache.GetTile(vecIds[1], false);
     FAIL() << "nothing raised";
   }
   catch (const CFileioError& oError)
@@ -183,11 +169,10 @@ TEST_F(CTileCacheFaultTest, ShortReadReportsBothEntriesAndTheNextGetTileTriesAga
     EXPECT_EQ("Failed to read enough bytes from a file", oError.GetInfo(0).m_strMessage);
     EXPECT_EQ("Failed to read from the disk tile cache", oError.GetInfo(1).m_strMessage);
   }
-  EXPECT_EQ(0u, m_oCache.GetCounters().m_nResidentTiles);
-  EXPECT_EQ(0u, m_oCache.GetCounters().m_nResidentBytes);
+  EXPECT_EQ(0u, oCache.GetCounters().m_nResidentBytes);
 
   // The fault passes: the record is still the truth.
-  ASSERT_EQ(static_cast<ssize_t>(vecTail.size()), ::pwrite(nFile, vecTail.data(), vecTail.size(), nOffset + 1000));
+  ASSERT_EQ(static_cast<ssize_t>(vecCut.size()), ::pwrite(nFile, vecCut.data(), vecCut.size(), nCut));
   for (unsigned int nId : vecIds)
-    EXPECT_TRUE(Intact(nId));
+    EXPECT_TRUE(Intact(oCache, nId)) << nId;
 }

@@ -8,7 +8,6 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <map>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,32 +15,29 @@
 using namespace Orl::Test;
 using Orl::Harnel::Fileio::CFileioError;
 using Orl::Ostrel::Band::Detail::EncodeTileRecord;
-using Orl::Ostrel::Band::Detail::GetTileRecordCapacity;
 using Orl::Ostrel::Band::Detail::GetTileRecordRest;
 
 namespace {
 
-class CRecordFile
+// The three ways a tile writes and reads records: plain, buffered, buffered positional.
+enum EWay
 {
-public:
-  CRecordFile()
-  {
-    m_nFile = ::open((m_oDirectory.GetPath() + "/records").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-    EXPECT_GE(m_nFile, 0);
-  }
-  ~CRecordFile() { ::close(m_nFile); }
-  int Get() const { return m_nFile; }
-  long long GetSize() const
-  {
-    struct stat oStat;
-    ::fstat(m_nFile, &oStat);
-    return oStat.st_size;
-  }
-
-private:
-  CScratchDirectory m_oDirectory;
-  int m_nFile = -1;
+  ePlain,
+  eBuffered,
+  eBufferedAt
 };
+
+void _Write(CTileBase& oTile, EWay eWay, char* pBuffer)
+{
+  eWay == ePlain ? oTile.WriteBinary()
+                 : eWay == eBuffered ? oTile.WriteBinaryWithBuffer(pBuffer) : oTile.WriteBinaryWithBufferAt(pBuffer);
+}
+
+void _Read(CTileBase& oTile, EWay eWay, char* pBuffer)
+{
+  eWay == ePlain ? oTile.ReadBinary()
+                 : eWay == eBuffered ? oTile.ReadBinaryWithBuffer(pBuffer) : oTile.ReadBinaryWithBufferAt(pBuffer);
+}
 
 std::int32_t _Header(const std::vector<char>& vecBuffer)
 {
@@ -50,46 +46,18 @@ std::int32_t _Header(const std::vector<char>& vecBuffer)
   return nHeader;
 }
 
-// The ways a tile writes and reads its records; each pair has to agree with itself, and the buffered
-// pairs with each other.
-enum class EWay
+struct SRecordFile
 {
-  ePlain,
-  eBuffered,
-  eBufferedAt
+  CScratchDirectory m_oDirectory;
+  int m_nFile = ::open((m_oDirectory.GetPath() + "/records").c_str(), O_RDWR | O_CREAT, 0600);
+  ~SRecordFile() { ::close(m_nFile); }
+  long long GetSize() const
+  {
+    struct stat oStat;
+    ::fstat(m_nFile, &oStat);
+    return oStat.st_size;
+  }
 };
-
-void _Write(CTileBase& oTile, EWay eWay, std::vector<char>& vecBuffer)
-{
-  switch (eWay)
-  {
-  case EWay::ePlain:
-    oTile.WriteBinary();
-    break;
-  case EWay::eBuffered:
-    oTile.WriteBinaryWithBuffer(vecBuffer.data());
-    break;
-  case EWay::eBufferedAt:
-    oTile.WriteBinaryWithBufferAt(vecBuffer.data());
-    break;
-  }
-}
-
-void _Read(CTileBase& oTile, EWay eWay, std::vector<char>& vecBuffer)
-{
-  switch (eWay)
-  {
-  case EWay::ePlain:
-    oTile.ReadBinary();
-    break;
-  case EWay::eBuffered:
-    oTile.ReadBinaryWithBuffer(vecBuffer.data());
-    break;
-  case EWay::eBufferedAt:
-    oTile.ReadBinaryWithBufferAt(vecBuffer.data());
-    break;
-  }
-}
 
 template <class TPixel>
 class TileRecordTest : public ::testing::Test
@@ -103,160 +71,108 @@ TYPED_TEST(TileRecordTest, RecordsRoundTripForFullAndEdgeTilesOfAnyContent)
 {
   // A full tile is 524288 bytes whatever the pixel type; edge tiles are anything smaller.
   const unsigned int nFullX = 2048 / sizeof(TypeParam);
-  const struct
-  {
-    unsigned int nSizeX, nSizeY;
-  } aSizes[] = {{nFullX, 256}, {nFullX - 1, 255}, {37, 13}, {1, 1}, {nFullX, 1}};
-  const std::pair<EWay, EWay> aWays[] = {{EWay::ePlain, EWay::ePlain},
-                                         {EWay::eBuffered, EWay::eBuffered},
-                                         {EWay::eBuffered, EWay::eBufferedAt},
-                                         {EWay::eBufferedAt, EWay::eBuffered}};
-  CRecordFile oFile;
+  const unsigned int aSizes[][2] = {{nFullX, 256}, {nFullX - 1, 255}, {37, 13}, {1, 1}};
+  const EWay aWays[][2] = {{ePlain, ePlain}, {eBuffered, eBuffered}, {eBuffered, eBufferedAt}, {eBufferedAt, eBuffered}};
+  SRecordFile oFile;
   std::uint64_t nSeed = 1;
-  for (const auto& oSize : aSizes)
+  for (const auto& aSize : aSizes)
     for (EContent eContent : {EContent::eConstant, EContent::eNoise})
-      for (const auto& oWays : aWays)
+      for (const auto& aWay : aWays)
       {
-        ++nSeed;
-        const auto pWritten = MakeTile<TypeParam>(oSize.nSizeX, oSize.nSizeY);
-        const auto pRead = MakeTile<TypeParam>(oSize.nSizeX, oSize.nSizeY);
-        const unsigned long nCapacity = pWritten->GetRecordCapacity();
-        std::vector<char> vecBuffer(nCapacity);
-        Fill(*pWritten, nSeed, eContent);
+        const auto pWritten = MakeTile<TypeParam>(aSize[0], aSize[1]);
+        const auto pRead = MakeTile<TypeParam>(aSize[0], aSize[1]);
+        std::vector<char> vecBuffer(pWritten->GetRecordCapacity());
+        Fill(*pWritten, ++nSeed, eContent);
+        // Behind other bytes, at an offset that is not a multiple of a slot.
+        pWritten->SetFileLocation(oFile.m_nFile, 1024);
+        pRead->SetFileLocation(oFile.m_nFile, 1024);
+        ASSERT_EQ(0, ::ftruncate(oFile.m_nFile, 0));
         pWritten->SetModified(true);
-        // An offset that is not a multiple of the slot, behind bytes that must stay.
-        pWritten->SetFileLocation(oFile.Get(), 1024);
-        pRead->SetFileLocation(oFile.Get(), 1024);
-        ASSERT_EQ(0, ::ftruncate(oFile.Get(), 0));
-
-        _Write(*pWritten, oWays.first, vecBuffer);
+        _Write(*pWritten, aWay[0], vecBuffer.data());
         EXPECT_FALSE(pWritten->IsModified());
-        const long long nRecord = oFile.GetSize() - 1024;
-        if (oWays.first == EWay::ePlain)
-          EXPECT_EQ(pWritten->GetMemorySize(), nRecord);
-        else
-        {
-          EXPECT_EQ(0, nRecord % 512);
-          EXPECT_LE(nRecord, static_cast<long long>(nCapacity));
-          // Noise never compresses into fewer bytes than it has.
-          if (eContent == EContent::eNoise && pWritten->GetMemorySize() > 64)
-          {
-            EXPECT_EQ(0, _Header(vecBuffer));
-          }
-        }
 
+        const long long nRecord = oFile.GetSize() - 1024;
+        if (aWay[0] == ePlain)
+          EXPECT_EQ(pWritten->GetMemorySize(), nRecord);
+        else if (eContent == EContent::eNoise && pWritten->GetMemorySize() > 64)
+          EXPECT_TRUE(nRecord == static_cast<long long>(vecBuffer.size()) && _Header(vecBuffer) == 0) << nRecord;
+        else
+          EXPECT_TRUE(nRecord % 512 == 0 && nRecord <= static_cast<long long>(vecBuffer.size())) << nRecord;
+
+        // Read over pixels in memory: in place, and clean afterwards.
+        void* const pData = pRead->GetDataLocation();
         pRead->SetModified(true);
-        _Read(*pRead, oWays.second, vecBuffer);
-        EXPECT_TRUE(Holds(*pRead, nSeed, eContent))
-          << oSize.nSizeX << "x" << oSize.nSizeY << " ways " << int(oWays.first) << "," << int(oWays.second);
+        _Read(*pRead, aWay[1], vecBuffer.data());
+        EXPECT_TRUE(Holds(*pRead, nSeed, eContent)) << aSize[0] << "x" << aSize[1] << " ways " << aWay[0] << aWay[1];
+        EXPECT_EQ(pData, pRead->GetDataLocation());
         EXPECT_FALSE(pRead->IsModified());
       }
 }
 
-TEST(TileRecordTest, CompressedPayloadUpTo508BytesTakesOneBlockAnd509TakesTwo)
+TEST(TileRecordTest, PayloadsUpTo508BytesTakeOneBlockAndLongerOnesMore)
 {
-  // Noise followed by a constant run compresses to about the noise's length: look for the lengths that
-  // give payloads of exactly 508 and 509 bytes.
+  // Noise followed by a constant run compresses to about the noise's length plus the run's: look for
+  // noise lengths that give payloads of exactly 508 and 509 bytes.
   const auto pTile = MakeTile<unsigned char>(256, 256);
   std::vector<char> vecBuffer(pTile->GetRecordCapacity());
-  std::map<std::int32_t, unsigned long> mapRecordLength;
+  std::map<std::int32_t, std::pair<unsigned long, unsigned long> > mapLengthAndRest;
   for (std::size_t nNoise = 100; nNoise < 540; ++nNoise)
   {
     Fill(*pTile, 3, EContent::eConstant);
-    const std::vector<char> vecNoise = MakeBytes(nNoise, 5, EContent::eNoise);
-    std::memcpy(pTile->GetDataLocation(), vecNoise.data(), nNoise);
+    std::memcpy(pTile->GetDataLocation(), MakeBytes(nNoise, 5, EContent::eNoise).data(), nNoise);
     const unsigned long nLength = EncodeTileRecord(pTile->GetDataLocation(), pTile->GetMemorySize(), vecBuffer.data());
-    mapRecordLength[_Header(vecBuffer)] = nLength;
-    if (_Header(vecBuffer) == 508 || _Header(vecBuffer) == 509)
-    {
-      EXPECT_EQ(nLength - 512, GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize()));
-    }
+    mapLengthAndRest[_Header(vecBuffer)] = {nLength, GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize())};
   }
-  ASSERT_TRUE(mapRecordLength.count(508) && mapRecordLength.count(509)) << "no such noise length found";
-  EXPECT_EQ(512u, mapRecordLength[508]);
-  EXPECT_EQ(1024u, mapRecordLength[509]);
+  ASSERT_TRUE(mapLengthAndRest.count(508) && mapLengthAndRest.count(509)) << "no such noise length found";
+  EXPECT_EQ(std::make_pair(512ul, 0ul), mapLengthAndRest[508]);
+  EXPECT_EQ(std::make_pair(1024ul, 512ul), mapLengthAndRest[509]);
+
+  const auto pFull = MakeTile<float>(512, 256);
+  Fill(*pFull, 9, EContent::eNoise);
+  std::vector<char> vecFull(pFull->GetRecordCapacity());
+  EXPECT_EQ(524800u, EncodeTileRecord(pFull->GetDataLocation(), pFull->GetMemorySize(), vecFull.data()));
+  EXPECT_EQ(524800u - 512, GetTileRecordRest(vecFull.data(), pFull->GetMemorySize()));
 }
 
-TEST(TileRecordTest, IncompressibleFullTileTakesItsBytesPlusHeaderRoundedUp)
+TEST(TileRecordTest, FileFailuresCarryBothEntriesAndLeavePixelsAndFlag)
 {
-  const auto pTile = MakeTile<float>(512, 256);
-  Fill(*pTile, 9, EContent::eNoise);
-  std::vector<char> vecBuffer(pTile->GetRecordCapacity());
-  EXPECT_EQ(524800u, vecBuffer.size());
-  EXPECT_EQ(524800u, EncodeTileRecord(pTile->GetDataLocation(), pTile->GetMemorySize(), vecBuffer.data()));
-  EXPECT_EQ(0, _Header(vecBuffer));
-  EXPECT_EQ(524800u - 512, GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize()));
-  EXPECT_EQ(512u, GetTileRecordCapacity(508));
-  EXPECT_EQ(1024u, GetTileRecordCapacity(509));
-}
-
-TEST(TileRecordTest, PlainReadOfAResidentTileReadsInPlace)
-{
-  CRecordFile oFile;
-  const auto pTile = MakeTile<short>(100, 100);
-  pTile->SetFileLocation(oFile.Get(), 0);
-  Fill(*pTile, 4, EContent::eNoise);
-  pTile->WriteBinary();
-  void* const pData = pTile->GetDataLocation();
-  Fill(*pTile, 5, EContent::eNoise);
-  pTile->SetModified(true);
-  pTile->ReadBinary();
-  EXPECT_EQ(pData, pTile->GetDataLocation());
-  EXPECT_TRUE(Holds(*pTile, 4, EContent::eNoise));
-  EXPECT_FALSE(pTile->IsModified());
-}
-
-TEST(TileRecordTest, FailedWritesCarryBothEntriesAndKeepPixelsAndFlag)
-{
-  CRecordFile oFile;
-  const int nReadOnly = ::open(("/proc/self/fd/" + std::to_string(oFile.Get())).c_str(), O_RDONLY);
-  ASSERT_GE(nReadOnly, 0);
-  const std::pair<EWay, const char*> aCases[] = {{EWay::ePlain, "Failed to write the tile cache"},
-                                                 {EWay::eBuffered, "Failed to write to the disk tile cache"},
-                                                 {EWay::eBufferedAt, "Failed to write to the disk tile cache"}};
-  for (const auto& oCase : aCases)
-  {
-    const auto pTile = MakeTile<double>(64, 64);
-    Fill(*pTile, 6, EContent::eNoise);
-    pTile->SetModified(true);
-    pTile->SetFileLocation(nReadOnly, 0);
-    std::vector<char> vecBuffer(pTile->GetRecordCapacity());
-    try
-    {
-      _Write(*pTile, oCase.first, vecBuffer);
-      ADD_FAILURE() << "nothing raised";
-    }
-    catch (const CFileioError& oError)
-    {
-      ASSERT_EQ(2u, oError.GetInfoCount());
-      EXPECT_EQ("Failed to write to a file", oError.GetInfo(0).m_strMessage);
-      EXPECT_EQ(EBADF, oError.GetInfo(0).m_nErrorCode);
-      EXPECT_EQ(oCase.second, oError.GetInfo(1).m_strMessage);
-      EXPECT_EQ(0, oError.GetInfo(1).m_nErrorCode);
-    }
-    EXPECT_TRUE(pTile->IsModified());
-    EXPECT_TRUE(Holds(*pTile, 6, EContent::eNoise));
-  }
-  ::close(nReadOnly);
-}
-
-TEST(TileRecordTest, TruncatedRecordsFailToReadWithBothEntries)
-{
-  for (EWay eWay : {EWay::ePlain, EWay::eBuffered, EWay::eBufferedAt})
+  const char* const aWriteMessages[] = {"Failed to write the tile cache", "Failed to write to the disk tile cache",
+                                        "Failed to write to the disk tile cache"};
+  for (EWay eWay : {ePlain, eBuffered, eBufferedAt})
     for (EContent eContent : {EContent::eConstant, EContent::eNoise})
     {
-      CRecordFile oFile;
+      SRecordFile oFile;
+      const int nReadOnly = ::open(("/proc/self/fd/" + std::to_string(oFile.m_nFile)).c_str(), O_RDONLY);
       const auto pTile = MakeTile<unsigned short>(300, 200);
-      Fill(*pTile, 7, eContent);
-      pTile->SetFileLocation(oFile.Get(), 0);
       std::vector<char> vecBuffer(pTile->GetRecordCapacity());
-      _Write(*pTile, eWay, vecBuffer);
-      // A constant record lies within its first block: cut into that, else into the rest.
-      ASSERT_EQ(0, ::ftruncate(oFile.Get(), eContent == EContent::eConstant ? 100 : 1000));
+      Fill(*pTile, 7, eContent);
+      pTile->SetModified(true);
+      // A write to a descriptor open for reading fails; the tile keeps everything.
+      pTile->SetFileLocation(nReadOnly, 0);
+      try
+      {
+        _Write(*pTile, eWay, vecBuffer.data());
+        ADD_FAILURE() << "nothing raised";
+      }
+      catch (const CFileioError& oError)
+      {
+        ASSERT_EQ(2u, oError.GetInfoCount());
+        EXPECT_EQ("Failed to write to a file", oError.GetInfo(0).m_strMessage);
+        EXPECT_EQ(EBADF, oError.GetInfo(0).m_nErrorCode);
+        EXPECT_EQ(aWriteMessages[eWay], oError.GetInfo(1).m_strMessage);
+      }
+      EXPECT_TRUE(pTile->IsModified());
+      EXPECT_TRUE(Holds(*pTile, 7, eContent));
+      ::close(nReadOnly);
+
+      // A record cut short (a constant one within its first block) fails to read.
+      pTile->SetFileLocation(oFile.m_nFile, 0);
+      _Write(*pTile, eWay, vecBuffer.data());
+      ASSERT_EQ(0, ::ftruncate(oFile.m_nFile, eContent == EContent::eConstant ? 100 : 1000));
       pTile->SetModified(true);
       try
       {
-        _Read(*pTile, eWay, vecBuffer);
+        _Read(*pTile, eWay, vecBuffer.data());
         ADD_FAILURE() << "nothing raised";
       }
       catch (const CFileioError& oError)
@@ -266,6 +182,5 @@ TEST(TileRecordTest, TruncatedRecordsFailToReadWithBothEntries)
         EXPECT_EQ("Failed to read from the disk tile cache", oError.GetInfo(1).m_strMessage);
       }
       EXPECT_TRUE(pTile->IsModified());
-      EXPECT_NE(nullptr, pTile->GetDataLocation());
     }
 }
