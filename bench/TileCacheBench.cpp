@@ -51,11 +51,16 @@ struct SCacheSetup
 {
   CTileCache m_oCache;
   std::vector<unsigned int> m_vecIds;
+  // One block held outside the cache keeps the pool's growth step in use, as the other tiles of a
+  // working process do: otherwise spilling every tile frees the whole step, the allocator gives it
+  // back, and the reload would time the page faults of a fresh step.
+  boost::shared_ptr<CTileBase> m_pBallast;
 
   explicit SCacheSetup(bool bNoise)
   {
     m_oCache.SetMemoryBudget(g_nNoLimit);
     const auto pInfo = boost::make_shared<CTileSourceInfo>(0, 0, 0);
+    m_pBallast = boost::make_shared<CTile<float, CDefaultTileAlloc<float> > >(512, 256, 0, 0, pInfo);
     for (unsigned int i = 0; i < g_nTiles; ++i)
     {
       const auto pTile = boost::make_shared<CTile<float, CDefaultTileAlloc<float> > >(512, 256, 0, 0, pInfo);
