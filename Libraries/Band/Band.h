@@ -3,6 +3,7 @@
 #include "Band/MemoryBandRep.h"
 #include "Band/NoDataValueHint.h"
 #include "Band/Tags.h"
+#include "Band/TileBandRep.h"
 #include "Foundation/Rect.h"
 
 #include <boost/make_shared.hpp>
