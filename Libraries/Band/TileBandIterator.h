@@ -197,7 +197,29 @@ public:
   std::uint32_t GetBlockHintX() const;
   std::uint32_t GetBlockHintY() const;
 
-  // For tests and row walks that take a tile's part of a row at once.
+  // A row run: the pixels from the current one to the current tile's right edge lie one after the
+  // other from &*it, so that walks can take them as a plain array. Only while attached. AdvanceX(n),
+  // with n at most GetRunLength(), is n steps of ++X.
+  int GetRunLength() const
+  {
+    assert(m_pTile);
+    return m_nTileWidth - m_nTileX;
+  }
+  const TPixel* GetRunPointer() const
+  {
+    assert(m_pTile);
+    return m_pPixels + _Index();
+  }
+  void AdvanceX(int nCount)
+  {
+    assert(m_pTile && nCount >= 0 && nCount <= m_nTileWidth - m_nTileX);
+    m_nX += nCount;
+    m_nTileX += nCount;
+    if (m_nTileX == m_nTileWidth)
+      _CrossRight();
+  }
+
+  // For tests.
   bool IsAttached() const { return bool(m_pTile); }
   int GetTileOffsetX() const { return m_nTileX; }
   int GetTileOffsetY() const { return m_nTileY; }
@@ -256,7 +278,7 @@ protected:
     ++m_nX;
     if (!m_pTile)
       return;
-    if (++m_nTileX < m_nTileWidth)
+    if (__builtin_expect(++m_nTileX < m_nTileWidth, 1))
       return;
     _CrossRight();
   }
@@ -265,21 +287,21 @@ protected:
     ++m_nY;
     if (!m_pTile)
       return;
-    if (++m_nTileY < m_nTileHeight)
+    if (__builtin_expect(++m_nTileY < m_nTileHeight, 1))
       return;
     _CrossDown();
   }
   void _DecrementX()
   {
     --m_nX;
-    if (--m_nTileX >= 0)
+    if (__builtin_expect(--m_nTileX >= 0, 1))
       return;
     _CrossLeft();
   }
   void _DecrementY()
   {
     --m_nY;
-    if (--m_nTileY >= 0)
+    if (__builtin_expect(--m_nTileY >= 0, 1))
       return;
     _CrossUp();
   }
@@ -330,6 +352,12 @@ public:
   {
     TBase::operator+=(oOffset);
     return *this;
+  }
+
+  TPixel* GetRunPointer() const
+  {
+    assert(this->m_pTile);
+    return this->m_pPixels + this->_Index();
   }
 };
 

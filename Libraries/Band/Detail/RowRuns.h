@@ -1,0 +1,143 @@
+#pragma once
+
+// Row runs: the stretches of a row whose pixels lie one after the other in memory. A memory band's
+// row is one run to its end; a tile band's row breaks at every tile border. Walks that take a run at
+// once (copies, statistics row loops, the fill-hole filter's row buffers) work on plain arrays, where
+// the per-pixel tile iterator would pay its border test and its memory-held state on every step.
+//
+// SRowRuns<TIterator>: value true where the iterator offers runs, and then
+//   Length(it)      pixels from the current one to the run's end (at least 1, while in the band)
+//   Pointer(it)     &*it, const for read-only iterators
+//   Advance(it, n)  n steps of ++it.X, n at most Length(it)
+
+#include "Band/MemoryBandIterator.h"
+#include "Band/TileBandIterator.h"
+#include "Foundation/Point.h"
+
+#include <algorithm>
+#include <climits>
+#include <type_traits>
+
+namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
+
+template <class TIterator>
+struct SRowRuns : std::false_type
+{
+};
+
+template <class TIterator>
+struct SMemoryRowRuns : std::true_type
+{
+  static int Length(const TIterator&) { return INT_MAX; }
+  static auto Pointer(const TIterator& it) { return &*it; }
+  static void Advance(TIterator& it, int nCount) { it.X += nCount; }
+};
+
+template <class TPixel, class TCoord>
+struct SRowRuns<CMemoryBandIterator<TPixel, TCoord> > : SMemoryRowRuns<CMemoryBandIterator<TPixel, TCoord> >
+{
+};
+template <class TPixel, class TCoord>
+struct SRowRuns<CMutableMemoryBandIterator<TPixel, TCoord> >
+  : SMemoryRowRuns<CMutableMemoryBandIterator<TPixel, TCoord> >
+{
+};
+
+template <class TIterator>
+struct STileRowRuns : std::true_type
+{
+  static int Length(const TIterator& it) { return it.GetRunLength(); }
+  static auto Pointer(const TIterator& it) { return it.GetRunPointer(); }
+  static void Advance(TIterator& it, int nCount) { it.AdvanceX(nCount); }
+};
+
+template <class TPixel, class TCoord, bool bMutable>
+struct SRowRuns<CTileBandIterator<TPixel, TCoord, bMutable> >
+  : STileRowRuns<CTileBandIterator<TPixel, TCoord, bMutable> >
+{
+};
+template <class TPixel, class TCoord>
+struct SRowRuns<CMutableTileBandIterator<TPixel, TCoord> > : STileRowRuns<CMutableTileBandIterator<TPixel, TCoord> >
+{
+};
+
+// Calls fn(pointer, n) for the runs of the nCount pixels from it on, in order, and leaves it nCount
+// pixels further.
+template <class TIterator, class TFn>
+inline void ForEachRowRun(TIterator& it, int nCount, TFn&& fn)
+{
+  using TRuns = SRowRuns<TIterator>;
+  while (nCount > 0)
+  {
+    const int nRun = std::min(nCount, TRuns::Length(it));
+    fn(TRuns::Pointer(it), nRun);
+    TRuns::Advance(it, nRun);
+    nCount -= nRun;
+  }
+}
+
+// The same over two iterators moving in step: fn(pointerA, pointerB, n) for runs that are runs of both.
+template <class TIteratorA, class TIteratorB, class TFn>
+inline void ForEachRowRun(TIteratorA& itA, TIteratorB& itB, int nCount, TFn&& fn)
+{
+  using TRunsA = SRowRuns<TIteratorA>;
+  using TRunsB = SRowRuns<TIteratorB>;
+  while (nCount > 0)
+  {
+    const int nRun = std::min(nCount, std::min(TRunsA::Length(itA), TRunsB::Length(itB)));
+    fn(TRunsA::Pointer(itA), TRunsB::Pointer(itB), nRun);
+    TRunsA::Advance(itA, nRun);
+    TRunsB::Advance(itB, nRun);
+    nCount -= nRun;
+  }
+}
+
+// The rows of an nWidth x nHeight rectangle from it, its top-left pixel: fnRun(pointer, n) for each run
+// of a row in order, fnRowEnd() after each row. One iterator goes through the whole rectangle and never
+// past its last column: it comes back to the next row's start with +=, so that a tile iterator finds
+// the tiles of a block up to four tiles across in its own slots, row after row, instead of fetching
+// them again as a fresh copy per row would.
+template <class TIterator, class TRunFn, class TRowFn>
+inline void WalkRectRuns(TIterator it, int nWidth, int nHeight, TRunFn&& fnRun, TRowFn&& fnRowEnd)
+{
+  using TRuns = SRowRuns<TIterator>;
+  for (int nRow = 0; nRow < nHeight; ++nRow)
+  {
+    if (nRow != 0)
+      it += Pravik::GraphObject2d::CPoint<int>(1 - nWidth, 1);
+    for (int nLeft = nWidth; nLeft > 0;)
+    {
+      const int nRun = std::min(nLeft, TRuns::Length(it));
+      fnRun(TRuns::Pointer(it), nRun);
+      nLeft -= nRun;
+      TRuns::Advance(it, nLeft == 0 ? nRun - 1 : nRun);
+    }
+    fnRowEnd();
+  }
+}
+
+// The same over two rectangles of one size, moving in step: fnRun(pointerA, pointerB, n).
+template <class TIteratorA, class TIteratorB, class TRunFn>
+inline void WalkRectRuns(TIteratorA itA, TIteratorB itB, int nWidth, int nHeight, TRunFn&& fnRun)
+{
+  using TRunsA = SRowRuns<TIteratorA>;
+  using TRunsB = SRowRuns<TIteratorB>;
+  for (int nRow = 0; nRow < nHeight; ++nRow)
+  {
+    if (nRow != 0)
+    {
+      itA += Pravik::GraphObject2d::CPoint<int>(1 - nWidth, 1);
+      itB += Pravik::GraphObject2d::CPoint<int>(1 - nWidth, 1);
+    }
+    for (int nLeft = nWidth; nLeft > 0;)
+    {
+      const int nRun = std::min(nLeft, std::min(TRunsA::Length(itA), TRunsB::Length(itB)));
+      fnRun(TRunsA::Pointer(itA), TRunsB::Pointer(itB), nRun);
+      nLeft -= nRun;
+      TRunsA::Advance(itA, nLeft == 0 ? nRun - 1 : nRun);
+      TRunsB::Advance(itB, nLeft == 0 ? nRun - 1 : nRun);
+    }
+  }
+}
+
+}}}} // namespace Orl::Ostrel::Band::Detail
