@@ -1,4 +1,5 @@
 #include "Band/Band.h"
+#include "Band/Detail/RowRuns.h"
 #include "Support/PixelTypes.h"
 #include "TileBandSupport.h"
 
@@ -124,6 +125,41 @@ TYPED_TEST(TileIteratorTest, RectangleWalkWritesTheRectangle)
                            y < oRect.GetEnd().y;
       ASSERT_EQ(tValue, bInside ? TypeParam(1 + int(x) - nTX + 10 * (int(y) - nTY + 2)) : TypeParam(0)) << x << ", " << y;
     }
+}
+
+// Run walks over rectangles cut the rows at tile borders and nowhere else, and see the same pixels in
+// the same order as a memory band's single runs.
+TYPED_TEST(TileIteratorTest, RectangleRunsMatchMemory)
+{
+  const int nTX = this->ms_nTX, nTY = this->ms_nTY;
+  const int nWidth = 3 * nTX + 5, nHeight = nTY + 9;
+  CBand<TypeParam, STileTag> oTiles(nWidth, nHeight);
+  CBand<TypeParam, SMemoryTag> oMemory(nWidth, nHeight);
+  Orl::Test::FillNumbered(oTiles);
+  Orl::Test::FillNumbered(oMemory);
+  const CRect aRects[] = {CRect(0, 0, nWidth, nHeight), CRect(nTX - 1, nTY - 2, 2 * nTX + 2, 5),
+                          CRect(nTX, 3, nTX, 1), CRect(nWidth - 1, 0, 1, nHeight), CRect(5, 5, 0, 3)};
+  for (const CRect& oRect : aRects)
+  {
+    std::vector<TypeParam> vecTiles, vecMemory;
+    std::vector<int> vecRuns;
+    const auto oTileIts = static_cast<const CBand<TypeParam, STileTag>&>(oTiles).GetBandIterators(oRect);
+    Detail::WalkRectRuns(
+      boost::get<0>(oTileIts), int(oRect.GetWidth()), int(oRect.GetHeight()),
+      [&](const TypeParam* p, int n) {
+        vecTiles.insert(vecTiles.end(), p, p + n);
+        vecRuns.push_back(n);
+      },
+      [] {});
+    auto oMemIts = oMemory.GetBandIterators(oRect);
+    Detail::WalkRectRuns(
+      boost::get<0>(oMemIts), int(oRect.GetWidth()), int(oRect.GetHeight()),
+      [&](TypeParam* p, int n) { vecMemory.insert(vecMemory.end(), p, p + n); }, [] {});
+    EXPECT_EQ(vecTiles, vecMemory) << oRect;
+    const int nStart = int(oRect.GetStart().x), nEnd = int(oRect.GetEnd().x);
+    const int nBorders = nEnd == nStart ? 0 : (nEnd - 1) / nTX - nStart / nTX;
+    EXPECT_EQ(vecRuns.size(), oRect.GetWidth() == 0 ? 0u : std::size_t(nBorders + 1) * oRect.GetHeight()) << oRect;
+  }
 }
 
 class TileMarkingTest : public ::testing::Test

@@ -103,7 +103,7 @@ inline void WalkRectRuns(TIterator it, int nWidth, int nHeight, TRunFn&& fnRun, 
   using TRuns = SRowRuns<TIterator>;
   for (int nRow = 0; nRow < nHeight; ++nRow)
   {
-    if (nRow != 0)
+    if (nRow != 0 && nWidth > 0)
       it += Pravik::GraphObject2d::CPoint<int>(1 - nWidth, 1);
     for (int nLeft = nWidth; nLeft > 0;)
     {
@@ -122,7 +122,7 @@ inline void WalkRectRuns(TIteratorA itA, TIteratorB itB, int nWidth, int nHeight
 {
   using TRunsA = SRowRuns<TIteratorA>;
   using TRunsB = SRowRuns<TIteratorB>;
-  for (int nRow = 0; nRow < nHeight; ++nRow)
+  for (int nRow = 0; nRow < nHeight && nWidth > 0; ++nRow)
   {
     if (nRow != 0)
     {
