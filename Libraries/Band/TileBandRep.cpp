@@ -191,8 +191,22 @@ void CTileBandRep<TPixel>::_PrefetchLoop()
       const unsigned int nX = (nIndex % m_nTilesPerRow) * m_nTileSizeX;
       const unsigned int nY = (nIndex / m_nTilesPerRow) * m_nTileSizeY;
       boost::unique_lock<boost::mutex> oLock(m_oMutex);
-      if (!m_oLocalCache.FindItem(nIndex))
-        _GetTileLocked(nIndex, nX, nY, false);
+      if (m_oLocalCache.FindItem(nIndex))
+        continue;
+      // A tile that exists is read back from disk first without this band's lock, which GetTile would
+      // hold for the whole read: readers of the band's other tiles go on meanwhile. Held here, the
+      // tile stays in memory until the locked path below finds it there.
+      const std::uint32_t nId = m_vTileIds[nIndex];
+      if (nId != 0)
+      {
+        const boost::shared_ptr<CTileCache> pTileCache = m_pTileCache;
+        oLock.unlock();
+        const boost::shared_ptr<Detail::CTileBase> pWarm = pTileCache->GetTile(nId, false);
+        oLock.lock();
+        if (m_oLocalCache.FindItem(nIndex))
+          continue;
+      }
+      _GetTileLocked(nIndex, nX, nY, false);
     }
     catch (const Harnel::CBasicException&)
     {
