@@ -61,8 +61,8 @@ struct SRowRuns<CMutableTileBandIterator<TPixel, TCoord> > : STileRowRuns<CMutab
 {
 };
 
-// Calls fn(pointer, n) for the runs of the nCount pixels from it on, in order, and leaves it nCount
-// pixels further.
+// Calls fn(pointer, n) for the runs of the nCount pixels from it on, in order, and leaves it on the
+// last of them: a step beyond would fetch the next tile for nothing.
 template <class TIterator, class TFn>
 inline void ForEachRowRun(TIterator& it, int nCount, TFn&& fn)
 {
@@ -71,24 +71,8 @@ inline void ForEachRowRun(TIterator& it, int nCount, TFn&& fn)
   {
     const int nRun = std::min(nCount, TRuns::Length(it));
     fn(TRuns::Pointer(it), nRun);
-    TRuns::Advance(it, nRun);
     nCount -= nRun;
-  }
-}
-
-// The same over two iterators moving in step: fn(pointerA, pointerB, n) for runs that are runs of both.
-template <class TIteratorA, class TIteratorB, class TFn>
-inline void ForEachRowRun(TIteratorA& itA, TIteratorB& itB, int nCount, TFn&& fn)
-{
-  using TRunsA = SRowRuns<TIteratorA>;
-  using TRunsB = SRowRuns<TIteratorB>;
-  while (nCount > 0)
-  {
-    const int nRun = std::min(nCount, std::min(TRunsA::Length(itA), TRunsB::Length(itB)));
-    fn(TRunsA::Pointer(itA), TRunsB::Pointer(itB), nRun);
-    TRunsA::Advance(itA, nRun);
-    TRunsB::Advance(itB, nRun);
-    nCount -= nRun;
+    TRuns::Advance(it, nCount == 0 ? nRun - 1 : nRun);
   }
 }
 
