@@ -20,6 +20,7 @@
 // calling thread; the progress layer then stays pushed, as with every layer.
 
 #include "Band/Detail/RowWalk.h"
+#include "Band/Detail/ThreadSanitizer.h"
 #include "Foundation/Logger.h"
 #include "Foundation/Point.h"
 #include "Internationalisation/Translator.h"
@@ -61,7 +62,7 @@ struct SValidDataPredicate
 // The body of the reduction. m_oFunctor is kept unchanged as the pattern that split bodies take
 // their empty state from; m_oResult is the running result, and the only thing operator() changes.
 template <class TIterator, class TPredicate, class TFunctor>
-class CApplyForEachIf
+class CApplyForEachIf : private SHandOver
 {
 public:
   using TLoggerPtr = boost::shared_ptr<Harnel::Progress::CLogger>;
@@ -71,17 +72,23 @@ public:
     : m_itBegin(itBegin), m_itEnd(itEnd), m_oPredicate(oPredicate), m_oFunctor(oFunctor), m_oResult(oFunctor),
       m_pLogger(pLogger)
   {
+    ORL_TSAN_RELEASE(this);
   }
   // A split body never copies the running values: they would be counted twice at the join.
   CApplyForEachIf(CApplyForEachIf& oOther, tbb::split)
-    : m_itBegin(oOther.m_itBegin), m_itEnd(oOther.m_itEnd), m_oPredicate(oOther.m_oPredicate),
+    : SHandOver(&oOther), m_itBegin(oOther.m_itBegin), m_itEnd(oOther.m_itEnd), m_oPredicate(oOther.m_oPredicate),
       m_oFunctor(oOther.m_oFunctor, Harnel::Math::SEmptyState()), m_oResult(m_oFunctor), m_pLogger(oOther.m_pLogger)
   {
+    ORL_TSAN_RELEASE(this);
   }
+  CApplyForEachIf(const CApplyForEachIf&) = delete;
+  CApplyForEachIf& operator=(const CApplyForEachIf&) = delete;
+  ~CApplyForEachIf() { ORL_TSAN_ACQUIRE(this); }
 
   void operator()(const tbb::blocked_range2d<int, int>& oRange) const
   {
     using Pravik::GraphObject2d::CPoint;
+    ORL_TSAN_ACQUIRE(this);
     TIterator itRow = m_itBegin;
     itRow += CPoint<int>(oRange.cols().begin(), oRange.rows().begin());
     TIterator itStop = m_itBegin;
@@ -92,9 +99,16 @@ public:
     if (m_pLogger) // every pixel walked counts, also those the predicate left out
       m_pLogger->IncrementProgress(double(std::uint64_t(oRange.rows().size())) *
                                    double(std::uint64_t(oRange.cols().size())));
+    ORL_TSAN_RELEASE(this);
   }
 
-  void join(CApplyForEachIf& oRight) { m_oResult.Join(oRight.m_oResult); }
+  void join(CApplyForEachIf& oRight)
+  {
+    ORL_TSAN_ACQUIRE(this);
+    ORL_TSAN_ACQUIRE(&oRight);
+    m_oResult.Join(oRight.m_oResult);
+    ORL_TSAN_RELEASE(this);
+  }
 
   TIterator m_itBegin;
   TIterator m_itEnd;
@@ -129,6 +143,7 @@ TFunctor ParallelForEach(const boost::tuples::tuple<TIterator, TIterator>& oRang
     const tbb::blocked_range2d<int, int> oRange(0, nRows, itBegin.GetBlockHintY(), 0, nColumns, itBegin.GetBlockHintX());
     tbb::task_group_context oContext; // bound to the caller's, exceptions propagate exactly
     tbb::parallel_reduce(oRange, oBody, tbb::auto_partitioner(), oContext);
+    ORL_TSAN_ACQUIRE(&oBody);
   }
   if (pLogger)
     pLogger->Pop();

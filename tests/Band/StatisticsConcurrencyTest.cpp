@@ -2,18 +2,31 @@
 // identical however the scheduler splits and joins; sums may differ only in rounding. Also built
 // under ThreadSanitizer.
 #include "Band/Band.h"
+#include "Band/Detail/ThreadSanitizer.h"
 #include "Foundation/Logger.h"
 #include "StatisticsSupport.h"
 #include "Support/PixelTypes.h"
 
 #include <gtest/gtest.h>
 
-#include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
 #include <cmath>
 #include <limits>
+#include <thread>
 #include <vector>
+
+#ifdef ORL_THREAD_SANITIZER
+// libtbb is not instrumented: races whose innermost frame is the scheduler's own header code (its
+// partitioners and task nodes) are hand-overs TSan cannot see. Our bodies mark theirs (see
+// Band/Detail/ThreadSanitizer.h); races in our code are still reported.
+extern "C" const char* __tsan_default_suppressions()
+{
+  return "race_top:/oneapi/tbb/\n"          // by file: inlined frames are named without their namespace
+         "race_top:std::__atomic_base<\n"  // the scheduler's node counters, inlined from <atomic>
+         "called_from_lib:libtbb.so\n";    // its pools clear recycled task memory with memset
+}
+#endif
 
 namespace {
 
@@ -85,18 +98,25 @@ TYPED_TEST(StatisticsConcurrencyTest, OneThreadAndDefaultArenaAgree)
 }
 
 // Bands asked for statistics from several threads at once, each band by one thread, while the
-// computations themselves are parallel.
+// computations themselves are parallel on the shared scheduler.
 TEST(StatisticsConcurrencyTest, GettersOnSeparateBandsRunConcurrently)
 {
   std::vector<CBand<float, SMemoryTag>> vecBands;
   for (unsigned i = 0; i < 6; ++i)
     vecBands.push_back(Orl::Test::MakeRandomBand<float>(200, 150 + i, i, i % 2 == 0));
   std::vector<double> vecMedians(vecBands.size());
-  tbb::parallel_for(std::size_t(0), vecBands.size(), [&](std::size_t i) {
-    double dMean, dVariance;
-    vecBands[i].GetMeanVariance(dMean, dVariance);
-    vecMedians[i] = vecBands[i].GetMedian();
-  });
+  std::vector<std::thread> vecThreads;
+  for (std::size_t nFirst = 0; nFirst < vecBands.size(); nFirst += 2)
+    vecThreads.emplace_back([&, nFirst] {
+      for (std::size_t i = nFirst; i < nFirst + 2; ++i)
+      {
+        double dMean, dVariance;
+        vecBands[i].GetMeanVariance(dMean, dVariance);
+        vecMedians[i] = vecBands[i].GetMedian();
+      }
+    });
+  for (auto& oThread : vecThreads)
+    oThread.join();
   for (std::size_t i = 0; i < vecBands.size(); ++i)
   {
     vecBands[i].GetBandIterators(vecBands[i]); // drop the cache, compute again on this thread
