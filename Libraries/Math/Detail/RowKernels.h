@@ -104,32 +104,46 @@ inline TMask ValidMask(TVector vValues, const TPredicate& oPredicate)
     return TMask(vValues != TPixel(oPredicate.GetExcludedValue()));
 }
 
+// Floating lanes the predicate rejects: all bits set, which as a value is a NaN. That is what lets
+// the extremes use the plain forms v < min ? v : min and v > max ? v : max (minps / maxps): a NaN,
+// rejected or a real NaN pixel, never replaces an extreme, exactly as per pixel. With NaN as the
+// excluded value nothing is rejected, since NaN == NaN is false.
+template <class TVector, class TMask, class TPixel, class TPredicate>
+inline TMask RejectedMask(TVector vValues, const TPredicate& oPredicate)
+{
+  if constexpr (std::is_same<TPredicate, SAcceptAll>::value)
+  {
+    (void)vValues;
+    (void)oPredicate;
+    return TMask{};
+  }
+  else
+    return TMask(vValues == TPixel(oPredicate.GetExcludedValue()));
+}
+
 template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
 inline void FloatRow(const float* pRow, std::size_t nLength, const TPredicate& oPredicate, std::uint64_t& nCount,
                      float& tMin, float& tMax, TSum& tSum, TSumSquares& tSumSquares)
 {
-  constexpr bool bAll = std::is_same<TPredicate, SAcceptAll>::value;
   TV4F vMin = TV4F{} + tMin, vMax = TV4F{} + tMax;
   TV2D vSum0 = {}, vSum1 = {}, vSq0 = {}, vSq1 = {};
-  TV4I vCount = {};
+  TV4I vRejected = {};
   const std::size_t nVector = nLength & ~std::size_t(3);
   for (std::size_t i = 0; i < nVector; i += 4)
   {
     TV4F v;
     std::memcpy(&v, pRow + i, sizeof v);
-    const TV4I vValid = ValidMask<TV4F, TV4I, float>(v, oPredicate);
+    const TV4I vReject = RejectedMask<TV4F, TV4I, float>(v, oPredicate);
+    vRejected -= vReject;
     if constexpr (bMinMax)
     {
-      // Same comparisons as per pixel: a NaN never replaces an extreme.
-      vMin = (vValid & (v < vMin)) ? v : vMin;
-      vMax = (vValid & (v > vMax)) ? v : vMax;
+      const TV4F vCandidate = TV4F(TV4I(v) | vReject);
+      vMin = vCandidate < vMin ? vCandidate : vMin;
+      vMax = vCandidate > vMax ? vCandidate : vMax;
     }
-    if constexpr (!bAll)
-      vCount -= vValid;
     if constexpr (bSums)
     {
-      const TV4F vTaken = bAll ? v : TV4F(TV4I(v) & vValid); // invalid lanes add +0.0
-      const TV4D vWide = __builtin_convertvector(vTaken, TV4D);
+      const TV4D vWide = __builtin_convertvector(TV4F(TV4I(v) & ~vReject), TV4D); // rejected lanes add +0.0
       const TV2D v0 = __builtin_shufflevector(vWide, vWide, 0, 1);
       const TV2D v1 = __builtin_shufflevector(vWide, vWide, 2, 3);
       vSum0 += v0;
@@ -138,7 +152,7 @@ inline void FloatRow(const float* pRow, std::size_t nLength, const TPredicate& o
       vSq1 += v1 * v1;
     }
   }
-  nCount += bAll ? nVector : std::uint64_t(vCount[0]) + vCount[1] + vCount[2] + vCount[3];
+  nCount += nVector - (std::uint64_t(vRejected[0]) + vRejected[1] + vRejected[2] + vRejected[3]);
   if constexpr (bMinMax)
     for (int j = 0; j < 4; ++j)
     {
@@ -157,38 +171,36 @@ template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredic
 inline void DoubleRow(const double* pRow, std::size_t nLength, const TPredicate& oPredicate, std::uint64_t& nCount,
                       double& tMin, double& tMax, TSum& tSum, TSumSquares& tSumSquares)
 {
-  constexpr bool bAll = std::is_same<TPredicate, SAcceptAll>::value;
   TV2D vMin0 = TV2D{} + tMin, vMax0 = TV2D{} + tMax, vMin1 = vMin0, vMax1 = vMax0;
   TV2D vSum0 = {}, vSum1 = {}, vSq0 = {}, vSq1 = {};
-  TV2L vCount = {};
+  TV2L vRejected = {};
   const std::size_t nVector = nLength & ~std::size_t(3);
   for (std::size_t i = 0; i < nVector; i += 4)
   {
     TV2D v0, v1;
     std::memcpy(&v0, pRow + i, sizeof v0);
     std::memcpy(&v1, pRow + i + 2, sizeof v1);
-    const TV2L vValid0 = ValidMask<TV2D, TV2L, double>(v0, oPredicate);
-    const TV2L vValid1 = ValidMask<TV2D, TV2L, double>(v1, oPredicate);
+    const TV2L vReject0 = RejectedMask<TV2D, TV2L, double>(v0, oPredicate);
+    const TV2L vReject1 = RejectedMask<TV2D, TV2L, double>(v1, oPredicate);
+    vRejected -= vReject0 + vReject1;
     if constexpr (bMinMax)
     {
-      vMin0 = (vValid0 & (v0 < vMin0)) ? v0 : vMin0;
-      vMax0 = (vValid0 & (v0 > vMax0)) ? v0 : vMax0;
-      vMin1 = (vValid1 & (v1 < vMin1)) ? v1 : vMin1;
-      vMax1 = (vValid1 & (v1 > vMax1)) ? v1 : vMax1;
+      const TV2D vCandidate0 = TV2D(TV2L(v0) | vReject0), vCandidate1 = TV2D(TV2L(v1) | vReject1);
+      vMin0 = vCandidate0 < vMin0 ? vCandidate0 : vMin0;
+      vMax0 = vCandidate0 > vMax0 ? vCandidate0 : vMax0;
+      vMin1 = vCandidate1 < vMin1 ? vCandidate1 : vMin1;
+      vMax1 = vCandidate1 > vMax1 ? vCandidate1 : vMax1;
     }
-    if constexpr (!bAll)
-      vCount -= vValid0 + vValid1;
     if constexpr (bSums)
     {
-      const TV2D vTaken0 = bAll ? v0 : TV2D(TV2L(v0) & vValid0);
-      const TV2D vTaken1 = bAll ? v1 : TV2D(TV2L(v1) & vValid1);
+      const TV2D vTaken0 = TV2D(TV2L(v0) & ~vReject0), vTaken1 = TV2D(TV2L(v1) & ~vReject1);
       vSum0 += vTaken0;
       vSum1 += vTaken1;
       vSq0 += vTaken0 * vTaken0;
       vSq1 += vTaken1 * vTaken1;
     }
   }
-  nCount += bAll ? nVector : std::uint64_t(vCount[0] + vCount[1]);
+  nCount += nVector - std::uint64_t(vRejected[0] + vRejected[1]);
   if constexpr (bMinMax)
     for (int j = 0; j < 2; ++j)
     {
