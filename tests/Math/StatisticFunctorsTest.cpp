@@ -149,6 +149,42 @@ TYPED_TEST(StatisticFunctorsTest, RowLoopsMatchPixelByPixelAndReference)
     }
 }
 
+// The float loop has a 4-lane form and an 8-lane form chosen by the processor at run time; both
+// must agree with pixel by pixel, whichever one this machine would pick.
+TEST(FloatRowLoopTest, BothLaneWidthsMatchPixelByPixel)
+{
+  for (const bool bSpecials : {false, true})
+  for (const bool bExclude : {false, true})
+  {
+    const auto vecPixels = RandomPixels<float>(1003, 9, bSpecials);
+    CMinMaxMeanVarianceFunctor<double, float> oPixels, oLanes4, oLanes8;
+    for (float t : vecPixels)
+      if (!bExclude || t != vecPixels[2])
+        oPixels(t);
+    const auto fnRun = [&](auto oLanes, auto& oFunctor) {
+      using TLanes = decltype(oLanes);
+      if (bExclude)
+        Detail::FloatLanesRow<TLanes, true, true>(vecPixels.data(), vecPixels.size(), SExclude<float>{vecPixels[2]},
+                                                  oFunctor.m_nCount, oFunctor.m_tMin, oFunctor.m_tMax, oFunctor.m_tSum,
+                                                  oFunctor.m_tSumSquares);
+      else
+        Detail::FloatLanesRow<TLanes, true, true>(vecPixels.data(), vecPixels.size(), SAcceptAll(), oFunctor.m_nCount,
+                                                  oFunctor.m_tMin, oFunctor.m_tMax, oFunctor.m_tSum,
+                                                  oFunctor.m_tSumSquares);
+    };
+    fnRun(Detail::SFloatLanes4(), oLanes4);
+    fnRun(Detail::SFloatLanes8(), oLanes8); // generic vectors: runs without AVX2 too
+    for (const auto* pLanes : {&oLanes4, &oLanes8})
+    {
+      EXPECT_EQ(pLanes->m_nCount, oPixels.m_nCount);
+      EXPECT_EQ(pLanes->m_tMin, oPixels.m_tMin);
+      EXPECT_EQ(pLanes->m_tMax, oPixels.m_tMax);
+      ExpectSameSum(oPixels.m_tSum, pLanes->m_tSum);
+      ExpectSameSum(oPixels.m_tSumSquares, pLanes->m_tSumSquares);
+    }
+  }
+}
+
 // Splitting a run among empty states and joining them gives the whole run's result; joining an empty
 // state changes nothing.
 TYPED_TEST(StatisticFunctorsTest, SplitAndJoinEqualsWhole)
