@@ -131,17 +131,34 @@ struct SFloatLanes4
   using TMask = TV4I;
   using THalf = TV2D; // half of the lanes widened to double
   static constexpr std::size_t ms_nLanes = 4;
+
+  static void Widen(TV4F v, TV2D& vLow, TV2D& vHigh)
+  {
+    vLow = __builtin_convertvector(__builtin_shufflevector(v, v, 0, 1), TV2D);
+    vHigh = __builtin_convertvector(__builtin_shufflevector(v, v, 2, 3), TV2D);
+  }
 };
+
+#if defined(__x86_64__) && defined(__GNUC__)
+// Only usable inside a function compiled for AVX2 (FloatRowAvx2).
 struct SFloatLanes8
 {
   using TFloats = TV8F;
   using TMask = TV8I;
   using THalf = TV4D;
   static constexpr std::size_t ms_nLanes = 8;
-};
 
-// Written without helper functions that take vectors, so that the wide instance can live entirely
-// inside a function compiled for AVX2.
+  // One vcvtps2pd per half: the generic conversion becomes four narrow ones and two inserts.
+  __attribute__((target("avx2"))) static void Widen(TV8F v, TV4D& vLow, TV4D& vHigh)
+  {
+    vLow = __builtin_ia32_cvtps2pd256(__builtin_shufflevector(v, v, 0, 1, 2, 3));
+    vHigh = __builtin_ia32_cvtps2pd256(__builtin_shufflevector(v, v, 4, 5, 6, 7));
+  }
+};
+#endif
+
+// The wide instance lives entirely inside FloatRowAvx2, which is compiled for AVX2 and inlines
+// everything it calls.
 template <class TLanes, bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
 inline void FloatLanesRow(const float* pRow, std::size_t nLength, const TPredicate& oPredicate, std::uint64_t& nCount,
                           float& tMin, float& tMax, TSum& tSum, TSumSquares& tSumSquares)
@@ -170,18 +187,8 @@ inline void FloatLanesRow(const float* pRow, std::size_t nLength, const TPredica
     }
     if constexpr (bSums)
     {
-      const TFloats vTaken = TFloats(TMask(v) & ~vReject); // rejected lanes add +0.0
       THalf v0, v1;
-      if constexpr (nLanes == 4)
-      {
-        v0 = __builtin_convertvector(__builtin_shufflevector(vTaken, vTaken, 0, 1), THalf);
-        v1 = __builtin_convertvector(__builtin_shufflevector(vTaken, vTaken, 2, 3), THalf);
-      }
-      else
-      {
-        v0 = __builtin_convertvector(__builtin_shufflevector(vTaken, vTaken, 0, 1, 2, 3), THalf);
-        v1 = __builtin_convertvector(__builtin_shufflevector(vTaken, vTaken, 4, 5, 6, 7), THalf);
-      }
+      TLanes::Widen(TFloats(TMask(v) & ~vReject), v0, v1); // rejected lanes add +0.0
       vSum0 += v0;
       vSum1 += v1;
       vSq0 += v0 * v0;
