@@ -283,52 +283,38 @@ TEST(ForEach2DTest, ExceptionsReachTheCaller)
   EXPECT_EQ(pLogger->GetDepth(), 1u);
 }
 
-// Wraps a band's calculator and counts the calls that reach it.
+// Wraps a band's calculator and notes the calls that reach it.
 template <class TPixel>
 class CCountingCalculator : public Detail::CGrayValueStatisticsCalculator<TPixel, double>
 {
-public:
   using TBase = Detail::CGrayValueStatisticsCalculator<TPixel, double>;
-  using TLogger = typename TBase::TLoggerPtr;
+  using L = typename TBase::TLoggerPtr;
+  using UL = unsigned long;
 
+public:
   explicit CCountingCalculator(boost::shared_ptr<TBase> pInner) : m_pInner(std::move(pInner)) {}
 
-  void CalcCounts(unsigned long& v, unsigned long& i, bool b, TLogger p) override
+  void CalcCounts(UL& v, UL& i, bool b, L p) override { _Note("counts", b), m_pInner->CalcCounts(v, i, b, p); }
+  void CalcMinMax(TPixel& t0, TPixel& t1, UL& v, UL& i, bool b, L p) override
   {
-    _Note("counts", b);
-    m_pInner->CalcCounts(v, i, b, p);
+    _Note("minmax", b), m_pInner->CalcMinMax(t0, t1, v, i, b, p);
   }
-  void CalcMinMax(TPixel& tMin, TPixel& tMax, unsigned long& v, unsigned long& i, bool b, TLogger p) override
+  void CalcMeanVar(double& m, double& s, UL& v, UL& i, bool b, L p) override
   {
-    _Note("minmax", b);
-    m_pInner->CalcMinMax(tMin, tMax, v, i, b, p);
+    _Note("meanvar", b), m_pInner->CalcMeanVar(m, s, v, i, b, p);
   }
-  void CalcMeanVar(double& m, double& s, unsigned long& v, unsigned long& i, bool b, TLogger p) override
+  void CalcMinMaxMeanVar(TPixel& t0, TPixel& t1, UL& v, double& m, double& s, UL& i, bool b, L p) override
   {
-    _Note("meanvar", b);
-    m_pInner->CalcMeanVar(m, s, v, i, b, p);
+    _Note("minmaxmeanvar", b), m_pInner->CalcMinMaxMeanVar(t0, t1, v, m, s, i, b, p);
   }
-  void CalcMinMaxMeanVar(TPixel& tMin, TPixel& tMax, unsigned long& v, double& m, double& s, unsigned long& i, bool b,
-                         TLogger p) override
+  void CalcHisto(std::vector<UL>& h, double& d0, double& d1, unsigned int& n, UL& x, double& w, double& s, UL& v, UL& i,
+                 const TPixel& t0, const TPixel& t1, bool b, L p) override
   {
-    _Note("minmaxmeanvar", b);
-    m_pInner->CalcMinMaxMeanVar(tMin, tMax, v, m, s, i, b, p);
-  }
-  void CalcHisto(std::vector<unsigned long>& h, double& dMedian, double& dMode, unsigned int& n, unsigned long& nMax,
-                 double& w, double& s, unsigned long& v, unsigned long& i, const TPixel& tMin, const TPixel& tMax,
-                 bool b, TLogger p) override
-  {
-    _Note("histo", b);
-    m_pInner->CalcHisto(h, dMedian, dMode, n, nMax, w, s, v, i, tMin, tMax, b, p);
+    _Note("histo", b), m_pInner->CalcHisto(h, d0, d1, n, x, w, s, v, i, t0, t1, b, p);
   }
 
-  // Calls since the last Take, as "name" or "name~" for approximate ones, in order.
-  std::string Take()
-  {
-    std::string str;
-    std::swap(str, m_strCalls);
-    return str;
-  }
+  // The calls since the last Take, in order, as "name", or "name~" when approximate.
+  std::string Take() { return std::exchange(m_strCalls, std::string()); }
 
 private:
   void _Note(const char* pName, bool bApproximate)
