@@ -6,7 +6,7 @@
 // thread, and split over the default arena the same way. The histogram (1024 bins wanted) is
 // reported per pixel. Each benchmark reports ns_per_pixel; compare medians of the repetitions.
 //
-//   StatisticsBench --benchmark_repetitions=12 --benchmark_enable_random_interleaving=true \
+//   StatisticsBench --benchmark_repetitions=12 --benchmark_enable_random_interleaving=true
 //                   --benchmark_report_aggregates_only=true
 // Interleaving the repetitions keeps a shared machine's load from favouring one side of a ratio.
 #include "Band/Band.h"
