@@ -4,21 +4,12 @@
 // LinearFillHoleFilterImpl.h, which only code that makes new instances needs.
 
 #include "Band/Band.h"
+#include "Filter/DefaultLineData.h"
 #include "Filter/FilterBase.h"
 
 #include <cstdint>
 
 namespace Orl { namespace Ostrel { namespace Filter {
-
-// The state of one scan line: steps since its last valid pixel, the reach, that pixel's value, and
-// whether the line still has a valid pixel within reach.
-struct SDefaultLineData
-{
-  float m_fDistance;
-  float m_fMaxDistance;
-  float m_fValue;
-  bool m_bValid;
-};
 
 // Fills the holes of a band by interpolation along eight lines (the two axes and the two diagonals).
 // Each line that reaches a valid pixel within m_fMaxDistance steps contributes its value with weight

@@ -82,9 +82,8 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
 
   Detail::SFillHoleTables<TLineData> oTables(nWidth, nHeight, m_fMaxDistance);
   Detail::SHoleList<TTag> oHoleList(m_nMaxHolePixels);
-  const Detail::SFillHoleSweepContext<TLineData> oContext{oTables,          nSrcRepHeight, nWidth,
-                                                          m_nMinDirections, oHoleList.GetCapacity(),
-                                                          m_pLogger.get()};
+  const Detail::SFillHoleSweepContext<TLineData> oContext{
+    oTables, nSrcRepHeight, nWidth, nHeight, m_nMinDirections, oHoleList.GetCapacity(), m_pLogger.get()};
   const Detail::SValidPixel<typename TSrc::TPixel> oValid(oSrc);
   auto oHoles = oHoleList.Begin();
 
