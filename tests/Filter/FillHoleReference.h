@@ -293,7 +293,7 @@ SCase<TPixel, TMask> MakeCase(std::mt19937& oRng, unsigned int nW, unsigned int 
   return oCase;
 }
 
-// Calls fn(case, parameters, capacity, description) for random bands of several sizes and hole
+// Calls fn(case, parameters, capacity, label) for random bands of several sizes and hole
 // patterns, without and with a mask (equality and range), under a rotation of reach and minimum.
 template <class TPixel, class TMask, class TFn>
 void ForEachRandomCase(TFn fn)
