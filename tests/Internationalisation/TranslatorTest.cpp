@@ -1,20 +1,83 @@
 #include "Internationalisation/Translator.h"
-#include "Internationalisation/TranslatorModule.h"
+#include "Internationalisation/TranslatorFile.h"
+#include "Internationalisation/TranslatorRegistry.h"
+
+#include "TestFiles.h"
+#include "TranslatorModule.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <initializer_list>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace Orl::Harnel::Internationalisation;
 
 namespace {
 
+// Points this program's translator and those of the two test modules at a directory of their own,
+// so that nothing is read from or written to the build tree. The directory is gone by the time the
+// translators try to write back at exit, which they then fail to do quietly.
+class CTranslatorEnvironment : public ::testing::Environment
+{
+public:
+  void SetUp() override
+  {
+    m_pDirectory.reset(new CTempDirectory);
+    CTranslator::Init(m_pDirectory->Path(), "TranslatorTest", "Default");
+    InitModuleA(m_pDirectory->Path().c_str());
+    InitModuleB(m_pDirectory->Path().c_str());
+  }
+  void TearDown() override { m_pDirectory.reset(); }
+
+private:
+  std::unique_ptr<CTempDirectory> m_pDirectory;
+};
+
+const ::testing::Environment* const g_pEnvironment = ::testing::AddGlobalTestEnvironment(new CTranslatorEnvironment);
+
 std::size_t TableSize()
 {
   return CTranslator::GetTranslatorData().GetTranslatorMap().size();
+}
+
+// Writes <directory>/<name><language>.trl.
+void WriteModule(const std::string& strDirectory, const std::string& strName, const std::string& strLanguage,
+                 std::initializer_list<const char*> listBases,
+                 std::initializer_list<std::pair<const char*, const char*>> listEntries, const char* pFileName = nullptr)
+{
+  CTranslatorData oData;
+  oData.Init(pFileName ? pFileName : strName, strLanguage);
+  for (const char* pBase : listBases)
+  {
+    CTranslatorData oBase;
+    oBase.Init(pBase, strLanguage);
+    oData.AddBaseModule(oBase);
+  }
+  for (const auto& oEntry : listEntries)
+    oData.SetTranslation(oEntry.first, oEntry.second);
+  ASSERT_TRUE(CTranslatorFile(CTranslatorFile::BuildFileName(strDirectory, strName, strLanguage)).Write(oData));
+}
+
+std::vector<std::string> BaseNames(const CTranslatorData& oData)
+{
+  std::vector<std::string> vecNames;
+  for (unsigned int n = 0; n < oData.GetNumBaseModules(); ++n)
+    vecNames.push_back(oData.GetBaseModule(n).GetName());
+  return vecNames;
+}
+
+std::size_t CountModules(const CTranslatorData& oData)
+{
+  std::size_t nCount = 1;
+  for (unsigned int n = 0; n < oData.GetNumBaseModules(); ++n)
+    nCount += CountModules(oData.GetBaseModule(n));
+  return nCount;
 }
 
 } // namespace
@@ -86,4 +149,141 @@ TEST(Translator, EachModuleHasItsOwnTranslatorAndTable)
   EXPECT_NE(pTranslatorA, g_oTranslator.get());
   EXPECT_NE(pTranslatorB, g_oTranslator.get());
   EXPECT_EQ(CTranslator::GetTranslatorData().GetTranslatorMap().count("only in B"), 0u);
+}
+
+TEST(Translator, SetLanguageWritesTheOldLanguageFirst)
+{
+  CTempDirectory oDir;
+  CTranslator::Init(oDir.Path(), "mod", "English");
+  EXPECT_EQ(CTranslator::GetBaseFilePath(), oDir.Path()); // without a file, the target of the write
+  EXPECT_TRUE(CTranslator::GetTranslatorData().IsModified());
+  CTranslator::Translate("a");
+
+  CTranslator::SetLanguage("English");
+  EXPECT_FALSE(FileExists(oDir.Sub("modEnglish.trl")));
+  EXPECT_TRUE(CTranslator::GetTranslatorData().CanTranslate("a"));
+
+  CTranslator::SetLanguage("German");
+  CTranslatorData oWritten;
+  ASSERT_TRUE(CTranslatorFile(oDir.Sub("modEnglish.trl")).Read(oWritten));
+  EXPECT_EQ(oWritten.GetTranslatorMap().count("a"), 1u);
+  const CTranslatorData oNow = CTranslator::GetTranslatorData();
+  EXPECT_EQ(oNow.GetLanguage(), "German");
+  EXPECT_TRUE(oNow.GetTranslatorMap().empty());
+  EXPECT_TRUE(oNow.IsModified());
+  EXPECT_FALSE(FileExists(oDir.Sub("modGerman.trl")));
+
+  // Init drops a modified table without writing it.
+  CTranslator::Translate("b");
+  CTranslator::Init(oDir.Path(), "mod", "French");
+  EXPECT_FALSE(FileExists(oDir.Sub("modGerman.trl")));
+}
+
+TEST(Translator, BaseModulesAreFollowedAndUnreadableOnesDropped)
+{
+  CTempDirectory oDir;
+  const std::string strFirst = oDir.Sub("first", true), strSecond = oDir.Sub("second", true);
+  WriteModule(strFirst, "mod", "de", {"gone", "common", "renamed"}, {{"own", "eigen"}, {"shared", "mod"}});
+  WriteModule(strSecond, "common", "de", {"deep"}, {{"c", "gemeinsam"}, {"shared", "common"}});
+  WriteModule(strFirst, "deep", "de", {}, {{"shared", "deep"}});
+  WriteModule(strSecond, "renamed", "de", {}, {{"r", "r"}}, "another name");
+  CTranslator::Init(std::list<std::string>{strFirst, strSecond}, "mod", "de");
+
+  const CTranslatorData oData = CTranslator::GetTranslatorData();
+  EXPECT_EQ(BaseNames(oData), std::vector<std::string>{"common"});
+  EXPECT_EQ(BaseNames(oData.GetBaseModule(0)), std::vector<std::string>{"deep"});
+  EXPECT_FALSE(oData.IsModified()); // the drops alone do not make the file worth rewriting
+  EXPECT_EQ(CTranslator::Translate("c"), "gemeinsam");
+  EXPECT_EQ(CTranslator::Translate("shared"), "deep");
+  CTranslator::SetSearchMode(false);
+  EXPECT_EQ(CTranslator::Translate("shared"), "mod");
+  CTranslator::SetSearchMode(true);
+}
+
+TEST(Translator, FileWithAnotherModuleNameKeepsThatName)
+{
+  CTempDirectory oDir;
+  WriteModule(oDir.Path(), "mod", "de", {"base"}, {{"k", "v"}}, "other");
+  WriteModule(oDir.Path(), "base", "de", {}, {{"b", "base"}});
+  CTranslator::Init(oDir.Path(), "mod", "de");
+  const CTranslatorData oData = CTranslator::GetTranslatorData();
+  EXPECT_EQ(oData.GetName(), "other");
+  EXPECT_TRUE(oData.IsModified()); // a later write goes under the other name
+  ASSERT_EQ(oData.GetNumBaseModules(), 1u);
+  EXPECT_TRUE(oData.GetBaseModule(0).GetTranslatorMap().empty()); // left unresolved
+}
+
+// Invalid sets of files: they must end, and keep what can be kept.
+TEST(Translator, CyclesOfBaseModulesEnd)
+{
+  CTempDirectory oDir;
+  WriteModule(oDir.Path(), "a", "de", {"b", "a"}, {{"ka", "a"}});
+  WriteModule(oDir.Path(), "b", "de", {"a", "c"}, {{"kb", "b"}});
+  WriteModule(oDir.Path(), "c", "de", {"c", "b"}, {{"kc", "c"}});
+  CTranslator::Init(oDir.Path(), "a", "de");
+  const CTranslatorData oData = CTranslator::GetTranslatorData();
+  EXPECT_EQ(BaseNames(oData), std::vector<std::string>{"b"});
+  EXPECT_EQ(BaseNames(oData.GetBaseModule(0)), std::vector<std::string>{"c"});
+  EXPECT_TRUE(BaseNames(oData.GetBaseModule(0).GetBaseModule(0)).empty());
+  EXPECT_FALSE(oData.IsModified());
+  EXPECT_EQ(CTranslator::Translate("kc"), "c");
+}
+
+// Legal, but each file names the next one twice: 2^40 reads without a limit.
+TEST(Translator, RepeatedBaseModulesAreBounded)
+{
+  CTempDirectory oDir;
+  for (int n = 0; n < 40; ++n)
+  {
+    const std::string strNext = "m" + std::to_string(n + 1);
+    WriteModule(oDir.Path(), "m" + std::to_string(n), "de", {strNext.c_str(), strNext.c_str()}, {});
+  }
+  WriteModule(oDir.Path(), "m40", "de", {}, {{"bottom", "found"}});
+  CTranslator::Init(oDir.Path(), "m0", "de");
+  const CTranslatorData oData = CTranslator::GetTranslatorData();
+  EXPECT_LE(CountModules(oData), CTranslator::ms_nMaxBaseModuleReads + 1u);
+  EXPECT_EQ(CTranslator::Translate("bottom"), "found"); // the first chain down is complete
+}
+
+TEST(Translator, InitFromAFileName)
+{
+  CTempDirectory oDir;
+  const std::string strTools = oDir.Sub("tools", true);
+  WriteModule(strTools, "tool.bin", "de", {}, {{"k", "aus der Datei"}});
+  CTranslator::Init(strTools + "/tool.bin.exe", "de");
+  EXPECT_EQ(CTranslator::GetApplicationName(), "tool.bin");
+  ASSERT_GE(CTranslator::GetSearchPathList().size(), 2u);
+  EXPECT_EQ(CTranslator::GetSearchPathList().front(), strTools);
+  EXPECT_EQ(CTranslator::Translate("k"), "aus der Datei");
+}
+
+TEST(TranslatorRegistry, SetsOneLanguageForEveryModule)
+{
+  CTempDirectory oDir;
+  InitModuleA(oDir.Path().c_str());
+  InitModuleB(oDir.Path().c_str());
+  CTranslator::Init(oDir.Path(), "TranslatorTest", "Default");
+  const void* pTranslator = nullptr;
+  std::size_t nEntries = 0;
+  TranslateInModuleA("learnt in A", &pTranslator, &nEntries);
+
+  CTranslatorRegistry::SetLanguage("French");
+  EXPECT_STREQ(LanguageOfModuleA(), "French");
+  EXPECT_STREQ(LanguageOfModuleB(), "French");
+  EXPECT_EQ(CTranslator::GetLanguage(), "French");
+  EXPECT_EQ(CTranslatorRegistry::GetLanguage(), "French");
+  // A's learnt text went to its Default file on the way.
+  CTranslatorData oWritten;
+  ASSERT_TRUE(CTranslatorFile(oDir.Sub("libOrlTestTranslatorModuleADefault.trl")).Read(oWritten));
+  EXPECT_EQ(oWritten.GetTranslatorMap().count("learnt in A"), 1u);
+
+  const std::vector<CTranslatorRegistry::SModule> vecModules = CTranslatorRegistry::GetModules();
+  for (const char* pName : {"TranslatorTest", "libOrlTestTranslatorModuleA", "libOrlTestTranslatorModuleB"})
+  {
+    SCOPED_TRACE(pName);
+    const auto it = std::find_if(vecModules.begin(), vecModules.end(),
+                                 [&](const CTranslatorRegistry::SModule& o) { return o.m_strName == pName; });
+    ASSERT_NE(it, vecModules.end());
+    EXPECT_EQ(it->m_strLanguage, "French");
+  }
 }

@@ -1,0 +1,140 @@
+#include "Fileio/FileioUnix.h"
+
+#include "Support/ScratchFiles.h"
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+#include <string>
+#include <unistd.h>
+
+using namespace Orl::Harnel::Fileio;
+using Orl::Test::CFileSizeLimit;
+
+namespace {
+
+// Answers true nTrue times, then false; runs fnAction on every call.
+class CCountingHandler : public CFailHandler
+{
+public:
+  CCountingHandler(int nTrue, std::function<void()> fnAction) : m_nTrue(nTrue), m_fnAction(std::move(fnAction)) {}
+  bool OnWriteFailed(int) override
+  {
+    m_fnAction();
+    return m_nCalls++ < m_nTrue;
+  }
+  int m_nCalls = 0;
+
+private:
+  int m_nTrue;
+  std::function<void()> m_fnAction;
+};
+
+class CFileioTest : public ::testing::Test
+{
+protected:
+  void SetUp() override { m_nFile = ::open((m_oDirectory.GetPath() + "/f").c_str(), O_RDWR | O_CREAT, 0600); }
+  void TearDown() override
+  {
+    g_oFailHandler.reset();
+    ::close(m_nFile);
+  }
+
+  std::string ReadAll() const
+  {
+    std::string strContent(64, '\0');
+    strContent.resize(static_cast<std::size_t>(::pread(m_nFile, &strContent[0], strContent.size(), 0)));
+    return strContent;
+  }
+
+  // The single entry of the CFileioError that fnBody must raise.
+  static CFileioError::SExceptionInfo Raised(const std::function<void()>& fnBody)
+  {
+    try
+    {
+      fnBody();
+    }
+    catch (const CFileioError& oError)
+    {
+      EXPECT_EQ(1u, oError.GetInfoCount());
+      return oError.GetInfo(0);
+    }
+    ADD_FAILURE() << "no CFileioError";
+    return {};
+  }
+
+  CFileioError::SExceptionInfo WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
+  {
+    CFileSizeLimit oLimit(nLimit);
+    m_pHandler = boost::make_shared<CCountingHandler>(nTrue, [&] {
+      if (m_pHandler->m_nCalls + 1 == nTrue)
+        oLimit.Lift();
+    });
+    g_oFailHandler = m_pHandler;
+    return nTrue > 0 ? (fnWrite(), CFileioError::SExceptionInfo{}) : Raised(fnWrite);
+  }
+
+  Orl::Test::CScratchDirectory m_oDirectory;
+  int m_nFile = -1;
+  boost::shared_ptr<CCountingHandler> m_pHandler;
+};
+
+} // namespace
+
+TEST_F(CFileioTest, ShortReadsAreFinalAndFailedCallsCarryErrno)
+{
+  WriteFile(m_nFile, "abcdef", 6);
+  SeekFile(m_nFile, 2, eSeekBegin);
+  char aBuffer[8];
+  EXPECT_EQ("Failed to read enough bytes from a file", Raised([&] { ReadFile(m_nFile, aBuffer, 8); }).m_strMessage);
+  EXPECT_NO_THROW(ReadFile(m_nFile, aBuffer, 0));
+  EXPECT_EQ("Failed to read enough bytes from a file", Raised([&] { ReadFileAt(m_nFile, aBuffer, 3, 4); }).m_strMessage);
+  const auto oRead = Raised([&] { ReadFile(-1, aBuffer, 4); });
+  EXPECT_EQ("Failed to read from a file", oRead.m_strMessage);
+  EXPECT_EQ(EBADF, oRead.m_nErrorCode);
+  const auto oSeek = Raised([&] { SeekFile(m_nFile, -1, eSeekBegin); });
+  EXPECT_EQ("Failed to seek within a file", oSeek.m_strMessage);
+  EXPECT_EQ(EINVAL, oSeek.m_nErrorCode);
+}
+
+TEST_F(CFileioTest, FailedWritesWithoutAWillingHandlerAreFinal)
+{
+  {
+    CFileSizeLimit oLimit(4);
+    const auto oShort = Raised([&] { WriteFile(m_nFile, "abcdefgh", 8); });
+    EXPECT_EQ("Failed to write enough data to a file", oShort.m_strMessage);
+    EXPECT_EQ(0, oShort.m_nErrorCode);
+  }
+  const auto oFailed = WriteWithHandler(0, 0, [&] { WriteFile(m_nFile, "ab", 2); });
+  EXPECT_EQ("Failed to write to a file", oFailed.m_strMessage);
+  EXPECT_EQ(EFBIG, oFailed.m_nErrorCode);
+  EXPECT_EQ(1, m_pHandler->m_nCalls);
+}
+
+TEST_F(CFileioTest, RetryOfAShortAppendRewritesTheWholeBufferWhereItStarted)
+{
+  WriteFile(m_nFile, "head", 4);
+  WriteWithHandler(7, 1, [&] { WriteFile(m_nFile, "abcdef", 6); });
+  EXPECT_EQ("headabcdef", ReadAll());
+}
+
+TEST_F(CFileioTest, RetryOfAShortWriteInTheMiddleSeeksBackFromTheEnd)
+{
+  WriteFile(m_nFile, "0123456789", 10);
+  SeekFile(m_nFile, 5, eSeekBegin);
+  // From 5, three bytes fit under the limit; the retry goes to end - 3 = 7, not back to 5.
+  WriteWithHandler(8, 1, [&] { WriteFile(m_nFile, "abcdef", 6); });
+  EXPECT_EQ("01234ababcdef", ReadAll());
+}
+
+TEST_F(CFileioTest, PositionalRetryGoesBackToItsOwnOffset)
+{
+  WriteFile(m_nFile, "0123456789", 10);
+  // The first retry falls short again, the second has room.
+  WriteWithHandler(8, 2, [&] { WriteFileAt(m_nFile, "abcdef", 6, 5); });
+  EXPECT_EQ(2, m_pHandler->m_nCalls);
+  EXPECT_EQ("01234abcdef", ReadAll());
+}

@@ -1,0 +1,72 @@
+// A program with a translator of its own, for the tests that need a whole process: its module
+// file, working directory, environment and the write-back at exit. Runs its arguments as commands:
+//   tr <text>            print the translation
+//   init <language>      CTranslator::Init(language)
+//   all <language>       CTranslatorRegistry::SetLanguage(language)
+//   shallow              CTranslator::SetSearchMode(false)
+//   info                 print name=, language=, base=, path= (search path joined by '|')
+//   lib <file> <text>    load the test module <file> and print its translation of <text>
+#include "Internationalisation/Translator.h"
+#include "Internationalisation/TranslatorRegistry.h"
+
+#include <dlfcn.h>
+
+#include <cstddef>
+#include <iostream>
+#include <string>
+
+using namespace Orl::Harnel::Internationalisation;
+
+int main(int argc, char** argv)
+{
+  for (int i = 1; i < argc; ++i)
+  {
+    const std::string strCommand = argv[i];
+    const auto Argument = [&]() -> std::string {
+      if (i + 1 >= argc)
+        throw std::runtime_error("missing argument for " + strCommand);
+      return argv[++i];
+    };
+    if (strCommand == "tr")
+      std::cout << CTranslator::Translate(Argument()) << '\n';
+    else if (strCommand == "init")
+      CTranslator::Init(Argument());
+    else if (strCommand == "all")
+      CTranslatorRegistry::SetLanguage(Argument());
+    else if (strCommand == "shallow")
+      CTranslator::SetSearchMode(false);
+    else if (strCommand == "info")
+    {
+      std::cout << "name=" << CTranslator::GetApplicationName() << "\nlanguage=" << CTranslator::GetLanguage()
+                << "\nbase=" << CTranslator::GetBaseFilePath() << "\npath=";
+      const char* pSeparator = "";
+      for (const std::string& strDirectory : CTranslator::GetSearchPathList())
+      {
+        std::cout << pSeparator << strDirectory;
+        pSeparator = "|";
+      }
+      std::cout << '\n';
+    }
+    else if (strCommand == "lib")
+    {
+      const std::string strFile = Argument(), strText = Argument();
+      void* pHandle = dlopen(strFile.c_str(), RTLD_NOW);
+      typedef const char* (*TTranslate)(const char*, const void**, std::size_t*);
+      const TTranslate fnTranslate = pHandle ? reinterpret_cast<TTranslate>(dlsym(pHandle, "TranslateInModuleV")) : nullptr;
+      if (!fnTranslate)
+      {
+        std::cerr << "cannot load " << strFile << ": " << dlerror() << '\n';
+        return 3;
+      }
+      const void* pTranslator = nullptr;
+      std::size_t nEntries = 0;
+      std::cout << fnTranslate(strText.c_str(), &pTranslator, &nEntries) << '\n';
+    }
+    else
+    {
+      std::cerr << "unknown command " << strCommand << '\n';
+      return 2;
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <string>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <vector>
+
+namespace Orl { namespace Test {
+
+// A fresh directory under TMPDIR (or /tmp), removed with whatever is left in it (flat only).
+class CScratchDirectory
+{
+public:
+  CScratchDirectory()
+  {
+    const char* pBase = std::getenv("TMPDIR");
+    std::string strTemplate = std::string(pBase && *pBase ? pBase : "/tmp") + "/orl-test-XXXXXX";
+    if (::mkdtemp(&strTemplate[0]))
+      m_strPath = strTemplate;
+    EXPECT_FALSE(m_strPath.empty());
+  }
+  ~CScratchDirectory()
+  {
+    for (const std::string& strName : GetEntries())
+      ::unlink((m_strPath + "/" + strName).c_str());
+    ::rmdir(m_strPath.c_str());
+  }
+  CScratchDirectory(const CScratchDirectory&) = delete;
+  CScratchDirectory& operator=(const CScratchDirectory&) = delete;
+
+  const std::string& GetPath() const { return m_strPath; }
+
+  std::vector<std::string> GetEntries() const
+  {
+    std::vector<std::string> vecNames;
+    if (DIR* pDir = ::opendir(m_strPath.c_str()))
+    {
+      while (const dirent* pEntry = ::readdir(pDir))
+        if (std::string(pEntry->d_name) != "." && std::string(pEntry->d_name) != "..")
+          vecNames.push_back(pEntry->d_name);
+      ::closedir(pDir);
+    }
+    return vecNames;
+  }
+
+private:
+  std::string m_strPath;
+};
+
+// Caps the size of files this process may write (RLIMIT_FSIZE) with SIGXFSZ ignored, so that a write
+// beyond the cap falls short or fails with EFBIG instead of killing the process. No privileges needed;
+// the old limit and signal disposition come back on destruction.
+class CFileSizeLimit
+{
+public:
+  explicit CFileSizeLimit(rlim_t nBytes)
+  {
+    ::getrlimit(RLIMIT_FSIZE, &m_oOld);
+    m_pOldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    Set(nBytes);
+  }
+  ~CFileSizeLimit()
+  {
+    ::setrlimit(RLIMIT_FSIZE, &m_oOld);
+    std::signal(SIGXFSZ, m_pOldHandler);
+  }
+  CFileSizeLimit(const CFileSizeLimit&) = delete;
+  CFileSizeLimit& operator=(const CFileSizeLimit&) = delete;
+
+  // Lowering is always allowed; raising only up to the hard limit we started with.
+  void Set(rlim_t nBytes)
+  {
+    rlimit oNew = m_oOld;
+    oNew.rlim_cur = nBytes;
+    EXPECT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &oNew));
+  }
+  void Lift() { Set(m_oOld.rlim_cur); }
+
+private:
+  rlimit m_oOld{};
+  void (*m_pOldHandler)(int) = SIG_DFL;
+};
+
+}} // namespace Orl::Test

@@ -1,0 +1,186 @@
+#include "Band/Tile.h"
+
+#include "Support/PixelTypes.h"
+#include "Support/ScratchFiles.h"
+#include "TileTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Orl::Test;
+using Orl::Harnel::Fileio::CFileioError;
+using Orl::Ostrel::Band::Detail::EncodeTileRecord;
+using Orl::Ostrel::Band::Detail::GetTileRecordRest;
+
+namespace {
+
+// The three ways a tile writes and reads records: plain, buffered, buffered positional.
+enum EWay
+{
+  ePlain,
+  eBuffered,
+  eBufferedAt
+};
+
+void _Write(CTileBase& oTile, EWay eWay, char* pBuffer)
+{
+  eWay == ePlain ? oTile.WriteBinary()
+                 : eWay == eBuffered ? oTile.WriteBinaryWithBuffer(pBuffer) : oTile.WriteBinaryWithBufferAt(pBuffer);
+}
+
+void _Read(CTileBase& oTile, EWay eWay, char* pBuffer)
+{
+  eWay == ePlain ? oTile.ReadBinary()
+                 : eWay == eBuffered ? oTile.ReadBinaryWithBuffer(pBuffer) : oTile.ReadBinaryWithBufferAt(pBuffer);
+}
+
+std::int32_t _Header(const std::vector<char>& vecBuffer)
+{
+  std::int32_t nHeader;
+  std::memcpy(&nHeader, vecBuffer.data(), 4);
+  return nHeader;
+}
+
+struct SRecordFile
+{
+  CScratchDirectory m_oDirectory;
+  int m_nFile = ::open((m_oDirectory.GetPath() + "/records").c_str(), O_RDWR | O_CREAT, 0600);
+  ~SRecordFile() { ::close(m_nFile); }
+  long long GetSize() const
+  {
+    struct stat oStat;
+    ::fstat(m_nFile, &oStat);
+    return oStat.st_size;
+  }
+};
+
+template <class TPixel>
+class TileRecordTest : public ::testing::Test
+{
+};
+TYPED_TEST_SUITE(TileRecordTest, TAllPixelTypes);
+
+} // namespace
+
+TYPED_TEST(TileRecordTest, RecordsRoundTripForFullAndEdgeTilesOfAnyContent)
+{
+  // A full tile is 524288 bytes whatever the pixel type; edge tiles are anything smaller.
+  const unsigned int nFullX = 2048 / sizeof(TypeParam);
+  const unsigned int aSizes[][2] = {{nFullX, 256}, {nFullX - 1, 255}, {37, 13}, {1, 1}};
+  const EWay aWays[][2] = {{ePlain, ePlain}, {eBuffered, eBuffered}, {eBuffered, eBufferedAt}, {eBufferedAt, eBuffered}};
+  SRecordFile oFile;
+  std::uint64_t nSeed = 1;
+  for (const auto& aSize : aSizes)
+    for (EContent eContent : {EContent::eConstant, EContent::eNoise})
+      for (const auto& aWay : aWays)
+      {
+        const auto pWritten = MakeTile<TypeParam>(aSize[0], aSize[1]);
+        const auto pRead = MakeTile<TypeParam>(aSize[0], aSize[1]);
+        std::vector<char> vecBuffer(pWritten->GetRecordCapacity());
+        Fill(*pWritten, ++nSeed, eContent);
+        // Behind other bytes, at an offset that is not a multiple of a slot.
+        pWritten->SetFileLocation(oFile.m_nFile, 1024);
+        pRead->SetFileLocation(oFile.m_nFile, 1024);
+        ASSERT_EQ(0, ::ftruncate(oFile.m_nFile, 0));
+        pWritten->SetModified(true);
+        _Write(*pWritten, aWay[0], vecBuffer.data());
+        EXPECT_FALSE(pWritten->IsModified());
+
+        const long long nRecord = oFile.GetSize() - 1024;
+        if (aWay[0] == ePlain)
+          EXPECT_EQ(pWritten->GetMemorySize(), nRecord);
+        else if (eContent == EContent::eNoise && pWritten->GetMemorySize() > 64)
+          EXPECT_TRUE(nRecord == static_cast<long long>(vecBuffer.size()) && _Header(vecBuffer) == 0) << nRecord;
+        else
+          EXPECT_TRUE(nRecord % 512 == 0 && nRecord <= static_cast<long long>(vecBuffer.size())) << nRecord;
+
+        // Read over pixels in memory: in place, and clean afterwards.
+        void* const pData = pRead->GetDataLocation();
+        pRead->SetModified(true);
+        _Read(*pRead, aWay[1], vecBuffer.data());
+        EXPECT_TRUE(Holds(*pRead, nSeed, eContent)) << aSize[0] << "x" << aSize[1] << " ways " << aWay[0] << aWay[1];
+        EXPECT_EQ(pData, pRead->GetDataLocation());
+        EXPECT_FALSE(pRead->IsModified());
+      }
+}
+
+TEST(TileRecordTest, PayloadsUpTo508BytesTakeOneBlockAndLongerOnesMore)
+{
+  // Noise followed by a constant run compresses to about the noise's length plus the run's: look for
+  // noise lengths that give payloads of exactly 508 and 509 bytes.
+  const auto pTile = MakeTile<unsigned char>(256, 256);
+  std::vector<char> vecBuffer(pTile->GetRecordCapacity());
+  std::map<std::int32_t, std::pair<unsigned long, unsigned long> > mapLengthAndRest;
+  for (std::size_t nNoise = 100; nNoise < 540; ++nNoise)
+  {
+    Fill(*pTile, 3, EContent::eConstant);
+    std::memcpy(pTile->GetDataLocation(), MakeBytes(nNoise, 5, EContent::eNoise).data(), nNoise);
+    const unsigned long nLength = EncodeTileRecord(pTile->GetDataLocation(), pTile->GetMemorySize(), vecBuffer.data());
+    mapLengthAndRest[_Header(vecBuffer)] = {nLength, GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize())};
+  }
+  ASSERT_TRUE(mapLengthAndRest.count(508) && mapLengthAndRest.count(509)) << "no such noise length found";
+  EXPECT_EQ(std::make_pair(512ul, 0ul), mapLengthAndRest[508]);
+  EXPECT_EQ(std::make_pair(1024ul, 512ul), mapLengthAndRest[509]);
+
+  const auto pFull = MakeTile<float>(512, 256);
+  Fill(*pFull, 9, EContent::eNoise);
+  std::vector<char> vecFull(pFull->GetRecordCapacity());
+  EXPECT_EQ(524800u, EncodeTileRecord(pFull->GetDataLocation(), pFull->GetMemorySize(), vecFull.data()));
+  EXPECT_EQ(524800u - 512, GetTileRecordRest(vecFull.data(), pFull->GetMemorySize()));
+}
+
+TEST(TileRecordTest, FileFailuresCarryBothEntriesAndLeavePixelsAndFlag)
+{
+  const char* const aWriteMessages[] = {"Failed to write the tile cache", "Failed to write to the disk tile cache",
+                                        "Failed to write to the disk tile cache"};
+  for (EWay eWay : {ePlain, eBuffered, eBufferedAt})
+    for (EContent eContent : {EContent::eConstant, EContent::eNoise})
+    {
+      SRecordFile oFile;
+      const int nReadOnly = ::open(("/proc/self/fd/" + std::to_string(oFile.m_nFile)).c_str(), O_RDONLY);
+      const auto pTile = MakeTile<unsigned short>(300, 200);
+      std::vector<char> vecBuffer(pTile->GetRecordCapacity());
+      Fill(*pTile, 7, eContent);
+      pTile->SetModified(true);
+      // A write to a descriptor open for reading fails; the tile keeps everything.
+      pTile->SetFileLocation(nReadOnly, 0);
+      try
+      {
+        _Write(*pTile, eWay, vecBuffer.data());
+        ADD_FAILURE() << "nothing raised";
+      }
+      catch (const CFileioError& oError)
+      {
+        ASSERT_EQ(2u, oError.GetInfoCount());
+        EXPECT_EQ("Failed to write to a file", oError.GetInfo(0).m_strMessage);
+        EXPECT_EQ(EBADF, oError.GetInfo(0).m_nErrorCode);
+        EXPECT_EQ(aWriteMessages[eWay], oError.GetInfo(1).m_strMessage);
+      }
+      EXPECT_TRUE(pTile->IsModified());
+      EXPECT_TRUE(Holds(*pTile, 7, eContent));
+      ::close(nReadOnly);
+
+      // A record cut short (a constant one within its first block) fails to read.
+      pTile->SetFileLocation(oFile.m_nFile, 0);
+      _Write(*pTile, eWay, vecBuffer.data());
+      ASSERT_EQ(0, ::ftruncate(oFile.m_nFile, eContent == EContent::eConstant ? 100 : 1000));
+      pTile->SetModified(true);
+      try
+      {
+        _Read(*pTile, eWay, vecBuffer.data());
+        ADD_FAILURE() << "nothing raised";
+      }
+      catch (const CFileioError& oError)
+      {
+        ASSERT_EQ(2u, oError.GetInfoCount());
+        EXPECT_EQ("Failed to read enough bytes from a file", oError.GetInfo(0).m_strMessage);
+        EXPECT_EQ("Failed to read from the disk tile cache", oError.GetInfo(1).m_strMessage);
+      }
+      EXPECT_TRUE(pTile->IsModified());
+    }
+}
