@@ -39,8 +39,9 @@ void CLinearFillHoleFilter<TLineData>::_ApplyImpl(TDest& oDest, const TSrc& oSrc
   {
     const std::string& strText = Harnel::Internationalisation::CTranslator::Translate("Apply Linear Fill Hole Filter");
     m_pLogger->Message(_EVerbosityLevel(4), strText, std::string());
-    // The total is the width although each sweep reports one unit per row: a logger takes the
-    // mismatch on bands that are not square, and callers' progress displays rely on these numbers.
+    // Deliberately the width as the total, although each sweep reports one unit per row: these are
+    // the numbers the filter has always reported, and a logger takes the mismatch on bands that are
+    // not square.
     m_pLogger->Push(strText, 2.0, double(oDest.GetWidth()), 0.0, false, ELayerClass(0), ELayerSecrecy(0),
                     std::string());
   }
