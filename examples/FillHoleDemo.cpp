@@ -283,6 +283,21 @@ void WritePng(const std::string& strPath, const TBand& oBand, unsigned int nX0, 
   std::fclose(pFile);
 }
 
+// Read through the band's cached getters: the mean and variance pass also caches the extremes and the
+// counts, so only the median costs a second (histogram) pass.
+void PrintStatistics(const char* szLabel, const TBand& oBand)
+{
+  double dMean = 0.0, dVariance = 0.0;
+  oBand.GetMeanVariance(dMean, dVariance);
+  float fMin = 0.0f, fMax = 0.0f;
+  oBand.GetMinMax(fMin, fMax);
+  unsigned long nValid = 0, nInvalid = 0;
+  oBand.GetCounts(nValid, nInvalid);
+  std::cout << szLabel << ": " << nValid << " valid, " << nInvalid << " no-data; min " << fMin << ", max " << fMax
+            << ", mean " << dMean << ", std. dev. " << std::sqrt(std::max(dVariance, 0.0)) << ", median "
+            << oBand.GetMedian() << std::endl;
+}
+
 double Seconds(std::chrono::steady_clock::time_point oStart)
 {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - oStart).count();
@@ -311,6 +326,8 @@ int Run(const SOptions& oOptions)
   std::cout << "Holes: " << nHoles << " (" << nHolePixels << " pixels, "
             << 100.0 * double(nHolePixels) / (double(nSize) * nSize) << "% of the band)" << std::endl;
 
+  PrintStatistics("Before", oSrc);
+
   // The filter needs an upper bound of the hole pixels: here it is known exactly.
   CLinearFillHoleFilter<SDefaultLineData> oFilter(unsigned(nHolePixels), oOptions.m_nMinDirections,
                                                   oOptions.m_fMaxDistance, false);
@@ -337,6 +354,7 @@ int Run(const SOptions& oOptions)
             << "Time: " << dSeconds * 1e3 << " ms (" << dSeconds * 1e9 / (double(nSize) * nSize) << " ns per pixel)\n"
             << "Error of the filled pixels against the terrain: RMSE "
             << (nFilled ? std::sqrt(dSquares / double(nFilled)) : 0.0) << " m, max " << dMax << " m" << std::endl;
+  PrintStatistics("After", oDest);
 
   // Pictures: the whole band, and a detail around the largest hole's neighbourhood (the centre).
   ::mkdir(oOptions.m_strOut.c_str(), 0777);
