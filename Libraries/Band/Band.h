@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Band/Detail/CachedStatistics.h"
 #include "Band/MemoryBandRep.h"
 #include "Band/NoDataValueHint.h"
 #include "Band/Tags.h"
@@ -8,6 +9,8 @@
 
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
+
+#include <vector>
 
 namespace Orl { namespace Ostrel { namespace Band {
 
@@ -65,7 +68,73 @@ public:
     return static_cast<const TRep&>(*m_pRep).GetBandIterators(oRect);
   }
 
+  // Statistics, cached in the representation's record until mutable access is granted (mutable
+  // iterators or pixel pointer, Clear, SetNoDataValue). Each getter answers from the cache when it
+  // can and otherwise runs the band's calculator once. No-data pixels are left out.
+  //
+  // bApproximate: an answer from the sample of GetApproxRects() is good enough (an exact one is
+  // used when cached). Approximate results are flagged apart and never answer an exact question.
+  // pLogger: progress of a computation; may be empty.
+  //
+  // The getters write the shared record: like SetNoDataValue, call them on one thread at a time for
+  // bands that share a representation. The computations themselves run in parallel.
+  using TLoggerPtr = boost::shared_ptr<Harnel::Progress::CLogger>;
+
+  void GetCounts(unsigned long& nValid, unsigned long& nInvalid, bool bApproximate = false,
+                 TLoggerPtr pLogger = TLoggerPtr()) const
+  {
+    _Cache(bApproximate, pLogger).GetCounts(nValid, nInvalid);
+  }
+  // With a no-data value and no valid pixel both are 0. Without one, an empty band gives the type's
+  // largest value as the minimum and its lowest as the maximum.
+  void GetMinMax(TPixel& tMin, TPixel& tMax, bool bApproximate = false, TLoggerPtr pLogger = TLoggerPtr()) const
+  {
+    _Cache(bApproximate, pLogger).GetMinMax(tMin, tMax);
+  }
+  // Population variance (divided by the count). With no valid pixel the mean is 0 and the variance 1.
+  void GetMeanVariance(double& dMean, double& dVariance, bool bApproximate = false,
+                       TLoggerPtr pLogger = TLoggerPtr()) const
+  {
+    _Cache(bApproximate, pLogger).GetMeanVariance(dMean, dVariance);
+  }
+  // GetHistogramBins() bins (fewer for narrow integer ranges, at most 4096 for floating pixels) over
+  // [min, max]; bin i is centred on dLow + i * dBinStep. Empty, with nMaxCount 0, when fewer than three
+  // pixels are valid.
+  void GetHistogram(std::vector<unsigned long>& vecHistogram, double& dLow, double& dBinStep, double& dBinWidth,
+                    unsigned long& nMaxCount, bool bApproximate = false, TLoggerPtr pLogger = TLoggerPtr()) const
+  {
+    _Cache(bApproximate, pLogger).GetHistogram(vecHistogram, dLow, dBinStep, dBinWidth, nMaxCount);
+  }
+  // Median, mode and percentiles come from the histogram: a value inside its bin, interpolated as if
+  // a bin's pixels spread evenly over its width. 0 when the histogram is empty.
+  double GetMedian(bool bApproximate = false, TLoggerPtr pLogger = TLoggerPtr()) const
+  {
+    return _Cache(bApproximate, pLogger).GetMedian();
+  }
+  double GetMode(bool bApproximate = false, TLoggerPtr pLogger = TLoggerPtr()) const
+  {
+    return _Cache(bApproximate, pLogger).GetMode();
+  }
+  // dPercent in [0, 100].
+  double GetPercentile(double dPercent, bool bApproximate = false, TLoggerPtr pLogger = TLoggerPtr()) const
+  {
+    return _Cache(bApproximate, pLogger).GetPercentile(dPercent);
+  }
+
+  // The number of histogram bins asked for (1024 unless set); at least 1. A change drops the cached
+  // histogram, median and mode.
+  void SetHistogramBins(unsigned int nBins)
+  {
+    Detail::CCachedStatistics<TRep>::SetHistogramBins(m_pRep->GetStatistics(), nBins);
+  }
+  unsigned int GetHistogramBins() const { return m_pRep->GetStatistics().m_nBins; }
+
 private:
+  Detail::CCachedStatistics<TRep> _Cache(bool bApproximate, const TLoggerPtr& pLogger) const
+  {
+    return Detail::CCachedStatistics<TRep>(*m_pRep, bApproximate, pLogger);
+  }
+
   TRect m_oRect;
   boost::shared_ptr<TRep> m_pRep;
 };

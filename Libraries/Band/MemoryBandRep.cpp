@@ -1,5 +1,9 @@
 #include "Band/MemoryBandRep.h"
 
+#include "Band/StatisticCalculator.h"
+
+#include <boost/make_shared.hpp>
+
 #include <algorithm>
 #include <iostream>
 #include <typeinfo>
@@ -21,6 +25,9 @@ CMemoryBandRep<TPixel>::CMemoryBandRep(unsigned int nWidth, unsigned int nHeight
     if (Detail::CBandRepBase::ms_bTraceAllocations)
       _Trace(+1);
   }
+  // Last: the calculator is the only part of the record that depends on the concrete class.
+  this->GetStatistics().m_pCalculator =
+    boost::make_shared<Detail::CStatisticCalculator<TPixel, double, CMemoryBandRep<TPixel>>>(this);
 }
 
 template <class TPixel>

@@ -20,7 +20,8 @@ public:
   using TIterator = Detail::CMutableMemoryBandIterator<TPixel, int>;
   using TRect = Pravik::GraphObject2d::CRect<unsigned int>;
 
-  // Takes an uninitialised block of width * height pixels (none when either is 0). Throws
+  // Takes an uninitialised block of width * height pixels (none when either is 0) and, last, installs
+  // the statistic calculator bound to this representation in the record. Throws
   // std::bad_alloc when the block cannot be had.
   CMemoryBandRep(unsigned int nWidth, unsigned int nHeight);
   ~CMemoryBandRep();

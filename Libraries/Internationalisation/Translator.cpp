@@ -74,6 +74,16 @@ void _AddEnvironmentPath(std::list<std::string>& listPath)
     listPath.push_back(pPath);
 }
 
+// The module's own directory, then the working directory, then LANGUAGEPATH; "./" if none is known.
+void _BuildDefaultSearchPath(std::list<std::string>& listPath, std::string& strName)
+{
+  _AddApplicationPathAndName(listPath, strName);
+  _AddCurrentPath(listPath);
+  _AddEnvironmentPath(listPath);
+  if (listPath.empty())
+    listPath.push_back("./");
+}
+
 } // namespace
 
 // --- creation and destruction ---------------------------------------------------------------
@@ -82,11 +92,7 @@ CTranslator::CTranslator() : m_bSearchMode(true), m_oRegistryClient(*this)
 {
   std::list<std::string> listPath;
   std::string strName;
-  _AddApplicationPathAndName(listPath, strName);
-  _AddCurrentPath(listPath);
-  _AddEnvironmentPath(listPath);
-  if (listPath.empty())
-    listPath.push_back("./");
+  _BuildDefaultSearchPath(listPath, strName);
   // "Default" unless the application has chosen a language for all modules.
   const std::string strLanguage = CTranslatorRegistry::GetLanguage();
   _Init(listPath, strName, strLanguage.empty() ? "Default" : strLanguage);
@@ -129,11 +135,7 @@ void CTranslator::Init(const std::string& strLanguage)
   CTranslator& oTranslator = _CreateTranslator();
   std::list<std::string> listPath;
   std::string strName;
-  _AddApplicationPathAndName(listPath, strName);
-  _AddCurrentPath(listPath);
-  _AddEnvironmentPath(listPath);
-  if (listPath.empty())
-    listPath.push_back("./");
+  _BuildDefaultSearchPath(listPath, strName);
   oTranslator._Init(listPath, strName, strLanguage);
 }
 

@@ -1,0 +1,12 @@
+#include "Band/StatisticCalculator.h"
+
+#include "Band/MemoryBandRep.h"
+
+namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
+
+#define ORL_STATISTIC_CALCULATOR_INSTANTIATE(T)                                                         \
+  template class CGrayValueStatisticsCalculator<T, double>;                                             \
+  template class CStatisticCalculator<T, double, CMemoryBandRep<T>>;
+ORL_FOR_EACH_PIXEL_TYPE(ORL_STATISTIC_CALCULATOR_INSTANTIATE)
+
+}}}} // namespace Orl::Ostrel::Band::Detail

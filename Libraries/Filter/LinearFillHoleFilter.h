@@ -1,0 +1,102 @@
+#pragma once
+
+// The linear fill-hole filter: declaration and its instances. The generic definitions are in
+// LinearFillHoleFilterImpl.h, which only code that makes new instances needs.
+
+#include "Band/Band.h"
+#include "Filter/DefaultLineData.h"
+#include "Filter/FilterBase.h"
+
+#include <cstdint>
+
+namespace Orl { namespace Ostrel { namespace Filter {
+
+// Fills the holes of a band by interpolation along eight lines (the two axes and the two diagonals).
+// Each line that reaches a valid pixel within m_fMaxDistance steps contributes its value with weight
+// 1 / steps; a hole with at least m_nMinDirections contributions gets the weighted mean, computed in
+// 32-bit float for every pixel type, the others get the destination's no-data value.
+//
+// Two sequential sweeps, forward and backward, each looking at every pixel once; the working memory
+// is O(width + height) line state plus one entry per hole. A large hole is filled from its rim inward
+// as far as the reach goes.
+//
+// Holes: without a mask, the source's invalid pixels (its no-data value; for floating types also NaN
+// and infinities). With a mask, the pixels whose mask pixel the comparator selects; source pixels that
+// are invalid and not selected are then skipped: they get no-data and do not lengthen any line.
+// The mask comparator is SEqualComparator with the mask's no-data value (0 without one), or, with the
+// range constructor, SOutsideRangeComparator with the range in the mask's pixel type.
+//
+// The caller passes three bands of the same size (a smaller one narrows the work to the common
+// rectangle), a destination other than the source, and at least as many m_nMaxHolePixels as there
+// are holes.
+template <class TLineData>
+class CLinearFillHoleFilter : public Detail::CBandFilterBase
+{
+public:
+  CLinearFillHoleFilter(unsigned int nMaxHolePixels, unsigned int nMinDirections, float fMaxDistance, bool bUseMask)
+    : m_nMaxHolePixels(nMaxHolePixels), m_nMinDirections(nMinDirections), m_fMaxDistance(fMaxDistance),
+      m_bUseMask(bUseMask), m_bUseRange(false)
+  {
+    m_strName = "Linear Fill Hole Filter";
+  }
+
+  // With a mask, holes are where the mask pixel lies outside [dRangeLow, dRangeHigh].
+  CLinearFillHoleFilter(double dRangeLow, double dRangeHigh, unsigned int nMaxHolePixels, unsigned int nMinDirections,
+                        float fMaxDistance, bool bUseMask)
+    : m_nMaxHolePixels(nMaxHolePixels), m_nMinDirections(nMinDirections), m_fMaxDistance(fMaxDistance),
+      m_bUseMask(bUseMask), m_bUseRange(true), m_dRangeLow(dRangeLow), m_dRangeHigh(dRangeHigh)
+  {
+    m_strName = "Linear Fill Hole Filter";
+  }
+
+  bool AllowDestIsSrc() const { return false; }
+
+  // dest and src have one pixel type; all three bands one storage tag. The mask must be given also
+  // when m_bUseMask is false: its pixels are then not read, but its extent still counts.
+  template <class TDest, class TSrc, class TMask>
+  void Apply(TDest& oDest, const TSrc& oSrc, const TMask& oMask) const;
+
+private:
+  template <class TDest, class TSrc, class TMask, class TComparator>
+  void _ApplyImpl(TDest& oDest, const TSrc& oSrc, const TMask& oMask, const TComparator& oComparator) const;
+
+  template <bool BUseMask, class TDest, class TSrc, class TMask, class TComparator>
+  void _Sweeps(TDest& oDest, const TSrc& oSrc, const TMask& oMask, const TComparator& oComparator) const;
+
+  std::uint32_t m_nMaxHolePixels;
+  std::uint32_t m_nMinDirections;
+  float m_fMaxDistance;
+  bool m_bUseMask;
+  bool m_bUseRange;
+  double m_dRangeLow = 0.0;  // read only with m_bUseRange
+  double m_dRangeHigh = 0.0; // read only with m_bUseRange
+};
+
+// The image and mask pixel types of the instances: ORL_FOR_EACH_FILL_HOLE_INSTANCE(M, Tag) expands
+// M(image pixel, mask pixel, Tag) for each. Signed images take the unsigned mask of their width.
+#define ORL_FOR_EACH_FILL_HOLE_INSTANCE(M, Tag)                                                         \
+  M(unsigned char, unsigned char, Tag)                                                                  \
+  M(unsigned short, unsigned char, Tag)                                                                 \
+  M(unsigned short, unsigned short, Tag)                                                                \
+  M(short, unsigned char, Tag)                                                                          \
+  M(short, unsigned short, Tag)                                                                         \
+  M(unsigned int, unsigned char, Tag)                                                                   \
+  M(unsigned int, unsigned int, Tag)                                                                    \
+  M(int, unsigned char, Tag)                                                                            \
+  M(int, unsigned int, Tag)                                                                             \
+  M(float, unsigned char, Tag)                                                                          \
+  M(float, float, Tag)                                                                                  \
+  M(double, unsigned char, Tag)                                                                         \
+  M(double, double, Tag)
+
+#define ORL_FILL_HOLE_APPLY(TPixel, TMaskPixel, Tag)                                                    \
+  void CLinearFillHoleFilter<SDefaultLineData>::Apply<Band::CBand<TPixel, Tag>, Band::CBand<TPixel, Tag>, \
+                                                      Band::CBand<TMaskPixel, Tag>>(                   \
+    Band::CBand<TPixel, Tag>&, const Band::CBand<TPixel, Tag>&, const Band::CBand<TMaskPixel, Tag>&) const;
+
+#define ORL_FILL_HOLE_EXTERN(TPixel, TMaskPixel, Tag) extern template ORL_FILL_HOLE_APPLY(TPixel, TMaskPixel, Tag)
+ORL_FOR_EACH_FILL_HOLE_INSTANCE(ORL_FILL_HOLE_EXTERN, Band::SMemoryTag)
+ORL_FOR_EACH_FILL_HOLE_INSTANCE(ORL_FILL_HOLE_EXTERN, Band::SIPPTag)
+#undef ORL_FILL_HOLE_EXTERN
+
+}}} // namespace Orl::Ostrel::Filter
