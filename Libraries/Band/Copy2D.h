@@ -243,3 +243,5 @@ ORL_FOR_EACH_PIXEL_TYPE(ORL_COPY2D_EXTERN)
 #undef ORL_COPY2D_EXTERN
 
 }}} // namespace Orl::Ostrel::Band
+
+#include "Band/Detail/TileCopyWalks.h"

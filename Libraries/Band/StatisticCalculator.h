@@ -260,7 +260,8 @@ void CStatisticCalculator<TPixel, TAcc, TBandRep>::CalcHisto(std::vector<unsigne
 }
 
 #define ORL_STATISTIC_CALCULATOR_EXTERN(T)                                                              \
-  extern template class CStatisticCalculator<T, double, CMemoryBandRep<T>>;
+  extern template class CStatisticCalculator<T, double, CMemoryBandRep<T>>;                             \
+  extern template class CStatisticCalculator<T, double, CTileBandRep<T>>;
 ORL_FOR_EACH_PIXEL_TYPE(ORL_STATISTIC_CALCULATOR_EXTERN)
 #undef ORL_STATISTIC_CALCULATOR_EXTERN
 

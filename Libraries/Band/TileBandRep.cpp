@@ -1,5 +1,7 @@
 #include "Band/TileBandRep.h"
 
+#include "Band/StatisticCalculator.h"
+
 #include <boost/chrono/duration.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/thread/thread.hpp>
@@ -33,6 +35,9 @@ CTileBandRep<TPixel>::CTileBandRep(unsigned int nWidth, unsigned int nHeight)
   // Four tiles per scheduler thread: what the iterators of all tasks walking the band hold at once.
   m_oLocalCache.SetCapacity(4 * static_cast<unsigned int>(tbb::info::default_concurrency()));
   m_vTileIds.assign(std::size_t(m_nTilesPerRow) * ((std::uint64_t(nHeight) + m_nTileSizeY - 1) / m_nTileSizeY), 0);
+  // Last: the calculator is the only part of the record that depends on the concrete class.
+  this->GetStatistics().m_pCalculator =
+    boost::make_shared<Detail::CStatisticCalculator<TPixel, double, CTileBandRep<TPixel> > >(this);
 }
 
 template <class TPixel>

@@ -99,7 +99,7 @@ public:
   // The prefetch queue's order to stop; no band has that many tiles.
   static constexpr unsigned int ms_nStopPrefetch = 0x7fffffff;
 
-  // Cheap at any size: no tile and no tile cache is touched.
+  // Cheap at any size: no tile and no tile cache is touched. Installs the statistic calculator, last.
   CTileBandRep(unsigned int nWidth, unsigned int nHeight);
   // Stops the prefetch thread and releases every tile id; tiles still held by iterators die with them.
   ~CTileBandRep();

@@ -2,7 +2,7 @@
 // see into Debian's oneTBB, so the parallel walks' pattern is reproduced here with std::thread: one
 // unmoving master iterator per band, each thread walking its own copy over its own block.
 #include "Band/Band.h"
-#include "TileBandSupport.h"
+#include "Support/TileBands.h"
 
 #include <gtest/gtest.h>
 

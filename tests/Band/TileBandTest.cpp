@@ -1,6 +1,6 @@
 #include "Band/Band.h"
 #include "Support/PixelTypes.h"
-#include "TileBandSupport.h"
+#include "Support/TileBands.h"
 
 #include <gtest/gtest.h>
 

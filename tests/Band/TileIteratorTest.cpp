@@ -1,7 +1,7 @@
 #include "Band/Band.h"
 #include "Band/Detail/RowRuns.h"
 #include "Support/PixelTypes.h"
-#include "TileBandSupport.h"
+#include "Support/TileBands.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,10 @@
 //
 // Where the iterator's rows are contiguous memory and the functor has a row loop (ApplyRow), each
 // row goes to that loop as a pointer and a length; otherwise pixel by pixel through the iterator
-// contract. Both give the same result (see Math/StatisticFunctors.h).
+// contract. Both give the same result (see Math/StatisticFunctors.h). Tile iterators hand over a row
+// run by run, one tile's stretch at a time (see RowRuns.h), to the row loop or pixel by pixel.
 
+#include "Band/Detail/RowRuns.h"
 #include "Band/MemoryBandIterator.h"
 
 #include <cassert>
@@ -42,6 +44,25 @@ struct SHasApplyRow<TFunctor, TPixel, TPredicate,
 {
 };
 
+// Iterators other than the memory ones whose rows come in runs: tile iterators.
+template <class TIterator>
+constexpr bool g_bRunRows = SRowRuns<TIterator>::value && !SContiguousRows<TIterator>::value;
+
+// The pixels of one run, through the row loop where the functor has one.
+template <class TPixel, class TFunctor, class TPredicate>
+inline void ApplyRun(const TPixel* pRun, int nLength, TFunctor& oFunctor, const TPredicate& oPredicate)
+{
+  if constexpr (SHasApplyRow<TFunctor, TPixel, TPredicate>::value)
+    oFunctor.ApplyRow(pRun, std::size_t(nLength), oPredicate);
+  else
+    for (int i = 0; i < nLength; ++i)
+    {
+      const TPixel tValue = pRun[i];
+      if (oPredicate(tValue))
+        oFunctor(tValue);
+    }
+}
+
 // One row: the pixels from itStart up to, not including, column itStop.X.
 // Required: *it, it.X compared with itStop.X, ++it.X; for the row loop also &*it and X - X.
 template <class TIterator, class TFunctor, class TPredicate>
@@ -55,6 +76,13 @@ inline void WalkRow(const TIterator& itStart, const TIterator& itStop, TFunctor&
     if (nLength > 0)
       oFunctor.ApplyRow(&*itStart, std::size_t(nLength), oPredicate);
   }
+  else if constexpr (g_bRunRows<TIterator>)
+  {
+    const int nLength = itStop.X - itStart.X;
+    assert(nLength >= 0 && "rows are walked towards increasing X");
+    TIterator it = itStart;
+    ForEachRowRun(it, nLength, [&](const TPixel* pRun, int nRun) { ApplyRun(pRun, nRun, oFunctor, oPredicate); });
+  }
   else
   {
     for (TIterator it = itStart; it.X != itStop.X; ++it.X)
@@ -67,11 +95,24 @@ inline void WalkRow(const TIterator& itStart, const TIterator& itStop, TFunctor&
 }
 
 // Rows from itRow's Y up to, not including, itStop.Y, each from itRow's X to itStop.X.
+// Tile iterators go through the block with one iterator that keeps the block's tiles in its slots,
+// instead of a fresh copy per row that would fetch them again on every row.
 template <class TIterator, class TFunctor, class TPredicate>
 inline void WalkRows(TIterator itRow, const TIterator& itStop, TFunctor& oFunctor, const TPredicate& oPredicate)
 {
-  for (; itRow.Y != itStop.Y; ++itRow.Y)
-    WalkRow(itRow, itStop, oFunctor, oPredicate);
+  if constexpr (g_bRunRows<TIterator>)
+  {
+    using TPixel = std::decay_t<decltype(*itRow)>;
+    const int nWidth = itStop.X - itRow.X;
+    const int nHeight = itStop.Y - itRow.Y;
+    assert(nWidth >= 0 && nHeight >= 0 && "blocks are walked towards increasing X and Y");
+    WalkRectRuns(
+      itRow, nWidth, nHeight,
+      [&](const TPixel* pRun, int nRun) { ApplyRun(pRun, nRun, oFunctor, oPredicate); }, [] {});
+  }
+  else
+    for (; itRow.Y != itStop.Y; ++itRow.Y)
+      WalkRow(itRow, itStop, oFunctor, oPredicate);
 }
 
 }}}} // namespace Orl::Ostrel::Band::Detail

@@ -817,3 +817,5 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
 }
 
 }}}} // namespace Orl::Ostrel::Filter::Detail
+
+#include "Filter/Detail/LinearFillHoleTileAccess.h"
