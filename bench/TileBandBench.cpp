@@ -1,46 +1,39 @@
-// Tile bands against memory bands with the same pixels, in the same run: a spilled band walked with
-// and without prefetching.
+// Tile bands against memory bands with the same pixels, in the same run, on float 4096 x 4096 bands
+// (64 MiB):
+//
+//   Statistics   CalcMinMaxMeanVar (parallel), the calculator called directly so nothing is cached
+//   Copy2D       band to band, parallel
+//   FillHole     the linear fill-hole filter, 10% single-pixel holes
+//   FillHoleSpilled  the same on tile bands with the tile cache's budget at a quarter of one band:
+//                    the bands and the hole list go to the spill file and back; MiBRead and
+//                    MiBWritten per run; with each prefetch pattern set on source and destination
+//   SpilledRowWalk   a row-by-row read of a spilled band with each prefetch pattern
+//
+// Tile and memory variants of one benchmark differ only in the tag; compare medians:
+//
+//   TileBandBench --benchmark_repetitions=7 --benchmark_enable_random_interleaving=true
+//                 --benchmark_report_aggregates_only=true
 #include "Band/Band.h"
+#include "Band/Copy2D.h"
 #include "Band/Detail/RowRuns.h"
 #include "Band/TileCache.h"
+#include "Filter/LinearFillHoleFilter.h"
 
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <random>
 
 namespace {
 
 using namespace Orl::Ostrel::Band;
-using CRect = Orl::Pravik::GraphObject2d::CRect<unsigned int>;
+using TLoggerPtr = boost::shared_ptr<Orl::Harnel::Progress::CLogger>;
 
-// Noise that LZ4 cannot shrink, so that spilled tiles cost their full records.
-inline float NoiseAt(std::uint32_t nX, std::uint32_t nY)
-{
-  std::uint32_t n = nX * 0x9E3779B1u ^ (nY + 0x7F4A7C15u) * 0x85EBCA77u;
-  n ^= n >> 15;
-  n *= 0x2C1B3C6Du;
-  n ^= n >> 12;
-  return float(n >> 8) * (1.0f / 65536.0f);
-}
-
-template <class TBand>
-void FillNoise(TBand& oBand)
-{
-  auto oIts = oBand.GetBandIterators(oBand);
-  std::uint32_t nY = 0;
-  std::uint32_t nX = 0;
-  Detail::WalkRectRuns(
-    boost::get<0>(oIts), int(oBand.GetWidth()), int(oBand.GetHeight()),
-    [&](float* p, int n) {
-      for (int i = 0; i < n; ++i)
-        p[i] = NoiseAt(nX++, nY);
-    },
-    [&] {
-      nX = 0;
-      ++nY;
-    });
-}
+constexpr unsigned g_nSize = 4096;
+constexpr std::uint64_t g_nBandBytes = std::uint64_t(g_nSize) * g_nSize * sizeof(float);
+constexpr float g_fNoData = -9999.0f;
 
 CTileCache& GlobalCache()
 {
@@ -49,54 +42,195 @@ CTileCache& GlobalCache()
   return *g_oTileCache;
 }
 
-void ReportCache(benchmark::State& oState, const STileCacheCounters& oBefore)
+// The cache's budget for the life of the object.
+class CBudget
 {
-  const STileCacheCounters oAfter = GlobalCache().GetCounters();
-  const double dRuns = double(oState.iterations());
-  oState.counters["MiBRead"] = double(oAfter.m_nBytesRead - oBefore.m_nBytesRead) / dRuns / 1048576.0;
-  oState.counters["MiBWritten"] = double(oAfter.m_nBytesWritten - oBefore.m_nBytesWritten) / dRuns / 1048576.0;
+public:
+  explicit CBudget(std::uint64_t nBytes) : m_nOld(GlobalCache().GetMemoryBudget()) { GlobalCache().SetMemoryBudget(nBytes); }
+  ~CBudget() { GlobalCache().SetMemoryBudget(m_nOld); }
+
+private:
+  std::uint64_t m_nOld;
+};
+
+// A smooth surface with noise that LZ4 cannot shrink much, and with bHoles a tenth of the pixels set
+// to the no-data value at random. Written run by run, so that tile and memory bands get the same.
+template <class TBand>
+void Fill(TBand& oBand, bool bHoles)
+{
+  std::mt19937 oRng(7);
+  std::uniform_real_distribution<float> oNoise(-1.0f, 1.0f);
+  unsigned nX = 0, nY = 0;
+  Detail::WalkRectRuns(
+    boost::get<0>(oBand.GetBandIterators(oBand)), int(oBand.GetWidth()), int(oBand.GetHeight()),
+    [&](float* p, int n) {
+      for (int i = 0; i < n; ++i, ++nX)
+        p[i] = bHoles && oRng() % 10 == 0 ? g_fNoData
+                                           : 500.0f + 80.0f * std::sin(nX * 0.01f) * std::cos(nY * 0.013f) + oNoise(oRng);
+    },
+    [&] {
+      nX = 0;
+      ++nY;
+    });
+  if (bHoles)
+    oBand.SetNoDataValue(g_fNoData);
 }
 
-// --- Prefetching -----------------------------------------------------------------------------------
+template <class TTag>
+struct SBands
+{
+  CBand<float, TTag> m_oSrc{g_nSize, g_nSize};
+  CBand<float, TTag> m_oDest{g_nSize, g_nSize};
+  CBand<unsigned char, TTag> m_oMask{g_nSize, g_nSize}; // not read: the filter runs without a mask
+  SBands()
+  {
+    Fill(m_oSrc, true);
+    m_oDest.Clear(0.0f);
+  }
+};
 
-// A float band four times the budget, read row by row over its full width, top to bottom, as the
-// fill-hole sweeps do: each pass reloads every tile.
-constexpr unsigned g_nSpillSize = 4096;
-constexpr std::uint64_t g_nSpillBudget = std::uint64_t(g_nSpillSize) * g_nSpillSize * sizeof(float) / 4;
+// Resident: the default budget (a quarter of the memory) holds all of them. The resident benchmarks
+// run their operation once before timing, so that tiles a spilled benchmark pushed out are back.
+template <class TTag>
+SBands<TTag>& Bands()
+{
+  static SBands<TTag> s_oBands;
+  return s_oBands;
+}
 
+void ReportPixels(benchmark::State& oState)
+{
+  oState.counters["ns_per_pixel"] = benchmark::Counter(double(g_nSize) * g_nSize,
+                                                      benchmark::Counter::kIsIterationInvariantRate |
+                                                        benchmark::Counter::kInvert);
+}
+
+struct SCacheTraffic
+{
+  STileCacheCounters m_oBefore = GlobalCache().GetCounters();
+
+  void Report(benchmark::State& oState) const
+  {
+    const STileCacheCounters oAfter = GlobalCache().GetCounters();
+    const double dRuns = double(oState.iterations());
+    oState.counters["MiBRead"] = double(oAfter.m_nBytesRead - m_oBefore.m_nBytesRead) / dRuns / 1048576.0;
+    oState.counters["MiBWritten"] = double(oAfter.m_nBytesWritten - m_oBefore.m_nBytesWritten) / dRuns / 1048576.0;
+  }
+};
+
+// --- Statistics and Copy2D on resident bands ---------------------------------------------------------
+
+template <class TTag>
+void BM_Statistics(benchmark::State& oState)
+{
+  const auto& oBand = static_cast<const CBand<float, TTag>&>(Bands<TTag>().m_oSrc);
+  auto& oCalculator = *oBand.GetRep().GetStatistics().m_pCalculator;
+  const auto fnRun = [&] {
+    float fMin, fMax;
+    unsigned long nValid, nInvalid;
+    double dMean, dVariance;
+    oCalculator.CalcMinMaxMeanVar(fMin, fMax, nValid, dMean, dVariance, nInvalid, false, TLoggerPtr());
+    benchmark::DoNotOptimize(dMean);
+  };
+  fnRun();
+  for (auto _ : oState)
+    fnRun();
+  ReportPixels(oState);
+}
+BENCHMARK_TEMPLATE(BM_Statistics, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Statistics, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+template <class TTag>
+void BM_Copy2D(benchmark::State& oState)
+{
+  auto& oBands = Bands<TTag>();
+  const auto& oSrc = oBands.m_oSrc;
+  const auto fnRun = [&] {
+    Copy2D(oSrc.GetBandIterators(oSrc), oBands.m_oDest.GetBandIterators(oBands.m_oDest), TLoggerPtr(),
+           SAllowParallelFor());
+  };
+  fnRun();
+  for (auto _ : oState)
+    fnRun();
+  ReportPixels(oState);
+}
+BENCHMARK_TEMPLATE(BM_Copy2D, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Copy2D, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// --- Fill-hole ------------------------------------------------------------------------------------
+
+using CFillHole = Orl::Ostrel::Filter::CLinearFillHoleFilter<Orl::Ostrel::Filter::SDefaultLineData>;
+const CFillHole g_oFillHole(g_nSize * g_nSize / 8, 1, 100.0f, false);
+
+template <class TTag>
+void BM_FillHole(benchmark::State& oState)
+{
+  auto& oBands = Bands<TTag>();
+  g_oFillHole.Apply(oBands.m_oDest, oBands.m_oSrc, oBands.m_oMask);
+  for (auto _ : oState)
+    g_oFillHole.Apply(oBands.m_oDest, oBands.m_oSrc, oBands.m_oMask);
+  ReportPixels(oState);
+}
+BENCHMARK_TEMPLATE(BM_FillHole, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_FillHole, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Bands of their own, made under the small budget so that they spill from the start.
+void BM_FillHoleSpilled(benchmark::State& oState)
+{
+  const CBudget oBudget(g_nBandBytes / 4);
+  SBands<STileTag> oBands;
+  const auto ePattern = EPrefetchPattern(oState.range(0));
+  oBands.m_oSrc.GetRep().SetPrefetchPattern(ePattern);
+  oBands.m_oDest.GetRep().SetPrefetchPattern(ePattern);
+  const SCacheTraffic oTraffic;
+  for (auto _ : oState)
+    g_oFillHole.Apply(oBands.m_oDest, oBands.m_oSrc, oBands.m_oMask);
+  oTraffic.Report(oState);
+  ReportPixels(oState);
+}
+BENCHMARK(BM_FillHoleSpilled)
+  ->ArgName("prefetch")
+  ->Arg(ePrefetchNone)
+  ->Arg(ePrefetchNextRow)
+  ->Arg(ePrefetchRestOfRow)
+  ->Arg(ePrefetchNextTile)
+  ->Unit(benchmark::kMillisecond)
+  ->UseRealTime();
+
+// --- A spilled band read row by row ------------------------------------------------------------------
+
+// A band four times the budget, read over its full width, top to bottom, as the fill-hole sweeps
+// read their source: each pass reloads every tile.
 void BM_SpilledRowWalk(benchmark::State& oState)
 {
-  const auto ePattern = EPrefetchPattern(oState.range(0));
-  const std::uint64_t nOldBudget = GlobalCache().GetMemoryBudget();
-  GlobalCache().SetMemoryBudget(g_nSpillBudget);
+  const CBudget oBudget(g_nBandBytes / 4);
+  CBand<float, STileTag> oBand(g_nSize, g_nSize);
+  Fill(oBand, false);
+  oBand.GetRep().SetPrefetchPattern(EPrefetchPattern(oState.range(0)));
+  const auto& oConst = oBand;
+  const SCacheTraffic oTraffic;
+  for (auto _ : oState)
   {
-    CBand<float, STileTag> oBand(g_nSpillSize, g_nSpillSize);
-    FillNoise(oBand);
-    oBand.GetRep().SetPrefetchPattern(ePattern);
-    const auto& oConst = oBand;
-    const STileCacheCounters oBefore = GlobalCache().GetCounters();
-    for (auto _ : oState)
+    const auto oIts = oConst.GetBandIterators(oConst);
+    double dSum = 0;
+    auto itRow = boost::get<0>(oIts);
+    for (unsigned y = 0; y < g_nSize; ++y, ++itRow.Y)
     {
-      const auto oIts = oConst.GetBandIterators(oConst);
-      double dSum = 0;
-      auto itRow = boost::get<0>(oIts);
-      for (unsigned y = 0; y < g_nSpillSize; ++y, ++itRow.Y)
-      {
-        auto it = itRow;
-        Detail::ForEachRowRun(it, int(g_nSpillSize), [&](const float* p, int n) {
-          float fRun = 0;
-          for (int i = 0; i < n; ++i)
-            fRun += p[i];
-          dSum += fRun;
-        });
-      }
-      benchmark::DoNotOptimize(dSum);
+      auto it = itRow;
+      Detail::ForEachRowRun(it, int(g_nSize), [&](const float* p, int n) {
+        float fRun = 0;
+        for (int i = 0; i < n; ++i)
+          fRun += p[i];
+        dSum += fRun;
+      });
     }
-    ReportCache(oState, oBefore);
+    benchmark::DoNotOptimize(dSum);
   }
-  GlobalCache().SetMemoryBudget(nOldBudget);
+  oTraffic.Report(oState);
+  ReportPixels(oState);
 }
 BENCHMARK(BM_SpilledRowWalk)
+  ->ArgName("prefetch")
   ->Arg(ePrefetchNone)
   ->Arg(ePrefetchNextRow)
   ->Arg(ePrefetchRestOfRow)

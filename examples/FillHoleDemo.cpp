@@ -5,9 +5,15 @@
 // pixels there were, how many pixels were filled, the time taken and the error of the filled pixels
 // against the terrain. Writes before and after pictures (whole band and a detail) as PNG.
 //
+// With --tile-budget the filter runs on tile bands instead, with the tile cache's memory budget set to
+// the given size, which may be far below the bands': the bands and the filter's hole list then go to
+// the spill file and back. The cache's counters are printed after the filter.
+//
 //   FillHoleDemo [--size N] [--hole-density F] [--large-holes N] [--max-distance F]
-//                [--min-directions N] [--seed N] [--out DIR]
+//                [--min-directions N] [--seed N] [--out DIR] [--tile-budget SIZE]
 #include "Band/Band.h"
+#include "Band/Detail/RowRuns.h"
+#include "Band/TileCache.h"
 #include "Filter/LinearFillHoleFilter.h"
 #include "Foundation/ConsoleProgressSink.h"
 #include "Foundation/Logger.h"
@@ -49,14 +55,17 @@ struct SOptions
   unsigned int m_nMinDirections = 2;
   unsigned int m_nSeed = 1;
   std::string m_strOut = "out";
+  std::uint64_t m_nTileBudget = 0; // 0: memory bands
 };
 
 void Usage()
 {
   std::cerr << "usage: FillHoleDemo [--size N] [--hole-density F] [--large-holes N] [--max-distance F]\n"
-               "                    [--min-directions N] [--seed N] [--out DIR]\n"
+               "                    [--min-directions N] [--seed N] [--out DIR] [--tile-budget SIZE]\n"
                "defaults: 4096 x 4096 pixels, 5% of them in small holes, about 3 large holes per million\n"
-               "pixels, reach 64 pixels, at least 2 directions, seed 1, pictures into out/\n";
+               "pixels, reach 64 pixels, at least 2 directions, seed 1, pictures into out/\n"
+               "--tile-budget: run on tile bands with a tile cache of SIZE bytes (suffix K, M or G), for\n"
+               "instance 16M for a quarter of the default band\n";
 }
 
 SOptions ParseOptions(int argc, char** argv)
@@ -95,6 +104,21 @@ SOptions ParseOptions(int argc, char** argv)
       oOptions.m_nSeed = unsigned(std::stoul(strValue));
     else if (strName == "--out")
       oOptions.m_strOut = strValue;
+    else if (strName == "--tile-budget")
+    {
+      std::size_t nEnd = 0;
+      oOptions.m_nTileBudget = std::stoull(strValue, &nEnd);
+      const std::string strSuffix = strValue.substr(nEnd);
+      const unsigned int nShift = strSuffix == "K" || strSuffix == "k" ? 10
+                                  : strSuffix == "M" || strSuffix == "m" ? 20
+                                  : strSuffix == "G" || strSuffix == "g" ? 30
+                                                                          : 0;
+      if (!strSuffix.empty() && nShift == 0)
+        throw std::invalid_argument("tile budget must be a byte count with K, M or G");
+      oOptions.m_nTileBudget <<= nShift;
+      if (oOptions.m_nTileBudget == 0)
+        throw std::invalid_argument("tile budget must be above 0");
+    }
     else
       throw std::invalid_argument("unknown option " + strName);
   }
@@ -285,7 +309,8 @@ void WritePng(const std::string& strPath, const TBand& oBand, unsigned int nX0, 
 
 // Read through the band's cached getters: the mean and variance pass also caches the extremes and the
 // counts, so only the median costs a second (histogram) pass.
-void PrintStatistics(const char* szLabel, const TBand& oBand)
+template <class TAnyBand>
+void PrintStatistics(const char* szLabel, const TAnyBand& oBand)
 {
   double dMean = 0.0, dVariance = 0.0;
   oBand.GetMeanVariance(dMean, dVariance);
@@ -301,6 +326,29 @@ void PrintStatistics(const char* szLabel, const TBand& oBand)
 double Seconds(std::chrono::steady_clock::time_point oStart)
 {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - oStart).count();
+}
+
+// Copies between bands of the same size and any storage, one row run (a tile's stretch) at a time.
+template <class TTo, class TFrom>
+void CopyPixels(TTo& oTo, const TFrom& oFrom)
+{
+  Orl::Ostrel::Band::Detail::WalkRectRuns(boost::get<0>(oFrom.GetBandIterators(oFrom)), boost::get<0>(oTo.GetBandIterators(oTo)),
+                       int(oFrom.GetWidth()), int(oFrom.GetHeight()),
+                       [](const float* pFrom, float* pTo, int nRun) { std::copy(pFrom, pFrom + nRun, pTo); });
+  if (oFrom.HasNoDataValue())
+    oTo.SetNoDataValue(oFrom.GetNoDataValue());
+}
+
+void PrintTileCache()
+{
+  const STileCacheCounters oCounters = g_oTileCache->GetCounters();
+  const auto fnMiB = [](std::uint64_t n) { return double(n) / 1048576.0; };
+  std::cout << "Tile cache: budget " << fnMiB(oCounters.m_nBudgetBytes) << " MiB, " << oCounters.m_nTiles
+            << " tiles, " << oCounters.m_nResidentTiles << " in memory (" << fnMiB(oCounters.m_nResidentBytes)
+            << " MiB), " << oCounters.m_nSpilledTiles << " on disk\n"
+            << "  written: " << oCounters.m_nRecordsWritten << " records, " << fnMiB(oCounters.m_nBytesWritten)
+            << " MiB; read: " << oCounters.m_nRecordsRead << " records, " << fnMiB(oCounters.m_nBytesRead)
+            << " MiB; spill file " << fnMiB(oCounters.m_nFileBytes) << " MiB" << std::endl;
 }
 
 int Run(const SOptions& oOptions)
@@ -326,16 +374,39 @@ int Run(const SOptions& oOptions)
   std::cout << "Holes: " << nHoles << " (" << nHolePixels << " pixels, "
             << 100.0 * double(nHolePixels) / (double(nSize) * nSize) << "% of the band)" << std::endl;
 
-  PrintStatistics("Before", oSrc);
-
   // The filter needs an upper bound of the hole pixels: here it is known exactly.
   CLinearFillHoleFilter<SDefaultLineData> oFilter(unsigned(nHolePixels), oOptions.m_nMinDirections,
                                                   oOptions.m_fMaxDistance, false);
   using namespace Orl::Harnel::Progress;
   oFilter.SetLogger(boost::make_shared<CLogger>(boost::make_shared<CConsoleProgressSink>(std::cout)));
-  const auto oStart = std::chrono::steady_clock::now();
-  oFilter.Apply(oDest, oSrc, oSrc); // without a mask the source's no-data pixels are the holes
-  const double dSeconds = Seconds(oStart);
+  double dSeconds = 0.0;
+  if (oOptions.m_nTileBudget == 0)
+  {
+    PrintStatistics("Before", oSrc);
+    const auto oStart = std::chrono::steady_clock::now();
+    oFilter.Apply(oDest, oSrc, oSrc); // without a mask the source's no-data pixels are the holes
+    dSeconds = Seconds(oStart);
+  }
+  else
+  {
+    // The same on tile bands, made and filled under the small budget, so that they spill from the start.
+    if (!g_oTileCache)
+      CTileCache::InitGlobalTileCache();
+    g_oTileCache->SetMemoryBudget(oOptions.m_nTileBudget);
+    CBand<float, STileTag> oTileSrc(nSize, nSize), oTileDest(nSize, nSize);
+    CopyPixels(oTileSrc, oSrc);
+    oTileDest.SetNoDataValue(g_fNoData);
+    oTileDest.Clear(g_fNoData);
+    std::cout << "On tile bands: " << 2.0 * double(nSize) * nSize * sizeof(float) / 1048576.0
+              << " MiB of source and destination" << std::endl;
+    PrintStatistics("Before", oTileSrc);
+    PrintTileCache();
+    const auto oStart = std::chrono::steady_clock::now();
+    oFilter.Apply(oTileDest, oTileSrc, oTileSrc);
+    dSeconds = Seconds(oStart);
+    PrintTileCache();
+    CopyPixels(oDest, oTileDest);
+  }
 
   const float* pDest = oDest.GetRep().GetDataLocation();
   std::uint64_t nFilled = 0;

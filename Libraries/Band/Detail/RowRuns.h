@@ -61,6 +61,23 @@ struct SRowRuns<CMutableTileBandIterator<TPixel, TCoord> > : STileRowRuns<CMutab
 {
 };
 
+// Copies a run, converting as an assignment would. Same-type runs go in 64-byte blocks that the
+// compiler expands inline: the C library's memmove is on some machines several times slower for the
+// few kilobytes of a tile's run than a plain vector loop.
+template <class TFrom, class TTo>
+inline void CopyRun(const TFrom* __restrict pFrom, TTo* __restrict pTo, int nCount)
+{
+  int i = 0;
+  if constexpr (std::is_same<TFrom, TTo>::value && 64 % sizeof(TFrom) == 0)
+  {
+    constexpr int nBlock = int(64 / sizeof(TFrom));
+    for (; i + nBlock <= nCount; i += nBlock)
+      __builtin_memcpy(pTo + i, pFrom + i, 64);
+  }
+  for (; i < nCount; ++i)
+    pTo[i] = pFrom[i];
+}
+
 // Calls fn(pointer, n) for the runs of the nCount pixels from it on, in order, and leaves it on the
 // last of them: a step beyond would fetch the next tile for nothing.
 template <class TIterator, class TFn>
@@ -121,6 +138,59 @@ inline void WalkRectRuns(TIteratorA itA, TIteratorB itB, int nWidth, int nHeight
       TRunsA::Advance(itA, nLeft == 0 ? nRun - 1 : nRun);
       TRunsB::Advance(itB, nLeft == 0 ? nRun - 1 : nRun);
     }
+  }
+}
+
+// The same rectangle in strips instead of rows, where the order of the runs does not matter: a strip
+// is a stretch of columns in which every row is one run (for tiles: one tile column, cut where another
+// iterator's tile border falls), walked top to bottom with the Y mover, strip after strip. A tile's
+// rows lie one after the other in memory, so a strip as wide as its tile reads the tile as one stream,
+// where rows across the band would jump from tile to tile every few kilobytes.
+template <class TIterator, class TRunFn>
+inline void WalkRectRunStrips(const TIterator& it, int nWidth, int nHeight, TRunFn&& fnRun)
+{
+  using TRuns = SRowRuns<TIterator>;
+  for (int nX = 0; nX < nWidth && nHeight > 0;)
+  {
+    TIterator itStrip = it;
+    if (nX != 0)
+      itStrip += Pravik::GraphObject2d::CPoint<int>(nX, 0);
+    const int nRun = std::min(nWidth - nX, TRuns::Length(itStrip));
+    for (int nRow = 0;;)
+    {
+      fnRun(TRuns::Pointer(itStrip), nRun);
+      if (++nRow == nHeight)
+        break;
+      ++itStrip.Y;
+    }
+    nX += nRun;
+  }
+}
+
+template <class TIteratorA, class TIteratorB, class TRunFn>
+inline void WalkRectRunStrips(const TIteratorA& itA, const TIteratorB& itB, int nWidth, int nHeight, TRunFn&& fnRun)
+{
+  using TRunsA = SRowRuns<TIteratorA>;
+  using TRunsB = SRowRuns<TIteratorB>;
+  for (int nX = 0; nX < nWidth && nHeight > 0;)
+  {
+    TIteratorA itStripA = itA;
+    TIteratorB itStripB = itB;
+    if (nX != 0)
+    {
+      itStripA += Pravik::GraphObject2d::CPoint<int>(nX, 0);
+      itStripB += Pravik::GraphObject2d::CPoint<int>(nX, 0);
+    }
+    const int nRun = std::min(nWidth - nX, std::min(TRunsA::Length(itStripA), TRunsB::Length(itStripB)));
+    for (int nRow = 0;;)
+    {
+      fnRun(TRunsA::Pointer(itStripA), TRunsB::Pointer(itStripB), nRun);
+      if (++nRow == nHeight)
+        break;
+      ++itStripA.Y;
+      ++itStripB.Y;
+    }
+    nX += nRun;
   }
 }
 

@@ -95,8 +95,9 @@ inline void WalkRow(const TIterator& itStart, const TIterator& itStop, TFunctor&
 }
 
 // Rows from itRow's Y up to, not including, itStop.Y, each from itRow's X to itStop.X.
-// Tile iterators go through the block with one iterator that keeps the block's tiles in its slots,
-// instead of a fresh copy per row that would fetch them again on every row.
+// Tile iterators walk the block strip by strip, a tile column at a time (see RowRuns.h): each tile is
+// read as one stream, and no row copy of the iterator fetches the block's tiles again. Only the order
+// of the pixels changes, which the functors allow.
 template <class TIterator, class TFunctor, class TPredicate>
 inline void WalkRows(TIterator itRow, const TIterator& itStop, TFunctor& oFunctor, const TPredicate& oPredicate)
 {
@@ -106,9 +107,8 @@ inline void WalkRows(TIterator itRow, const TIterator& itStop, TFunctor& oFuncto
     const int nWidth = itStop.X - itRow.X;
     const int nHeight = itStop.Y - itRow.Y;
     assert(nWidth >= 0 && nHeight >= 0 && "blocks are walked towards increasing X and Y");
-    WalkRectRuns(
-      itRow, nWidth, nHeight,
-      [&](const TPixel* pRun, int nRun) { ApplyRun(pRun, nRun, oFunctor, oPredicate); }, [] {});
+    WalkRectRunStrips(itRow, nWidth, nHeight,
+                      [&](const TPixel* pRun, int nRun) { ApplyRun(pRun, nRun, oFunctor, oPredicate); });
   }
   else
     for (; itRow.Y != itStop.Y; ++itRow.Y)

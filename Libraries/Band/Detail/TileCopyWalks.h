@@ -1,9 +1,9 @@
 #pragma once
 
 // Copy2D's walks for tile sources. A tile iterator stepped pixel by pixel pays a border test and
-// memory-held state on every step; these walks copy row runs instead (see RowRuns.h): a memmove per
-// tile stretch, with one iterator per band going through the whole block, so that a block up to four
-// tiles across keeps its tiles in the iterators' slots from row to row. Included by Copy2D.h.
+// memory-held state on every step; these walks copy row runs instead (see RowRuns.h), one tight loop
+// per tile stretch, strip by strip, so that each tile is read and written as one stream. Included by
+// Copy2D.h.
 
 #include "Band/Detail/RowRuns.h"
 #include "Band/TileBandIterator.h"
@@ -29,16 +29,16 @@ struct SAllowIteratorUnrolling<CMutableTileBandIterator<TPixel, TCoord> >
 template <class TIterator>
 using TTileWalk = typename boost::enable_if_c<SAllowIteratorUnrolling<TIterator>::BALLOWUNROLLING, void>::type;
 
-// Both iterators move in step and never past the rectangle's last pixel, so the copy bounded by the
-// source and the one bounded by the destination are the same walk. A destination without runs is
-// written pixel by pixel.
+// Neither iterator moves past the rectangle's last row or column, so the copy bounded by the source and
+// the one bounded by the destination are the same walk. A destination without runs is written pixel
+// by pixel, in rows.
 template <class TSrcIterator, class TDestIterator>
 void CopyRectRuns(const TSrcIterator& itSrc, const TDestIterator& itDest, int nWidth, int nHeight)
 {
   assert(nWidth >= 0 && nHeight >= 0 && "blocks are copied towards increasing X and Y");
   if constexpr (SRowRuns<TDestIterator>::value)
-    WalkRectRuns(itSrc, itDest, nWidth, nHeight,
-                 [](const auto* pSrc, auto* pDest, int nRun) { std::copy(pSrc, pSrc + nRun, pDest); });
+    WalkRectRunStrips(itSrc, itDest, nWidth, nHeight,
+                      [](const auto* pSrc, auto* pDest, int nRun) { CopyRun(pSrc, pDest, nRun); });
   else
   {
     TDestIterator itD = itDest;

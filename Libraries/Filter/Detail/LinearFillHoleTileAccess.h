@@ -26,7 +26,8 @@ struct SRowAccess<Band::Detail::CTileBandIterator<TPixel_, TCoord, false>>
     vecBuffer.resize(nWidth);
     TPixel* pTo = vecBuffer.data();
     Band::Detail::ForEachRowRun(it, int(nWidth), [&](const TPixel* pRun, int nRun) {
-      pTo = std::copy(pRun, pRun + nRun, pTo);
+      Band::Detail::CopyRun(pRun, pTo, nRun);
+      pTo += nRun;
     });
     return vecBuffer.data();
   }
@@ -49,7 +50,7 @@ struct SRowAccess<Band::Detail::CMutableTileBandIterator<TPixel_, TCoord>>
   {
     const TPixel* pFrom = vecBuffer.data();
     Band::Detail::ForEachRowRun(it, int(nWidth), [&](TPixel* pRun, int nRun) {
-      std::copy(pFrom, pFrom + nRun, pRun);
+      Band::Detail::CopyRun(pFrom, pRun, nRun);
       pFrom += nRun;
     });
   }
