@@ -1,27 +1,28 @@
 #pragma once
 
 #include "Band/Band.h"
+#include "Band/Detail/RowRuns.h"
 #include "Band/TileCache.h"
 
-#include <boost/tuple/tuple.hpp>
-
 #include <cstdint>
+#include <vector>
 
 namespace Orl { namespace Test {
+
+inline Ostrel::Band::CTileCache& TileCache()
+{
+  if (!Ostrel::Band::g_oTileCache)
+    Ostrel::Band::CTileCache::InitGlobalTileCache();
+  return *Ostrel::Band::g_oTileCache;
+}
 
 // The process's tile cache with another budget for the life of the object, so that small bands
 // really spill.
 class CTileBudget
 {
 public:
-  explicit CTileBudget(std::uint64_t nBytes)
-  {
-    if (!Ostrel::Band::g_oTileCache)
-      Ostrel::Band::CTileCache::InitGlobalTileCache();
-    m_nOld = Ostrel::Band::g_oTileCache->GetMemoryBudget();
-    Ostrel::Band::g_oTileCache->SetMemoryBudget(nBytes);
-  }
-  ~CTileBudget() { Ostrel::Band::g_oTileCache->SetMemoryBudget(m_nOld); }
+  explicit CTileBudget(std::uint64_t nBytes) : m_nOld(TileCache().GetMemoryBudget()) { TileCache().SetMemoryBudget(nBytes); }
+  ~CTileBudget() { TileCache().SetMemoryBudget(m_nOld); }
   CTileBudget(const CTileBudget&) = delete;
   CTileBudget& operator=(const CTileBudget&) = delete;
 
@@ -29,31 +30,35 @@ private:
   std::uint64_t m_nOld;
 };
 
-inline Ostrel::Band::STileCacheCounters TileCounters()
-{
-  if (!Ostrel::Band::g_oTileCache)
-    Ostrel::Band::CTileCache::InitGlobalTileCache();
-  return Ostrel::Band::g_oTileCache->GetCounters();
-}
-
 // A value for pixel (x, y) that tells positions apart within any pixel type.
 template <class TPixel>
-TPixel PixelAt(unsigned int nX, unsigned int nY)
+TPixel PixelAt(int nX, int nY)
 {
   return TPixel((nX * 7 + nY * 13) % 113);
 }
 
-// Fills a band of any tag with PixelAt through its mutable iterators, rows outside.
+// The band's pixels in row order, and back, whatever its storage.
 template <class TBand>
-void FillNumbered(TBand& oBand)
+std::vector<typename TBand::TPixel> ReadPixels(const TBand& oBand)
 {
-  using TPixel = typename TBand::TPixel;
-  auto oIts = oBand.GetBandIterators(oBand);
-  auto itRow = boost::get<0>(oIts);
-  const auto& itEnd = boost::get<1>(oIts);
-  for (; itRow.Y != itEnd.Y; ++itRow.Y)
-    for (auto it = itRow; it.X != itEnd.X; ++it.X)
-      *it = PixelAt<TPixel>(unsigned(int(it.X)), unsigned(int(it.Y)));
+  std::vector<typename TBand::TPixel> vecPixels;
+  Ostrel::Band::Detail::WalkRectRuns(
+    boost::get<0>(oBand.GetBandIterators(oBand)), int(oBand.GetWidth()), int(oBand.GetHeight()),
+    [&](const typename TBand::TPixel* p, int n) { vecPixels.insert(vecPixels.end(), p, p + n); }, [] {});
+  return vecPixels;
+}
+
+template <class TBand>
+void WritePixels(TBand& oBand, const std::vector<typename TBand::TPixel>& vecPixels)
+{
+  auto itFrom = vecPixels.begin();
+  Ostrel::Band::Detail::WalkRectRuns(
+    boost::get<0>(oBand.GetBandIterators(oBand)), int(oBand.GetWidth()), int(oBand.GetHeight()),
+    [&](typename TBand::TPixel* p, int n) {
+      std::copy_n(itFrom, n, p);
+      itFrom += n;
+    },
+    [] {});
 }
 
 }} // namespace Orl::Test
