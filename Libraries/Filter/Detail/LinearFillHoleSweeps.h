@@ -8,8 +8,9 @@
 //   SRowAccess<TIterator>      gives one row of a band, from an iterator on the row's first pixel, as
 //                              a plain array: Read for the source and the mask, BeginWrite / EndWrite
 //                              for the destination. The generic form copies the row through the
-//                              iterator's X mover into a buffer and back, which is what tile iterators
-//                              need; memory iterators are specialised to the row's own address.
+//                              iterator's X mover into a buffer and back; tile iterators copy it a
+//                              tile's stretch at a time (LinearFillHoleTileAccess.h); memory iterators
+//                              are specialised to the row's own address.
 //   SHoleListAccess<TBand>     gives the cursor on the first entry of an auxiliary band: *c, ++c, --c
 //                              walk the entries in scan order. Memory bands give a pointer into the
 //                              pixel block; tile bands specialise it with their scan-order iterator.
