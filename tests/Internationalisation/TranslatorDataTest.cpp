@@ -122,7 +122,9 @@ TEST(TranslatorData, ModifiedFlagAndValueRules)
     EXPECT_EQ(oData.IsModified(), oCase.bModified);
     EXPECT_EQ(oData.GetTranslatorMap().count("both"), oCase.pValueOfBoth ? 1u : 0u);
     if (oCase.pValueOfBoth)
+    {
       EXPECT_EQ(oData.GetTranslatorMap().at("both"), oCase.pValueOfBoth);
+    }
   }
 }
 
