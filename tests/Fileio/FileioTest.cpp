@@ -36,8 +36,7 @@ private:
 class CFileioTest : public ::testing::Test
 {
 protected:
-  void SetUp() override { m_nFile = ::open((m_oDirectory.GetPath() + "/f").c_str(), O_RDWR | O_CREAT, 0600); }
-  void TearDown() override
+  ~CFileioTest() override
   {
     g_oFailHandler.reset();
     ::close(m_nFile);
@@ -78,7 +77,7 @@ protected:
   }
 
   Orl::Test::CScratchDirectory m_oDirectory;
-  int m_nFile = -1;
+  int m_nFile = ::open((m_oDirectory.GetPath() + "/f").c_str(), O_RDWR | O_CREAT, 0600);
   boost::shared_ptr<CCountingHandler> m_pHandler;
 };
 
@@ -114,27 +113,18 @@ TEST_F(CFileioTest, FailedWritesWithoutAWillingHandlerAreFinal)
   EXPECT_EQ(1, m_pHandler->m_nCalls);
 }
 
-TEST_F(CFileioTest, RetryOfAShortAppendRewritesTheWholeBufferWhereItStarted)
+// A willing handler's retry writes the whole buffer again: a short append where it started, a short write in
+// the middle from the end back (from 5 three bytes fit under the cap; the retry goes to end - 3 = 7, not to 5),
+// a positional one at its own offset, here after a first retry that falls short again.
+TEST_F(CFileioTest, RetriesRewriteTheWholeBuffer)
 {
   WriteFile(m_nFile, "head", 4);
   WriteWithHandler(7, 1, [&] { WriteFile(m_nFile, "abcdef", 6); });
   EXPECT_EQ("headabcdef", ReadAll());
-}
-
-TEST_F(CFileioTest, RetryOfAShortWriteInTheMiddleSeeksBackFromTheEnd)
-{
-  WriteFile(m_nFile, "0123456789", 10);
   SeekFile(m_nFile, 5, eSeekBegin);
-  // From 5, three bytes fit under the limit; the retry goes to end - 3 = 7, not back to 5.
-  WriteWithHandler(8, 1, [&] { WriteFile(m_nFile, "abcdef", 6); });
-  EXPECT_EQ("01234ababcdef", ReadAll());
-}
-
-TEST_F(CFileioTest, PositionalRetryGoesBackToItsOwnOffset)
-{
-  WriteFile(m_nFile, "0123456789", 10);
-  // The first retry falls short again, the second has room.
-  WriteWithHandler(8, 2, [&] { WriteFileAt(m_nFile, "abcdef", 6, 5); });
+  WriteWithHandler(8, 1, [&] { WriteFile(m_nFile, "123456", 6); });
+  EXPECT_EQ("heada12123456", ReadAll());
+  WriteWithHandler(12, 2, [&] { WriteFileAt(m_nFile, "xyz", 3, 11); });
   EXPECT_EQ(2, m_pHandler->m_nCalls);
-  EXPECT_EQ("01234abcdef", ReadAll());
+  EXPECT_EQ("heada121234xyz", ReadAll());
 }

@@ -23,22 +23,18 @@ class CRecordingSink : public CLoggerSink
 public:
   void OnProgress(double dFraction, const std::string& strText) override
   {
-    _Enter();
+    EXPECT_FALSE(m_bInside.exchange(true)) << "overlapping sink calls";
     m_vecFractions.push_back(dFraction);
     m_strLastText = strText;
-    _Leave();
+    m_bInside = false;
   }
-  void OnMessage(_EVerbosityLevel, const std::string& strText) override { _Enter(); m_vecMessages.push_back(strText); _Leave(); }
+  void OnMessage(_EVerbosityLevel, const std::string& strText) override { m_vecMessages.push_back(strText); }
   void OnFinished() override { ++m_nFinished; }
 
   std::vector<double> m_vecFractions;
   std::string m_strLastText;
   std::vector<std::string> m_vecMessages;
   int m_nFinished = 0;
-
-private:
-  void _Enter() { EXPECT_FALSE(m_bInside.exchange(true)) << "overlapping sink calls"; }
-  void _Leave() { m_bInside = false; }
   std::atomic<bool> m_bInside{false};
 };
 
@@ -48,18 +44,16 @@ void PushLayer(CLogger& oLogger, double dShare, double dTotal, ELayerClass eClas
   oLogger.Push(strText, dShare, dTotal, 0.0, false, eClass, eLayerPublic, "");
 }
 
-struct SFoldCase
-{
-  const char* m_szName;
-  std::function<void(CLogger&)> m_fnRun;
-  double m_dExpected;
-};
-
 } // namespace
 
 TEST(LoggerTest, FoldsLayersIntoOneFraction)
 {
-  const SFoldCase aCases[] = {
+  const struct
+  {
+    const char* m_szName;
+    std::function<void(CLogger&)> m_fnRun;
+    double m_dExpected;
+  } aCases[] = {
     {"own work", [](CLogger& o) { PushLayer(o, 1, 4); o.IncrementProgress(); }, 0.25},
     {"child share in the units beneath",
      [](CLogger& o) { PushLayer(o, 1, 4); o.IncrementProgress(); PushLayer(o, 2, 10); o.IncrementProgress(5); }, 0.5},
@@ -80,7 +74,7 @@ TEST(LoggerTest, FoldsLayersIntoOneFraction)
     {"zero-extent parallel layer",
      [](CLogger& o) { PushLayer(o, 1, 4); o.IncrementProgress(); PushLayer(o, 0, 0, eLayerParallel); o.Pop(); }, 0.25},
   };
-  for (const SFoldCase& oCase : aCases)
+  for (const auto& oCase : aCases)
   {
     auto pSink = boost::make_shared<CRecordingSink>();
     CLogger oLogger(pSink, eVerbosityInfo, g_oEveryTime);

@@ -1,14 +1,19 @@
 #pragma once
 
+#include "Internationalisation/TranslatorData.h"
+#include "Internationalisation/TranslatorFile.h"
+
 #include <boost/filesystem.hpp>
 
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <iostream>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <stdlib.h>
 
@@ -31,15 +36,13 @@ public:
     boost::system::error_code oError;
     boost::filesystem::remove_all(m_strPath, oError);
   }
-
   const std::string& Path() const { return m_strPath; }
   // The path of strName in this directory; with bCreate it is made as a directory.
   std::string Sub(const std::string& strName, bool bCreate = false) const
   {
-    const std::string strPath = m_strPath + "/" + strName;
     if (bCreate)
-      boost::filesystem::create_directories(strPath);
-    return strPath;
+      boost::filesystem::create_directories(m_strPath + "/" + strName);
+    return m_strPath + "/" + strName;
   }
 
 private:
@@ -54,15 +57,8 @@ inline std::string ReadBytes(const std::string& strPath)
 
 inline void WriteBytes(const std::string& strPath, const std::string& strBytes)
 {
-  std::ofstream oStream(strPath, std::ios::binary | std::ios::trunc);
-  oStream.write(strBytes.data(), static_cast<std::streamsize>(strBytes.size()));
-  if (!oStream.flush())
+  if (!(std::ofstream(strPath, std::ios::binary | std::ios::trunc) << strBytes).flush())
     throw std::runtime_error("cannot write " + strPath);
-}
-
-inline bool FileExists(const std::string& strPath)
-{
-  return boost::filesystem::exists(strPath);
 }
 
 // Captures what is written to std::cerr while it lives.
@@ -70,8 +66,6 @@ class CCaptureStderr
 {
 public:
   CCaptureStderr() : m_pOld(std::cerr.rdbuf(m_oBuffer.rdbuf())) {}
-  CCaptureStderr(const CCaptureStderr&) = delete;
-  CCaptureStderr& operator=(const CCaptureStderr&) = delete;
   ~CCaptureStderr() { std::cerr.rdbuf(m_pOld); }
   std::string Text() const { return m_oBuffer.str(); }
 
@@ -79,3 +73,23 @@ private:
   std::ostringstream m_oBuffer;
   std::streambuf* m_pOld;
 };
+
+// Writes <directory>/<name><language>.trl, naming pFileName as its module where given.
+inline bool WriteModule(const std::string& strDirectory, const std::string& strName, const std::string& strLanguage,
+                        std::initializer_list<std::string> listBases,
+                        std::initializer_list<std::pair<const char*, const char*>> listEntries,
+                        const char* pFileName = nullptr)
+{
+  using namespace Orl::Harnel::Internationalisation;
+  CTranslatorData oData;
+  oData.Init(pFileName ? pFileName : strName, strLanguage);
+  for (const std::string& strBase : listBases)
+  {
+    CTranslatorData oBase;
+    oBase.Init(strBase, strLanguage);
+    oData.AddBaseModule(oBase);
+  }
+  for (const auto& oEntry : listEntries)
+    oData.SetTranslation(oEntry.first, oEntry.second);
+  return CTranslatorFile(CTranslatorFile::BuildFileName(strDirectory, strName, strLanguage)).Write(oData);
+}

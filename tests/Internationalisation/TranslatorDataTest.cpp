@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <string>
 #include <utility>
 
 using Orl::Harnel::Internationalisation::CTranslatorData;
@@ -46,11 +47,8 @@ TEST(TranslatorData, ShallowTakesNearestAndDeepTakesDeepest)
 {
   struct SCase
   {
-    const char* pKey;
-    const char* pShallow;
-    const char* pDeep;
-  };
-  const SCase vecCases[] = {
+    const char *pKey, *pShallow, *pDeep;
+  } const vecCases[] = {
     {"both", "top", "b1"},        // own table against a direct base
     {"", "empty", "empty"},       // the empty key is a key like any other
     {"near-far", "b1", "b2b"},    // direct base against three levels down
@@ -60,17 +58,14 @@ TEST(TranslatorData, ShallowTakesNearestAndDeepTakesDeepest)
     {"deep-only", "b1a", "b1a"},
   };
   for (const SCase& oCase : vecCases)
-  {
-    SCOPED_TRACE(oCase.pKey);
     for (const bool bDeep : {false, true})
     {
       CTranslatorData oData = MakeTree();
       const auto mapBefore = oData.GetTranslatorMap();
-      EXPECT_EQ(oData.Translate(oCase.pKey, bDeep), bDeep ? oCase.pDeep : oCase.pShallow);
+      EXPECT_EQ(oData.Translate(oCase.pKey, bDeep), bDeep ? oCase.pDeep : oCase.pShallow) << oCase.pKey;
       EXPECT_EQ(oData.GetTranslatorMap(), mapBefore);
       EXPECT_FALSE(oData.IsModified());
     }
-  }
 }
 
 TEST(TranslatorData, UnknownKeyIsLearntOnlyByTheModuleAsked)
@@ -84,44 +79,40 @@ TEST(TranslatorData, UnknownKeyIsLearntOnlyByTheModuleAsked)
     EXPECT_TRUE(oData.IsModified());
     EXPECT_FALSE(oData.GetBaseModule(0).CanTranslate("unknown"));
     EXPECT_FALSE(oData.GetBaseModule(0).IsModified());
-
     oData.SetModifiedFlag(false);
     EXPECT_EQ(&oData.Translate("unknown", bDeep), &strFirst);
     EXPECT_EQ(oData.GetTranslatorMap().size(), 3u);
     EXPECT_FALSE(oData.IsModified());
+    // A learnt entry shadows a base module's only in the shallow search.
+    oData.GetBaseModule(0).SetTranslation("unknown", "b1");
+    EXPECT_EQ(oData.Translate("unknown", false), "unknown");
+    EXPECT_EQ(oData.Translate("unknown", true), "b1");
   }
 }
 
-TEST(TranslatorData, LearntEntryShadowsBaseOnlyInShallowSearch)
-{
-  CTranslatorData oData = MakeTree();
-  oData.Translate("late", true);
-  oData.GetBaseModule(0).SetTranslation("late", "b1");
-  EXPECT_EQ(oData.Translate("late", false), "late");
-  EXPECT_EQ(oData.Translate("late", true), "b1");
-}
-
-TEST(TranslatorData, ModifiedFlagRules)
+TEST(TranslatorData, ModifiedFlagAndValueRules)
 {
   struct SCase
   {
     const char* pWhat;
     std::function<void(CTranslatorData&)> fnOperation;
     bool bModified;
+    const char* pValueOfBoth;
   };
   const SCase vecCases[] = {
-    {"SetName same", [](CTranslatorData& o) { o.SetName("Top"); }, false},
-    {"SetName other", [](CTranslatorData& o) { o.SetName("Other"); }, true},
-    {"Clear with entries", [](CTranslatorData& o) { o.ClearTranslatorMap(); }, true},
-    {"Clear empty", [](CTranslatorData& o) { o.Init("Top", "de"); o.ClearTranslatorMap(); }, false},
-    {"Add existing key", [](CTranslatorData& o) { o.AddTranslation("both", "top"); }, true},
-    {"Set existing key", [](CTranslatorData& o) { o.SetTranslation("both", "top"); }, true},
-    {"AddBaseModule", [](CTranslatorData& o) { o.AddBaseModule(CTranslatorData()); }, true},
-    {"Remove by name", [](CTranslatorData& o) { o.RemoveBaseModule("B2"); }, true},
-    {"Remove missing name", [](CTranslatorData& o) { o.RemoveBaseModule("B9"); }, false},
-    {"Remove nested name", [](CTranslatorData& o) { o.RemoveBaseModule("B1a"); }, false},
-    {"Remove by index", [](CTranslatorData& o) { o.RemoveBaseModule(1u); }, true},
-    {"Init after changes", [](CTranslatorData& o) { o.SetTranslation("a", "b"); o.Init("Top", "de"); }, false},
+    {"SetName same", [](CTranslatorData& o) { o.SetName("Top"); }, false, "top"},
+    {"SetName other", [](CTranslatorData& o) { o.SetName("Other"); }, true, "top"},
+    {"Clear with entries", [](CTranslatorData& o) { o.ClearTranslatorMap(); }, true, nullptr},
+    {"Clear empty", [](CTranslatorData& o) { o.Init("Top", "de"); o.ClearTranslatorMap(); }, false, nullptr},
+    {"Add existing key", [](CTranslatorData& o) { o.AddTranslation("both", "other"); }, true, "top"},
+    {"Set existing key", [](CTranslatorData& o) { o.SetTranslation("both", "other"); }, true, "other"},
+    {"Set same value", [](CTranslatorData& o) { o.SetTranslation("both", "top"); }, true, "top"},
+    {"AddBaseModule", [](CTranslatorData& o) { o.AddBaseModule(CTranslatorData()); }, true, "top"},
+    {"Remove by name", [](CTranslatorData& o) { o.RemoveBaseModule("B2"); }, true, "top"},
+    {"Remove missing name", [](CTranslatorData& o) { o.RemoveBaseModule("B9"); }, false, "top"},
+    {"Remove nested name", [](CTranslatorData& o) { o.RemoveBaseModule("B1a"); }, false, "top"},
+    {"Remove by index", [](CTranslatorData& o) { o.RemoveBaseModule(1u); }, true, "top"},
+    {"Init after changes", [](CTranslatorData& o) { o.SetTranslation("a", "b"); o.Init("Top", "de"); }, false, nullptr},
   };
   for (const SCase& oCase : vecCases)
   {
@@ -129,33 +120,20 @@ TEST(TranslatorData, ModifiedFlagRules)
     CTranslatorData oData = MakeTree();
     oCase.fnOperation(oData);
     EXPECT_EQ(oData.IsModified(), oCase.bModified);
+    EXPECT_EQ(oData.GetTranslatorMap().count("both"), oCase.pValueOfBoth ? 1u : 0u);
+    if (oCase.pValueOfBoth)
+    {
+      EXPECT_EQ(oData.GetTranslatorMap().at("both"), oCase.pValueOfBoth);
+    }
   }
 }
 
-TEST(TranslatorData, AddKeepsAndSetReplacesAValue)
+TEST(TranslatorData, BaseModulesAreCopiesFoundAndRemovedByName)
 {
   CTranslatorData oData = MakeTree();
-  oData.AddTranslation("both", "other");
-  EXPECT_EQ(oData.GetTranslatorMap().at("both"), "top");
-  oData.SetTranslation("both", "other");
-  EXPECT_EQ(oData.GetTranslatorMap().at("both"), "other");
-}
-
-TEST(TranslatorData, BaseModulesAreIndependentCopies)
-{
-  CTranslatorData oBase = MakeModule("Base", {{"k", "v"}});
-  oBase.SetModifiedFlag(true);
-  CTranslatorData oData;
-  oData.AddBaseModule(oBase);
-  oBase.SetTranslation("k", "changed");
-  EXPECT_TRUE(oData.GetBaseModule(0).IsModified());
-  EXPECT_EQ(oData.GetBaseModule(0).GetTranslatorMap().at("k"), "v");
-}
-
-TEST(TranslatorData, RemoveAndFindBaseModules)
-{
-  CTranslatorData oData = MakeTree();
-  oData.AddBaseModule(MakeModule("B1", {{"k", "second B1"}}));
+  CTranslatorData oSecond = MakeModule("B1", {{"k", "second B1"}});
+  oData.AddBaseModule(oSecond);
+  oSecond.SetTranslation("k", "changed");
   EXPECT_FALSE(oData.HasBaseModule("B2b", false));
   EXPECT_TRUE(oData.HasBaseModule("B2b", true));
   EXPECT_FALSE(oData.HasBaseModule("B9", true));
@@ -164,21 +142,17 @@ TEST(TranslatorData, RemoveAndFindBaseModules)
   oData.RemoveBaseModule("B2b"); // only direct base modules count
   ASSERT_EQ(oData.GetNumBaseModules(), 3u);
   oData.RemoveBaseModule("B1"); // the first of two
-  ASSERT_EQ(oData.GetNumBaseModules(), 2u);
-  EXPECT_EQ(oData.GetBaseModule(0).GetName(), "B2");
-  EXPECT_TRUE(oData.GetBaseModule(1).CanTranslate("k"));
   oData.RemoveBaseModule(0u);
   ASSERT_EQ(oData.GetNumBaseModules(), 1u);
-  EXPECT_TRUE(oData.GetBaseModule(0).CanTranslate("k"));
+  EXPECT_EQ(oData.GetBaseModule(0).GetTranslatorMap().at("k"), "second B1");
 }
 
+// Init with its own strings, which it clears on the way.
 TEST(TranslatorData, InitAcceptsItsOwnStrings)
 {
   CTranslatorData oData = MakeTree();
   oData.Init(oData.GetLanguage(), oData.GetName());
-  EXPECT_EQ(oData.GetName(), "de");
-  EXPECT_EQ(oData.GetLanguage(), "Top");
-
+  EXPECT_EQ(oData.GetName() + "/" + oData.GetLanguage(), "de/Top");
   oData = MakeTree();
   oData.Init(oData.GetBaseModule(1).GetName(), oData.GetLanguage());
   EXPECT_EQ(oData.GetName(), "B2");

@@ -1,5 +1,4 @@
 #include "Internationalisation/Translator.h"
-#include "Internationalisation/TranslatorFile.h"
 #include "Internationalisation/TranslatorRegistry.h"
 
 #include "TestFiles.h"
@@ -7,22 +6,20 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <initializer_list>
+#include <list>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 using namespace Orl::Harnel::Internationalisation;
 
 namespace {
 
-// Points this program's translator and those of the two test modules at a directory of their own,
-// so that nothing is read from or written to the build tree. The directory is gone by the time the
-// translators try to write back at exit, which they then fail to do quietly.
+// Points this program's translator and those of the two test modules at a directory of their own.
+// It is gone by the time the translators try to write back at exit, which they then fail to do quietly.
 class CTranslatorEnvironment : public ::testing::Environment
 {
 public:
@@ -40,29 +37,6 @@ private:
 };
 
 const ::testing::Environment* const g_pEnvironment = ::testing::AddGlobalTestEnvironment(new CTranslatorEnvironment);
-
-std::size_t TableSize()
-{
-  return CTranslator::GetTranslatorData().GetTranslatorMap().size();
-}
-
-// Writes <directory>/<name><language>.trl.
-void WriteModule(const std::string& strDirectory, const std::string& strName, const std::string& strLanguage,
-                 std::initializer_list<const char*> listBases,
-                 std::initializer_list<std::pair<const char*, const char*>> listEntries, const char* pFileName = nullptr)
-{
-  CTranslatorData oData;
-  oData.Init(pFileName ? pFileName : strName, strLanguage);
-  for (const char* pBase : listBases)
-  {
-    CTranslatorData oBase;
-    oBase.Init(pBase, strLanguage);
-    oData.AddBaseModule(oBase);
-  }
-  for (const auto& oEntry : listEntries)
-    oData.SetTranslation(oEntry.first, oEntry.second);
-  ASSERT_TRUE(CTranslatorFile(CTranslatorFile::BuildFileName(strDirectory, strName, strLanguage)).Write(oData));
-}
 
 std::vector<std::string> BaseNames(const CTranslatorData& oData)
 {
@@ -82,14 +56,25 @@ std::size_t CountModules(const CTranslatorData& oData)
 
 } // namespace
 
-TEST(Translator, UnknownTextComesBackAndIsLearntOnce)
+// Unknown texts come back and are learnt once, by whichever thread asks first.
+TEST(Translator, ConcurrentCallersShareOneTable)
 {
-  const std::size_t nBefore = TableSize();
-  const std::string& strFirst = CTranslator::Translate("x");
-  const std::string& strSecond = CTranslator::Translate(std::string("x"));
-  EXPECT_EQ(strFirst, "x");
-  EXPECT_EQ(&strFirst, &strSecond);
-  EXPECT_EQ(TableSize(), nBefore + 1);
+  constexpr int nKeys = 300;
+  std::vector<std::vector<const std::string*>> vecResults(4);
+  const std::size_t nBefore = CTranslator::GetTranslatorData().GetTranslatorMap().size();
+  std::vector<std::thread> vecThreads;
+  for (auto& vecResult : vecResults)
+    vecThreads.emplace_back([&vecResult] {
+      for (int i = 0; i < nKeys; ++i)
+        vecResult.push_back(&CTranslator::Translate("concurrent " + std::to_string(i)));
+    });
+  for (std::thread& oThread : vecThreads)
+    oThread.join();
+  EXPECT_EQ(CTranslator::GetTranslatorData().GetTranslatorMap().size(), nBefore + nKeys);
+  EXPECT_EQ(*vecResults[0][7], "concurrent 7");
+  EXPECT_EQ(vecResults[0][7], &CTranslator::Translate(std::string("concurrent 7")));
+  for (const auto& vecResult : vecResults)
+    EXPECT_EQ(vecResult, vecResults.front()); // every thread got the very same entries
 }
 
 TEST(Translator, NullPointerFailsAndLeavesTheTable)
@@ -108,36 +93,14 @@ TEST(Translator, NullPointerFailsAndLeavesTheTable)
   EXPECT_EQ(CTranslator::GetTranslatorData().GetTranslatorMap(), mapBefore);
 }
 
-TEST(Translator, ConcurrentCallersShareOneTable)
-{
-  constexpr int nKeys = 300;
-  std::vector<std::vector<const std::string*>> vecResults(4);
-  const std::size_t nBefore = TableSize();
-  {
-    std::vector<std::thread> vecThreads;
-    for (auto& vecResult : vecResults)
-      vecThreads.emplace_back([&vecResult] {
-        for (int i = 0; i < nKeys; ++i)
-          vecResult.push_back(&CTranslator::Translate("concurrent " + std::to_string(i)));
-      });
-    for (std::thread& oThread : vecThreads)
-      oThread.join();
-  }
-  EXPECT_EQ(TableSize(), nBefore + nKeys);
-  for (const auto& vecResult : vecResults)
-    EXPECT_EQ(vecResult, vecResults.front()); // every thread got the very same entries
-}
-
 TEST(Translator, EachModuleHasItsOwnTranslatorAndTable)
 {
-  const void* pTranslatorA = nullptr;
-  const void* pTranslatorB = nullptr;
+  const void *pTranslatorA = nullptr, *pTranslatorB = nullptr;
   std::size_t nEntriesA = 0, nEntriesB = 0;
   const char* pTextA = TranslateInModuleA("shared text", &pTranslatorA, &nEntriesA);
   TranslateInModuleB("only in B", &pTranslatorB, &nEntriesB);
   const char* pTextB = TranslateInModuleB("shared text", &pTranslatorB, &nEntriesB);
   const std::string& strOwn = CTranslator::Translate("shared text");
-
   EXPECT_STREQ(pTextA, "shared text");
   EXPECT_STREQ(pTextB, "shared text");
   EXPECT_NE(pTextA, pTextB);
@@ -156,40 +119,34 @@ TEST(Translator, SetLanguageWritesTheOldLanguageFirst)
   CTempDirectory oDir;
   CTranslator::Init(oDir.Path(), "mod", "English");
   EXPECT_EQ(CTranslator::GetBaseFilePath(), oDir.Path()); // without a file, the target of the write
-  EXPECT_TRUE(CTranslator::GetTranslatorData().IsModified());
   CTranslator::Translate("a");
-
   CTranslator::SetLanguage("English");
-  EXPECT_FALSE(FileExists(oDir.Sub("modEnglish.trl")));
+  EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("modEnglish.trl")));
   EXPECT_TRUE(CTranslator::GetTranslatorData().CanTranslate("a"));
 
   CTranslator::SetLanguage("German");
   CTranslatorData oWritten;
   ASSERT_TRUE(CTranslatorFile(oDir.Sub("modEnglish.trl")).Read(oWritten));
   EXPECT_EQ(oWritten.GetTranslatorMap().count("a"), 1u);
-  const CTranslatorData oNow = CTranslator::GetTranslatorData();
-  EXPECT_EQ(oNow.GetLanguage(), "German");
-  EXPECT_TRUE(oNow.GetTranslatorMap().empty());
-  EXPECT_TRUE(oNow.IsModified());
-  EXPECT_FALSE(FileExists(oDir.Sub("modGerman.trl")));
+  EXPECT_EQ(CTranslator::GetLanguage(), "German");
+  EXPECT_TRUE(CTranslator::GetTranslatorData().GetTranslatorMap().empty());
+  EXPECT_TRUE(CTranslator::GetTranslatorData().IsModified());
 
   // Init drops a modified table without writing it.
-  CTranslator::Translate("b");
   CTranslator::Init(oDir.Path(), "mod", "French");
-  EXPECT_FALSE(FileExists(oDir.Sub("modGerman.trl")));
+  EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("modGerman.trl")));
 }
 
 TEST(Translator, BaseModulesAreFollowedAndUnreadableOnesDropped)
 {
   CTempDirectory oDir;
   const std::string strFirst = oDir.Sub("first", true), strSecond = oDir.Sub("second", true);
-  WriteModule(strFirst, "mod", "de", {"gone", "common", "renamed"}, {{"own", "eigen"}, {"shared", "mod"}});
-  WriteModule(strSecond, "common", "de", {"deep"}, {{"c", "gemeinsam"}, {"shared", "common"}});
-  WriteModule(strFirst, "deep", "de", {}, {{"shared", "deep"}});
-  WriteModule(strSecond, "renamed", "de", {}, {{"r", "r"}}, "another name");
+  ASSERT_TRUE(WriteModule(strFirst, "mod", "de", {"gone", "common", "renamed"}, {{"own", "eigen"}, {"shared", "mod"}}));
+  ASSERT_TRUE(WriteModule(strSecond, "common", "de", {"deep"}, {{"c", "gemeinsam"}, {"shared", "common"}}));
+  ASSERT_TRUE(WriteModule(strFirst, "deep", "de", {}, {{"shared", "deep"}}));
+  ASSERT_TRUE(WriteModule(strSecond, "renamed", "de", {}, {{"r", "r"}}, "another name"));
   CTranslator::Init(std::list<std::string>{strFirst, strSecond}, "mod", "de");
-
-  const CTranslatorData oData = CTranslator::GetTranslatorData();
+  CTranslatorData oData = CTranslator::GetTranslatorData();
   EXPECT_EQ(BaseNames(oData), std::vector<std::string>{"common"});
   EXPECT_EQ(BaseNames(oData.GetBaseModule(0)), std::vector<std::string>{"deep"});
   EXPECT_FALSE(oData.IsModified()); // the drops alone do not make the file worth rewriting
@@ -198,50 +155,38 @@ TEST(Translator, BaseModulesAreFollowedAndUnreadableOnesDropped)
   CTranslator::SetSearchMode(false);
   EXPECT_EQ(CTranslator::Translate("shared"), "mod");
   CTranslator::SetSearchMode(true);
-}
 
-TEST(Translator, FileWithAnotherModuleNameKeepsThatName)
-{
-  CTempDirectory oDir;
-  WriteModule(oDir.Path(), "mod", "de", {"base"}, {{"k", "v"}}, "other");
-  WriteModule(oDir.Path(), "base", "de", {}, {{"b", "base"}});
-  CTranslator::Init(oDir.Path(), "mod", "de");
-  const CTranslatorData oData = CTranslator::GetTranslatorData();
+  // The module's own file under another name keeps that name, and its base modules stay unresolved.
+  ASSERT_TRUE(WriteModule(strFirst, "top", "de", {"deep"}, {{"k", "v"}}, "other"));
+  CTranslator::Init(strFirst, "top", "de");
+  oData = CTranslator::GetTranslatorData();
   EXPECT_EQ(oData.GetName(), "other");
   EXPECT_TRUE(oData.IsModified()); // a later write goes under the other name
   ASSERT_EQ(oData.GetNumBaseModules(), 1u);
-  EXPECT_TRUE(oData.GetBaseModule(0).GetTranslatorMap().empty()); // left unresolved
+  EXPECT_TRUE(oData.GetBaseModule(0).GetTranslatorMap().empty());
 }
 
-// Invalid sets of files: they must end, and keep what can be kept.
-TEST(Translator, CyclesOfBaseModulesEnd)
+// Invalid sets of files must end and keep what can be kept; legal but repeated bases are bounded.
+TEST(Translator, CyclesAndRepeatsOfBaseModulesEnd)
 {
   CTempDirectory oDir;
-  WriteModule(oDir.Path(), "a", "de", {"b", "a"}, {{"ka", "a"}});
-  WriteModule(oDir.Path(), "b", "de", {"a", "c"}, {{"kb", "b"}});
-  WriteModule(oDir.Path(), "c", "de", {"c", "b"}, {{"kc", "c"}});
+  ASSERT_TRUE(WriteModule(oDir.Path(), "a", "de", {"b", "a"}, {{"ka", "a"}}));
+  ASSERT_TRUE(WriteModule(oDir.Path(), "b", "de", {"a", "c"}, {{"kb", "b"}}));
+  ASSERT_TRUE(WriteModule(oDir.Path(), "c", "de", {"c", "b"}, {{"kc", "c"}}));
   CTranslator::Init(oDir.Path(), "a", "de");
-  const CTranslatorData oData = CTranslator::GetTranslatorData();
+  CTranslatorData oData = CTranslator::GetTranslatorData();
   EXPECT_EQ(BaseNames(oData), std::vector<std::string>{"b"});
   EXPECT_EQ(BaseNames(oData.GetBaseModule(0)), std::vector<std::string>{"c"});
   EXPECT_TRUE(BaseNames(oData.GetBaseModule(0).GetBaseModule(0)).empty());
   EXPECT_FALSE(oData.IsModified());
   EXPECT_EQ(CTranslator::Translate("kc"), "c");
-}
 
-// Legal, but each file names the next one twice: 2^40 reads without a limit.
-TEST(Translator, RepeatedBaseModulesAreBounded)
-{
-  CTempDirectory oDir;
+  // Each file names the next one twice: 2^40 reads without a limit.
   for (int n = 0; n < 40; ++n)
-  {
-    const std::string strNext = "m" + std::to_string(n + 1);
-    WriteModule(oDir.Path(), "m" + std::to_string(n), "de", {strNext.c_str(), strNext.c_str()}, {});
-  }
-  WriteModule(oDir.Path(), "m40", "de", {}, {{"bottom", "found"}});
+    ASSERT_TRUE(WriteModule(oDir.Path(), "m" + std::to_string(n), "de", {"m" + std::to_string(n + 1), "m" + std::to_string(n + 1)}, {}));
+  ASSERT_TRUE(WriteModule(oDir.Path(), "m40", "de", {}, {{"bottom", "found"}}));
   CTranslator::Init(oDir.Path(), "m0", "de");
-  const CTranslatorData oData = CTranslator::GetTranslatorData();
-  EXPECT_LE(CountModules(oData), CTranslator::ms_nMaxBaseModuleReads + 1u);
+  EXPECT_LE(CountModules(CTranslator::GetTranslatorData()), CTranslator::ms_nMaxBaseModuleReads + 1u);
   EXPECT_EQ(CTranslator::Translate("bottom"), "found"); // the first chain down is complete
 }
 
@@ -249,7 +194,7 @@ TEST(Translator, InitFromAFileName)
 {
   CTempDirectory oDir;
   const std::string strTools = oDir.Sub("tools", true);
-  WriteModule(strTools, "tool.bin", "de", {}, {{"k", "aus der Datei"}});
+  ASSERT_TRUE(WriteModule(strTools, "tool.bin", "de", {}, {{"k", "aus der Datei"}}));
   CTranslator::Init(strTools + "/tool.bin.exe", "de");
   EXPECT_EQ(CTranslator::GetApplicationName(), "tool.bin");
   ASSERT_GE(CTranslator::GetSearchPathList().size(), 2u);
@@ -276,14 +221,10 @@ TEST(TranslatorRegistry, SetsOneLanguageForEveryModule)
   CTranslatorData oWritten;
   ASSERT_TRUE(CTranslatorFile(oDir.Sub("libOrlTestTranslatorModuleADefault.trl")).Read(oWritten));
   EXPECT_EQ(oWritten.GetTranslatorMap().count("learnt in A"), 1u);
-
-  const std::vector<CTranslatorRegistry::SModule> vecModules = CTranslatorRegistry::GetModules();
+  std::set<std::string> setFrench;
+  for (const CTranslatorRegistry::SModule& oModule : CTranslatorRegistry::GetModules())
+    if (oModule.m_strLanguage == "French")
+      setFrench.insert(oModule.m_strName);
   for (const char* pName : {"TranslatorTest", "libOrlTestTranslatorModuleA", "libOrlTestTranslatorModuleB"})
-  {
-    SCOPED_TRACE(pName);
-    const auto it = std::find_if(vecModules.begin(), vecModules.end(),
-                                 [&](const CTranslatorRegistry::SModule& o) { return o.m_strName == pName; });
-    ASSERT_NE(it, vecModules.end());
-    EXPECT_EQ(it->m_strLanguage, "French");
-  }
+    EXPECT_EQ(setFrench.count(pName), 1u) << pName;
 }

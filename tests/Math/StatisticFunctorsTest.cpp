@@ -79,8 +79,8 @@ class StatisticFunctorsTest : public ::testing::Test
 };
 TYPED_TEST_SUITE(StatisticFunctorsTest, Orl::Test::TAllPixelTypes);
 
-// The row loops (vector loops of both widths, lane flushes, tails) against the plain per-pixel operations and an
-// independent exact or long double reference, for each kind of predicate.
+// The row loops (vector loops of both widths, lane flushes, tails, any alignment) and joins against the plain
+// per-pixel operations and an independent exact or long double reference, for each kind of predicate.
 TYPED_TEST(StatisticFunctorsTest, RowLoopsMatchPixelByPixelAndReference)
 {
   using TPixel = TypeParam;
@@ -120,7 +120,17 @@ TYPED_TEST(StatisticFunctorsTest, RowLoopsMatchPixelByPixelAndReference)
                                                                 oLanes4.m_nCount, oLanes4.m_tMin, oLanes4.m_tMax,
                                                                 oLanes4.m_tSum, oLanes4.m_tSumSquares);
       }
-      for (const TFunctor* pRow : {&oExcl, &oOpaque, &oLanes4})
+      // Split at any point, also one that leaves a row unaligned or a side empty, and joined.
+      std::vector<TFunctor> vecJoined;
+      for (const std::size_t nSplit : {std::size_t(0), nLength / 2 + (nLength > 2), nLength})
+      {
+        TFunctor oLeft, oRight;
+        oLeft.ApplyRow(vecPixels.data(), nSplit, SExclude<TPixel>{tExcluded});
+        oRight.ApplyRow(vecPixels.data() + nSplit, nLength - nSplit, SExclude<TPixel>{tExcluded});
+        oLeft.Join(oRight);
+        vecJoined.push_back(oLeft);
+      }
+      for (const TFunctor* pRow : {&oExcl, &oOpaque, &oLanes4, &vecJoined[0], &vecJoined[1], &vecJoined[2]})
       {
         EXPECT_EQ(pRow->m_nCount, oPixelExcl.m_nCount);
         EXPECT_EQ(pRow->m_tMin, oPixelExcl.m_tMin);

@@ -32,31 +32,16 @@ unsigned int _PoolOf(const void* pBlock)
 
 TEST(TileAllocTest, RoundsRequestsToBlocksFromFourPoolsOrTheHeap)
 {
-  const struct
+  // Request, block, blocks per growth step of its pool (0: from the heap).
+  const unsigned int aCases[][3] = {
+    {1, 4096, 0},          {4096, 4096, 0},         {4097, 8192, 0},         {32768, 32768, 0},
+    {60000, 65536, 2048},  {76800, 131072, 1024},   {262144, 262144, 512},   {524287, 524288, 256},
+    {1048577, 2097152, 0}, {2097152, 2097152, 0},   {2097153, 2097153, 0}};
+  for (const auto& aCase : aCases)
   {
-    unsigned int nBytes, nBlock, nBlocksPerStep;
-  } aCases[] = {{1, 4096, 0},           {4096, 4096, 0},        {4097, 8192, 0},       {32768, 32768, 0},
-                {60000, 65536, 2048},   {76800, 131072, 1024},  {262144, 262144, 512}, {524287, 524288, 256},
-                {1048577, 2097152, 0},  {2097152, 2097152, 0},  {2097153, 2097153, 0}};
-  for (const auto& oCase : aCases)
-  {
-    EXPECT_EQ(oCase.nBlock, GetTileBlockSize(oCase.nBytes)) << oCase.nBytes;
-    EXPECT_EQ(oCase.nBlocksPerStep, GetTilePoolStep(oCase.nBlock)) << oCase.nBytes;
+    EXPECT_EQ(aCase[1], GetTileBlockSize(aCase[0])) << aCase[0];
+    EXPECT_EQ(aCase[2], GetTilePoolStep(aCase[1])) << aCase[0];
   }
-}
-
-TEST(TileAllocTest, EdgeTilesTakeTheirRoundedBlockFromAPoolOrTheHeap)
-{
-  unsigned int nAllocSizeX = 0, nAllocBytes = 0;
-  unsigned char* pPooled = CDefaultTileAlloc<unsigned char>::Allocate(300, 256, nAllocSizeX, nAllocBytes);
-  EXPECT_EQ(300u, nAllocSizeX);
-  EXPECT_EQ(131072u, nAllocBytes);
-  EXPECT_EQ(131072u, _PoolOf(pPooled));
-  unsigned char* pHeap = CDefaultTileAlloc<unsigned char>::Allocate(100, 256, nAllocSizeX, nAllocBytes);
-  EXPECT_EQ(32768u, nAllocBytes);
-  EXPECT_EQ(0u, _PoolOf(pHeap));
-  CDefaultTileAlloc<unsigned char>::Release(pPooled, 300, 256, 300, nAllocBytes);
-  CDefaultTileAlloc<unsigned char>::Release(pHeap, 100, 256, 100, nAllocBytes);
 }
 
 TEST(TileAllocTest, EveryTwentyFirstPooledReleaseGivesFreeStepsBack)
@@ -66,9 +51,13 @@ TEST(TileAllocTest, EveryTwentyFirstPooledReleaseGivesFreeStepsBack)
   std::vector<unsigned char*> vecBlocks;
   for (int i = 0; i < 21; ++i)
     vecBlocks.push_back(CDefaultTileAlloc<unsigned char>::Allocate(256, 256, nAllocSizeX, nAllocBytes));
-  // A heap release does not count.
-  CDefaultTileAlloc<unsigned char>::Release(CDefaultTileAlloc<unsigned char>::Allocate(64, 64, nAllocSizeX, nAllocBytes),
-                                            64, 64, 64, nAllocBytes);
+  EXPECT_EQ(65536u, nAllocBytes);
+  // An edge tile whose rounded block is below the pools comes from the heap, and its release does not count.
+  unsigned char* pHeap = CDefaultTileAlloc<unsigned char>::Allocate(100, 256, nAllocSizeX, nAllocBytes);
+  EXPECT_EQ(100u, nAllocSizeX);
+  EXPECT_EQ(32768u, nAllocBytes);
+  EXPECT_EQ(0u, _PoolOf(pHeap));
+  CDefaultTileAlloc<unsigned char>::Release(pHeap, 100, 256, 100, nAllocBytes);
   for (int i = 0; i < 20; ++i)
     CDefaultTileAlloc<unsigned char>::Release(vecBlocks[i], 256, 256, 256, nAllocBytes);
   EXPECT_EQ(65536u, _PoolOf(vecBlocks[0])) << "given back too early";

@@ -2,6 +2,7 @@
 
 #include "Band/Tile.h"
 #include "Band/TileAlloc.h"
+#include "Foundation/BasicException.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
@@ -9,6 +10,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <random>
 #include <vector>
 
 namespace Orl { namespace Test {
@@ -20,27 +23,15 @@ using Ostrel::Band::Detail::CTileSourceInfo;
 
 // Contents at byte level, the same for every pixel type: one repeated byte, which compresses to almost
 // nothing, or noise, which does not compress at all.
-enum class EContent
-{
-  eConstant,
-  eNoise
-};
+enum class EContent { eConstant, eNoise };
 
 inline std::vector<char> MakeBytes(std::size_t nBytes, std::uint64_t nSeed, EContent eContent)
 {
-  std::vector<char> vecBytes(nBytes);
-  if (eContent == EContent::eConstant)
+  std::vector<char> vecBytes(nBytes, static_cast<char>(nSeed % 251 + 1));
+  std::mt19937_64 oRandom(nSeed);
+  for (std::size_t i = 0; eContent == EContent::eNoise && i < nBytes; i += 8)
   {
-    std::memset(vecBytes.data(), static_cast<int>(nSeed % 251) + 1, nBytes);
-    return vecBytes;
-  }
-  std::uint64_t nState = nSeed * 0x9E3779B97F4A7C15ull + 1;
-  for (std::size_t i = 0; i < nBytes; i += 8)
-  {
-    nState ^= nState >> 12;
-    nState ^= nState << 25;
-    nState ^= nState >> 27;
-    const std::uint64_t nValue = nState * 0x2545F4914F6CDD1Dull;
+    const std::uint64_t nValue = oRandom();
     std::memcpy(vecBytes.data() + i, &nValue, std::min<std::size_t>(8, nBytes - i));
   }
   return vecBytes;
@@ -56,6 +47,23 @@ inline bool Holds(const CTileBase& oTile, std::uint64_t nSeed, EContent eContent
 {
   const std::vector<char> vecBytes = MakeBytes(oTile.GetMemorySize(), nSeed, eContent);
   return oTile.GetDataLocation() && std::memcmp(oTile.GetDataLocation(), vecBytes.data(), vecBytes.size()) == 0;
+}
+
+// The raised file error's first entry (with its code where asked), last entry and count, or "nothing raised".
+template <class TBody>
+std::string Entries(TBody fnBody, bool bWithCode = true)
+{
+  try
+  {
+    fnBody();
+  }
+  catch (const Harnel::Fileio::CFileioError& oError)
+  {
+    const auto& oFirst = oError.GetInfo(0);
+    return oFirst.m_strMessage + (bWithCode ? " (" + std::to_string(oFirst.m_nErrorCode) + ")" : "") + " / " +
+           oError.GetInfo(oError.GetInfoCount() - 1).m_strMessage + " / " + std::to_string(oError.GetInfoCount());
+  }
+  return "nothing raised";
 }
 
 template <class TPixel>

@@ -40,7 +40,7 @@ public:
 
 } // namespace
 
-TEST(BoundedBufferTest, WakesTheConsumerForABatchAndDropsValuesWhenFull)
+TEST(BoundedBufferTest, WakesTheConsumerForABatchOrAForcedValueAndDropsValuesWhenFull)
 {
   CBoundedBuffer<unsigned int> oBuffer(9);
   {
@@ -58,11 +58,7 @@ TEST(BoundedBufferTest, WakesTheConsumerForABatchAndDropsValuesWhenFull)
   EXPECT_FALSE(oBuffer.HasFreeSpace());
   for (unsigned int n = 2; n <= 10; ++n)
     EXPECT_EQ(n, oBuffer.RemoveElement());
-}
-
-TEST(BoundedBufferTest, ForcedValueWakesTheConsumerAtOnce)
-{
-  CBoundedBuffer<unsigned int> oBuffer(9);
+  // A forced value wakes the consumer at once.
   CConsumer oConsumer(oBuffer);
   oBuffer.AddElementIfPossible(0x7fffffff, true);
   EXPECT_TRUE(oConsumer.Returned(5000));

@@ -39,20 +39,17 @@ TEST(RoundRobinCacheTest, ForgetsInOrderOfInsertionWhateverWasLookedUpOrResized)
   EXPECT_EQ("g", Add(oCache, "g"));
 }
 
-TEST(RoundRobinCacheTest, KeyAddedTwiceKeepsItsFirstValueAndLeavesWithItsOlderPlace)
+// A key added twice keeps its first value and leaves with its older place; a forgotten value loses
+// only the cache's reference.
+TEST(RoundRobinCacheTest, RepeatedKeysAndForgottenValues)
 {
-  CRoundRobinCache<char, int> oCache(3);
-  oCache.AddItem('a', 1);
-  oCache.AddItem('a', 2);
-  EXPECT_EQ(1, *oCache.FindItem('a'));
-  EXPECT_EQ("bc", Add(oCache, "bc"));
-}
-
-TEST(RoundRobinCacheTest, ForgettingDropsOnlyTheCachesReference)
-{
-  CRoundRobinCache<int, boost::shared_ptr<int> > oCache(1);
-  const boost::shared_ptr<int> pHeld = boost::make_shared<int>(7);
-  oCache.AddItem(1, pHeld);
-  oCache.AddItem(2, boost::make_shared<int>(8));
-  EXPECT_EQ(1, pHeld.use_count());
+  CRoundRobinCache<char, boost::shared_ptr<int> > oCache(3);
+  const boost::shared_ptr<int> pFirst = boost::make_shared<int>(1);
+  oCache.AddItem('a', pFirst);
+  oCache.AddItem('a', boost::make_shared<int>(2));
+  EXPECT_EQ(1, **oCache.FindItem('a'));
+  oCache.AddItem('b', nullptr);
+  oCache.AddItem('c', nullptr);
+  EXPECT_FALSE(oCache.FindItem('a'));
+  EXPECT_EQ(1, pFirst.use_count());
 }
