@@ -22,7 +22,8 @@
 // Band/Detail/ThreadSanitizer.h); races in our code are still reported.
 extern "C" const char* __tsan_default_suppressions()
 {
-  return "race_top:/oneapi/tbb/\n"          // by file: inlined frames are named without their namespace
+  return "race_top:tbb::detail::\n"        // by name: the scheduler's task bodies, however symbolised
+         "race_top:/oneapi/tbb/\n"          // by file: inlined frames are named without their namespace
          "race_top:std::__atomic_base<\n"  // the scheduler's node counters, inlined from <atomic>
          "called_from_lib:libtbb.so\n";    // its pools clear recycled task memory with memset
 }
