@@ -8,9 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <initializer_list>
-#include <iostream>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -31,11 +29,7 @@ public:
   }
   CTempDirectory(const CTempDirectory&) = delete;
   CTempDirectory& operator=(const CTempDirectory&) = delete;
-  ~CTempDirectory()
-  {
-    boost::system::error_code oError;
-    boost::filesystem::remove_all(m_strPath, oError);
-  }
+  ~CTempDirectory() { boost::system::error_code oError; boost::filesystem::remove_all(m_strPath, oError); }
   const std::string& Path() const { return m_strPath; }
   // The path of strName in this directory; with bCreate it is made as a directory.
   std::string Sub(const std::string& strName, bool bCreate = false) const
@@ -54,25 +48,6 @@ inline std::string ReadBytes(const std::string& strPath)
   std::ifstream oStream(strPath, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(oStream), std::istreambuf_iterator<char>());
 }
-
-inline void WriteBytes(const std::string& strPath, const std::string& strBytes)
-{
-  if (!(std::ofstream(strPath, std::ios::binary | std::ios::trunc) << strBytes).flush())
-    throw std::runtime_error("cannot write " + strPath);
-}
-
-// Captures what is written to std::cerr while it lives.
-class CCaptureStderr
-{
-public:
-  CCaptureStderr() : m_pOld(std::cerr.rdbuf(m_oBuffer.rdbuf())) {}
-  ~CCaptureStderr() { std::cerr.rdbuf(m_pOld); }
-  std::string Text() const { return m_oBuffer.str(); }
-
-private:
-  std::ostringstream m_oBuffer;
-  std::streambuf* m_pOld;
-};
 
 // Writes <directory>/<name><language>.trl, naming pFileName as its module where given.
 inline bool WriteModule(const std::string& strDirectory, const std::string& strName, const std::string& strLanguage,

@@ -6,12 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
-#include <unistd.h>
+
+#include <cstdio>
 
 #include <map>
 #include <string>
 #include <utility>
-#include <vector>
 
 using namespace Orl::Harnel::Internationalisation;
 namespace fs = boost::filesystem;
@@ -28,51 +28,35 @@ struct SProbe
   {
     fs::copy_file(ORL_TEST_PROBE, m_strProgram);
   }
-  // The search path it should print after its own directory and the working one.
+  // What "info" should print: the search path is its own directory, "./", the working one, LANGUAGEPATH.
   std::string Info(const std::string& strLanguagePath = "") const
   {
     return "name=probe\nlanguage=Default\nbase=" + m_strDirectory + "\npath=" + m_strDirectory + "|./|" +
            m_strWorking + (strLanguagePath.empty() ? "" : "|" + strLanguagePath) + "\n";
   }
-  // Runs with LANGUAGEPATH set to pLanguagePath (unset for null) and returns what it printed; fails
-  // the test unless it exits with 0.
-  std::string Run(std::vector<std::string> vecArguments, const char* pLanguagePath = nullptr,
-                  const char* pArgv0 = nullptr) const
+  // Runs in the working directory with LANGUAGEPATH set to strLanguagePath (unset when empty), found
+  // through PATH where asked (argv[0] then names no directory); returns what it printed and fails the
+  // test unless it exits with 0.
+  std::string Run(const std::string& strArguments, const std::string& strLanguagePath = "", bool bByPath = false) const
   {
-    int aPipe[2];
-    if (pipe(aPipe) != 0)
-      throw std::runtime_error("pipe failed");
-    const pid_t nChild = fork();
-    if (nChild == 0)
-    {
-      dup2(aPipe[1], 1);
-      close(aPipe[0]);
-      if (chdir(m_strWorking.c_str()) != 0)
-        _exit(126);
-      pLanguagePath ? setenv("LANGUAGEPATH", pLanguagePath, 1) : unsetenv("LANGUAGEPATH");
-      std::vector<char*> vecArgv{const_cast<char*>(pArgv0 ? pArgv0 : m_strProgram.c_str())};
-      for (std::string& strArgument : vecArguments)
-        vecArgv.push_back(&strArgument[0]);
-      vecArgv.push_back(nullptr);
-      execv(m_strProgram.c_str(), vecArgv.data());
-      _exit(127);
-    }
-    close(aPipe[1]);
+    const std::string strCommand =
+      "cd '" + m_strWorking + "' && " +
+      (strLanguagePath.empty() ? "unset LANGUAGEPATH && " : "export LANGUAGEPATH='" + strLanguagePath + "' && ") +
+      (bByPath ? "PATH='" + m_strDirectory + "' probe " : "'" + m_strProgram + "' ") + strArguments;
+    FILE* const pPipe = popen(strCommand.c_str(), "r");
     std::string strOutput;
     char aBuffer[4096];
-    for (ssize_t n; (n = read(aPipe[0], aBuffer, sizeof(aBuffer))) > 0;)
-      strOutput.append(aBuffer, static_cast<std::size_t>(n));
-    close(aPipe[0]);
-    int nStatus = 0;
-    waitpid(nChild, &nStatus, 0);
-    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << "status " << nStatus << ", output:\n" << strOutput;
+    for (std::size_t n; pPipe && (n = fread(aBuffer, 1, sizeof(aBuffer), pPipe)) > 0;)
+      strOutput.append(aBuffer, n);
+    const int nStatus = pPipe ? pclose(pPipe) : -1;
+    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << strCommand << ": " << nStatus << "\n" << strOutput;
     return strOutput;
   }
 
   std::string m_strDirectory, m_strProgram, m_strWorking;
 };
 
-// The file's names and table; the name is empty when the file cannot be read.
+// "name/language" and the table of a file; an empty name when it cannot be read.
 std::pair<std::string, TTable> ReadModule(const std::string& strPath)
 {
   CTranslatorData oData;
@@ -87,7 +71,7 @@ TEST(TranslatorModule, LeavesItsFileBesideTheProgramAndReadsItBack)
 {
   CTempDirectory oDir;
   const SProbe oProbe(oDir);
-  EXPECT_EQ(oProbe.Run({"info", "tr", "hello"}), oProbe.Info() + "hello\n");
+  EXPECT_EQ(oProbe.Run("info tr hello"), oProbe.Info() + "hello\n");
   const std::string strFile = oProbe.m_strDirectory + "/probeDefault.trl";
   EXPECT_EQ(ReadModule(strFile), std::make_pair(std::string("probe/Default"), TTable{{"hello", "hello"}}));
   EXPECT_TRUE(fs::is_empty(oProbe.m_strWorking));
@@ -96,9 +80,9 @@ TEST(TranslatorModule, LeavesItsFileBesideTheProgramAndReadsItBack)
   // program is started as through PATH: argv[0] names no directory, and its file is still found.
   ASSERT_TRUE(WriteModule(oProbe.m_strDirectory, "probe", "Default", {}, {{"hello", "hallo"}}));
   const std::string strTranslated = ReadBytes(strFile);
-  EXPECT_EQ(oProbe.Run({"info", "tr", "hello"}, nullptr, "probe"), oProbe.Info() + "hallo\n");
+  EXPECT_EQ(oProbe.Run("info tr hello", "", true), oProbe.Info() + "hallo\n");
   EXPECT_EQ(ReadBytes(strFile), strTranslated);
-  EXPECT_EQ(oProbe.Run({"tr", "new", "tr", "hello"}), "new\nhallo\n");
+  EXPECT_EQ(oProbe.Run("tr new tr hello"), "new\nhallo\n");
   EXPECT_EQ(ReadModule(strFile).second, (TTable{{"hello", "hallo"}, {"new", "new"}}));
 }
 
@@ -112,8 +96,7 @@ TEST(TranslatorModule, FindsBaseModulesAlongTheSearchPath)
   ASSERT_TRUE(WriteModule(strLanguages, "deep", "German", {}, {{"d", "tief"}, {"shared", "deep"}}));
   const std::string strOwnFile = oProbe.m_strDirectory + "/probeGerman.trl";
   const std::string strBefore = ReadBytes(strOwnFile);
-  EXPECT_EQ(oProbe.Run({"init", "German", "tr", "own", "tr", "c", "tr", "d", "tr", "shared", "shallow", "tr", "shared"},
-                       strLanguages.c_str()),
+  EXPECT_EQ(oProbe.Run("init German tr own tr c tr d tr shared shallow tr shared", strLanguages),
             "eigen\ngemeinsam\ntief\ndeep\nprobe\n");
   // Nothing new was learnt: the dropped base module alone does not rewrite the file, and the
   // Default table that Init dropped is not written either.
@@ -127,22 +110,18 @@ TEST(TranslatorModule, LanguagePathComesLastAndIsOneDirectory)
   CTempDirectory oDir;
   const SProbe oProbe(oDir);
   const std::string strLanguages = oDir.Sub("languages", true);
-  const struct
+  for (const auto& oStep : {std::make_pair(strLanguages, "languages"), std::make_pair(oProbe.m_strWorking, "work"),
+                            std::make_pair(oProbe.m_strDirectory, "bin")})
   {
-    std::string strDirectory;
-    const char* pExpected;
-  } aSteps[] = {{strLanguages, "languages"}, {oProbe.m_strWorking, "work"}, {oProbe.m_strDirectory, "bin"}};
-  for (const auto& oStep : aSteps)
-  {
-    ASSERT_TRUE(WriteModule(oStep.strDirectory, "probe", "Default", {}, {{"k", oStep.pExpected}}));
-    EXPECT_EQ(oProbe.Run({"tr", "k"}, strLanguages.c_str()), std::string(oStep.pExpected) + "\n");
+    ASSERT_TRUE(WriteModule(oStep.first, "probe", "Default", {}, {{"k", oStep.second}}));
+    EXPECT_EQ(oProbe.Run("tr k", strLanguages), std::string(oStep.second) + "\n");
   }
   fs::remove(oProbe.m_strDirectory + "/probeDefault.trl");
   fs::remove(oProbe.m_strWorking + "/probeDefault.trl");
 
   // A list is taken as a single directory: nothing is found, and the file goes beside the program.
   const std::string strTwo = strLanguages + ":" + oDir.Sub("other", true);
-  EXPECT_EQ(oProbe.Run({"info", "tr", "k"}, strTwo.c_str()), oProbe.Info(strTwo) + "k\n");
+  EXPECT_EQ(oProbe.Run("info tr k", strTwo), oProbe.Info(strTwo) + "k\n");
   EXPECT_EQ(ReadModule(oProbe.m_strDirectory + "/probeDefault.trl").second, (TTable{{"k", "k"}}));
 }
 
@@ -152,14 +131,14 @@ TEST(TranslatorModule, LibraryWithAVersionedFileName)
   const SProbe oProbe(oDir);
   const std::string strLibrary = oDir.Sub("lib", true) + "/libX.so.1.2";
   fs::copy_file(ORL_TEST_VERSIONED_MODULE, strLibrary);
-  EXPECT_EQ(oProbe.Run({"lib", strLibrary, "text"}), "text\n");
+  EXPECT_EQ(oProbe.Run("lib " + strLibrary + " text"), "text\n");
   EXPECT_EQ(ReadModule(oDir.Sub("lib/libX.so.1Default.trl")),
             std::make_pair(std::string("libX.so.1/Default"), TTable{{"text", "text"}}));
   // The probe's own translator was never made, so it left nothing.
   EXPECT_FALSE(fs::exists(oProbe.m_strDirectory + "/probeDefault.trl"));
 
   // A module whose translator is made after the application chose a language for all starts in it.
-  EXPECT_EQ(oProbe.Run({"all", "German", "lib", strLibrary, "Text"}), "Text\n");
+  EXPECT_EQ(oProbe.Run("all German lib " + strLibrary + " Text"), "Text\n");
   EXPECT_EQ(ReadModule(oDir.Sub("lib/libX.so.1German.trl")),
             std::make_pair(std::string("libX.so.1/German"), TTable{{"Text", "Text"}}));
 }

@@ -22,11 +22,7 @@ int main(int argc, char** argv)
   for (int i = 1; i < argc; ++i)
   {
     const std::string strCommand = argv[i];
-    const auto Argument = [&]() -> std::string {
-      if (i + 1 >= argc)
-        throw std::runtime_error("missing argument for " + strCommand);
-      return argv[++i];
-    };
+    const auto Argument = [&]() -> std::string { return i + 1 < argc ? argv[++i] : ""; };
     if (strCommand == "tr")
       std::cout << CTranslator::Translate(Argument()) << '\n';
     else if (strCommand == "init")
@@ -39,34 +35,24 @@ int main(int argc, char** argv)
     {
       std::cout << "name=" << CTranslator::GetApplicationName() << "\nlanguage=" << CTranslator::GetLanguage()
                 << "\nbase=" << CTranslator::GetBaseFilePath() << "\npath=";
-      const char* pSeparator = "";
       for (const std::string& strDirectory : CTranslator::GetSearchPathList())
-      {
-        std::cout << pSeparator << strDirectory;
-        pSeparator = "|";
-      }
+        std::cout << (&strDirectory == &CTranslator::GetSearchPathList().front() ? "" : "|") << strDirectory;
       std::cout << '\n';
     }
     else if (strCommand == "lib")
     {
       const std::string strFile = Argument(), strText = Argument();
-      void* pHandle = dlopen(strFile.c_str(), RTLD_NOW);
       typedef const char* (*TTranslate)(const char*, const void**, std::size_t*);
-      const TTranslate fnTranslate = pHandle ? reinterpret_cast<TTranslate>(dlsym(pHandle, "TranslateInModuleV")) : nullptr;
+      void* const pHandle = dlopen(strFile.c_str(), RTLD_NOW);
+      const auto fnTranslate = pHandle ? reinterpret_cast<TTranslate>(dlsym(pHandle, "TranslateInModuleV")) : nullptr;
       if (!fnTranslate)
-      {
-        std::cerr << "cannot load " << strFile << ": " << dlerror() << '\n';
-        return 3;
-      }
+        return std::cerr << "cannot load " << strFile << ": " << dlerror() << '\n', 3;
       const void* pTranslator = nullptr;
       std::size_t nEntries = 0;
       std::cout << fnTranslate(strText.c_str(), &pTranslator, &nEntries) << '\n';
     }
     else
-    {
-      std::cerr << "unknown command " << strCommand << '\n';
-      return 2;
-    }
+      return std::cerr << "unknown command " << strCommand << '\n', 2;
   }
   return 0;
 }
