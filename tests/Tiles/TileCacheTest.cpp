@@ -3,21 +3,28 @@
 #include "Support/ScratchFiles.h"
 #include "TileTestSupport.h"
 
+#include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <random>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace Orl::Test;
+using Orl::Harnel::Fileio::CFailHandler;
+using Orl::Harnel::Fileio::g_oFailHandler;
 using Orl::Ostrel::Band::CTileCache;
 using Orl::Ostrel::Band::STileCacheCounters;
 
 namespace {
 
 constexpr std::uint64_t g_nFullBlock = 524288;
+constexpr std::uint64_t g_nSlot = 524800; // the record slot of a full tile
 
 // A registered tile and what it should hold.
 struct STileRecord
@@ -27,32 +34,71 @@ struct STileRecord
   EContent m_eContent;
 };
 
+// Counts its calls, lifts a file size cap if it has one, and answers as told.
+class CFaultHandler : public CFailHandler
+{
+public:
+  CFaultHandler(bool bAnswer, CFileSizeLimit* pLimit) : m_bAnswer(bAnswer), m_pLimit(pLimit) {}
+  bool OnWriteFailed(int nFile) override
+  {
+    ++m_nCalls;
+    m_nFile = nFile;
+    if (m_pLimit)
+      m_pLimit->Lift();
+    return m_bAnswer;
+  }
+  int m_nCalls = 0, m_nFile = -1;
+
+private:
+  bool m_bAnswer;
+  CFileSizeLimit* m_pLimit;
+};
+
 class CTileCacheTest : public ::testing::Test
 {
 protected:
-  CTileCacheTest() { m_oCache.SetSpillDirectory(m_oDirectory.GetPath()); }
+  CTileCacheTest() { m_pCache->SetSpillDirectory(m_oDirectory.GetPath()); }
+  // A fresh cache with its own spill file.
+  void NewCache(std::uint64_t nBudget)
+  {
+    m_pCache.reset(new CTileCache);
+    m_pCache->SetSpillDirectory(m_oDirectory.GetPath());
+    m_pCache->SetMemoryBudget(nBudget);
+  }
+  ~CTileCacheTest() override { g_oFailHandler.reset(); }
 
   STileRecord Register(const boost::shared_ptr<CTileBase>& pTile, EContent eContent = EContent::eNoise)
   {
     Fill(*pTile, ++m_nSeed, eContent);
-    return STileRecord{m_oCache.RegisterTile(pTile), m_nSeed, eContent};
+    return STileRecord{m_pCache->RegisterTile(pTile), m_nSeed, eContent};
   }
-
   // New contents through a write access, as an iterator writes.
   void Rewrite(STileRecord& oRecord)
   {
     oRecord.m_nSeed = ++m_nSeed;
-    Fill(*m_oCache.GetTile(oRecord.m_nId, true), oRecord.m_nSeed, oRecord.m_eContent);
+    Fill(*m_pCache->GetTile(oRecord.m_nId, true), oRecord.m_nSeed, oRecord.m_eContent);
   }
-
+  // A full float tile, registered and then written as a band does with a new tile.
+  STileRecord Add()
+  {
+    STileRecord oRecord = Register(MakeTile<float>(512, 256));
+    Rewrite(oRecord);
+    return oRecord;
+  }
   bool Intact(const STileRecord& oRecord)
   {
-    return Holds(*m_oCache.GetTile(oRecord.m_nId, false), oRecord.m_nSeed, oRecord.m_eContent);
+    return Holds(*m_pCache->GetTile(oRecord.m_nId, false), oRecord.m_nSeed, oRecord.m_eContent);
   }
-
-  STileCacheCounters Counters() const { return m_oCache.GetCounters(); }
-
-  static struct stat FileStat(int nFile)
+  bool AllIntact(const std::vector<STileRecord>& vecTiles)
+  {
+    bool bIntact = true;
+    for (const STileRecord& oRecord : vecTiles)
+      bIntact = Intact(oRecord) && bIntact;
+    return bIntact;
+  }
+  STileCacheCounters Counters() const { return m_pCache->GetCounters(); }
+  int File(const STileRecord& oRecord) { return m_pCache->GetTile(oRecord.m_nId, false)->GetFile(); }
+  static struct stat Stat(int nFile)
   {
     struct stat oStat{};
     ::fstat(nFile, &oStat);
@@ -60,7 +106,7 @@ protected:
   }
 
   CScratchDirectory m_oDirectory;
-  CTileCache m_oCache;
+  std::unique_ptr<CTileCache> m_pCache{new CTileCache};
   std::uint64_t m_nSeed = 0;
 };
 
@@ -68,7 +114,7 @@ protected:
 
 TEST_F(CTileCacheTest, TinyBudgetSpillsAndReloadsTilesOfSeveralTypesIntact)
 {
-  m_oCache.SetMemoryBudget(3 * g_nFullBlock);
+  m_pCache->SetMemoryBudget(3 * g_nFullBlock);
   const std::function<boost::shared_ptr<CTileBase>()> aMakers[] = {
     [] { return MakeTile<unsigned char>(1024, 512); }, [] { return MakeTile<float>(512, 256); },
     [] { return MakeTile<double>(256, 256); },         [] { return MakeTile<short>(300, 170); },
@@ -90,20 +136,18 @@ TEST_F(CTileCacheTest, TinyBudgetSpillsAndReloadsTilesOfSeveralTypesIntact)
         Rewrite(vecTiles[i]);
     }
   }
-  for (const STileRecord& oRecord : vecTiles)
-    EXPECT_TRUE(Intact(oRecord)) << oRecord.m_nId;
-
+  EXPECT_TRUE(AllIntact(vecTiles));
   const STileCacheCounters oCounters = Counters();
   EXPECT_EQ(60u, oCounters.m_nResidentTiles + oCounters.m_nSpilledTiles);
   EXPECT_GT(oCounters.m_nRecordsRead, 100u);
   EXPECT_LE(oCounters.m_nResidentBytes, 3 * g_nFullBlock);
   EXPECT_TRUE(m_oDirectory.GetEntries().empty()) << "the spill file has a name";
 
-  const int nFile = m_oCache.GetTile(vecTiles[0].m_nId, false)->GetFile();
+  const int nFile = File(vecTiles[0]);
   for (const STileRecord& oRecord : vecTiles)
-    m_oCache.ReleaseTile(oRecord.m_nId);
+    m_pCache->ReleaseTile(oRecord.m_nId);
   EXPECT_EQ(0u, Counters().m_nTiles + Counters().m_nResidentBytes + Counters().m_nFileBytes);
-  EXPECT_EQ(0, FileStat(nFile).st_size);
+  EXPECT_EQ(0, Stat(nFile).st_size);
 }
 
 TEST_F(CTileCacheTest, HeldTilesStayWhateverTheBudget)
@@ -111,58 +155,54 @@ TEST_F(CTileCacheTest, HeldTilesStayWhateverTheBudget)
   std::vector<STileRecord> vecTiles;
   for (int i = 0; i < 6; ++i)
     vecTiles.push_back(Register(MakeTile<float>(512, 256)));
-  std::vector<boost::shared_ptr<CTileBase> > vecHeld{m_oCache.GetTile(vecTiles[1].m_nId, true),
-                                                     m_oCache.GetTile(vecTiles[4].m_nId, false)};
-  m_oCache.SetMemoryBudget(0);
+  std::vector<boost::shared_ptr<CTileBase> > vecHeld{m_pCache->GetTile(vecTiles[1].m_nId, true),
+                                                     m_pCache->GetTile(vecTiles[4].m_nId, false)};
+  m_pCache->SetMemoryBudget(0);
   EXPECT_EQ(2u, Counters().m_nResidentTiles);
   EXPECT_TRUE(vecHeld[0]->GetDataLocation() && vecHeld[1]->GetDataLocation() && vecHeld[0]->IsModified());
   vecHeld.clear();
-  m_oCache.SetMemoryBudget(0);
+  m_pCache->SetMemoryBudget(0);
   EXPECT_EQ(0u, Counters().m_nResidentTiles);
-  for (const STileRecord& oRecord : vecTiles)
-    EXPECT_TRUE(Intact(oRecord));
+  EXPECT_TRUE(AllIntact(vecTiles));
 }
 
 TEST_F(CTileCacheTest, SlotsAreReusedAndTheFileShrinksAsItsEndFallsFree)
 {
-  m_oCache.SetMemoryBudget(0);
-  constexpr std::uint64_t nSlot = 524800;
+  m_pCache->SetMemoryBudget(0);
   const STileRecord oA = Register(MakeTile<float>(512, 256)), oB = Register(MakeTile<float>(512, 256)),
                     oC = Register(MakeTile<float>(512, 256));
-  m_oCache.SetMemoryBudget(0);
-  EXPECT_EQ(3 * nSlot, Counters().m_nFileBytes);
-  const int nFile = m_oCache.GetTile(oC.m_nId, false)->GetFile();
-
-  m_oCache.ReleaseTile(oB.m_nId);
+  m_pCache->SetMemoryBudget(0);
+  EXPECT_EQ(3 * g_nSlot, Counters().m_nFileBytes);
+  m_pCache->ReleaseTile(oB.m_nId);
   const STileRecord oD = Register(MakeTile<float>(512, 256));
-  m_oCache.SetMemoryBudget(0);
-  EXPECT_EQ(3 * nSlot, Counters().m_nFileBytes) << "the free slot was not reused";
-  m_oCache.ReleaseTile(oC.m_nId);
-  EXPECT_EQ(static_cast<off_t>(2 * nSlot), FileStat(nFile).st_size);
+  m_pCache->SetMemoryBudget(0);
+  EXPECT_EQ(3 * g_nSlot, Counters().m_nFileBytes) << "the free slot was not reused";
+  m_pCache->ReleaseTile(oC.m_nId);
+  EXPECT_EQ(static_cast<off_t>(2 * g_nSlot), Stat(File(oA)).st_size);
   EXPECT_TRUE(Intact(oA) && Intact(oD));
-  m_oCache.ReleaseTile(oA.m_nId);
-  EXPECT_EQ(2 * nSlot, Counters().m_nFileBytes);
-  m_oCache.ReleaseTile(oD.m_nId);
-  EXPECT_EQ(0, FileStat(nFile).st_size);
+  m_pCache->ReleaseTile(oA.m_nId);
+  EXPECT_EQ(2 * g_nSlot, Counters().m_nFileBytes);
+  const int nFile = File(oD);
+  m_pCache->ReleaseTile(oD.m_nId);
+  EXPECT_EQ(0, Stat(nFile).st_size);
 }
 
 // Only new or written tiles are written out, and constant ones cost little disk.
 TEST_F(CTileCacheTest, OnlyNewOrWrittenTilesAreWrittenOutAndConstantOnesSmall)
 {
-  m_oCache.SetMemoryBudget(0);
+  m_pCache->SetMemoryBudget(0);
   std::vector<STileRecord> vecTiles;
   for (int i = 0; i < 20; ++i)
     vecTiles.push_back(Register(MakeTile<unsigned char>(1024, 512), EContent::eConstant));
-  m_oCache.SetMemoryBudget(0);
+  m_pCache->SetMemoryBudget(0);
   EXPECT_LE(Counters().m_nBytesWritten, 20u * 4096);
   // Blocks the file takes, where the file system keeps files sparse as the usual ones do.
-  EXPECT_LE(FileStat(m_oCache.GetTile(vecTiles[0].m_nId, false)->GetFile()).st_blocks * 512, 20 * 16384);
-  for (const STileRecord& oRecord : vecTiles)
-    EXPECT_TRUE(Intact(oRecord));
-  m_oCache.SetMemoryBudget(0);
+  EXPECT_LE(Stat(File(vecTiles[0])).st_blocks * 512, 20 * 16384);
+  EXPECT_TRUE(AllIntact(vecTiles));
+  m_pCache->SetMemoryBudget(0);
   EXPECT_EQ(20u, Counters().m_nRecordsWritten);
   Rewrite(vecTiles[2]);
-  m_oCache.SetMemoryBudget(0);
+  m_pCache->SetMemoryBudget(0);
   EXPECT_EQ(21u, Counters().m_nRecordsWritten);
   EXPECT_TRUE(Intact(vecTiles[2]));
 }
@@ -170,7 +210,7 @@ TEST_F(CTileCacheTest, OnlyNewOrWrittenTilesAreWrittenOutAndConstantOnesSmall)
 TEST_F(CTileCacheTest, TilesInUseSurviveAScanLargerThanTheBudget)
 {
   // Room for eight small tiles; four are used all along while 200 new tiles stream through.
-  m_oCache.SetMemoryBudget(8 * 65536);
+  m_pCache->SetMemoryBudget(8 * 65536);
   std::vector<STileRecord> vecHot, vecScan;
   for (int i = 0; i < 4; ++i)
     vecHot.push_back(Register(MakeTile<unsigned char>(256, 256)));
@@ -178,26 +218,98 @@ TEST_F(CTileCacheTest, TilesInUseSurviveAScanLargerThanTheBudget)
   {
     vecScan.push_back(Register(MakeTile<unsigned char>(256, 256)));
     for (const STileRecord& oHot : vecHot)
-      m_oCache.GetTile(oHot.m_nId, false);
+      m_pCache->GetTile(oHot.m_nId, false);
   }
   EXPECT_EQ(0u, Counters().m_nRecordsRead) << "a tile in use was pushed out by the scan";
-  for (const STileRecord& oRecord : vecScan)
-    EXPECT_TRUE(Intact(oRecord));
+  EXPECT_TRUE(AllIntact(vecScan));
 }
 
 TEST_F(CTileCacheTest, MissingSpillDirectoryFailsTheRegistrationUntilItIsThere)
 {
-  m_oCache.SetMemoryBudget(g_nFullBlock);
-  m_oCache.SetSpillDirectory(m_oDirectory.GetPath() + "/missing");
+  m_pCache->SetMemoryBudget(g_nFullBlock);
+  m_pCache->SetSpillDirectory(m_oDirectory.GetPath() + "/missing");
   const STileRecord oFirst = Register(MakeTile<float>(512, 256));
   const auto pSecond = MakeTile<float>(512, 256);
-  const std::string strEntries = Entries([&] { m_oCache.RegisterTile(pSecond); });
+  const std::string strEntries = Entries([&] { m_pCache->RegisterTile(pSecond); });
   EXPECT_NE(std::string::npos, strEntries.find("/missing")) << strEntries;
   EXPECT_NE(std::string::npos, strEntries.find("(" + std::to_string(ENOENT) + ")")) << strEntries;
   EXPECT_EQ(1u, Counters().m_nTiles);
-  m_oCache.SetSpillDirectory(m_oDirectory.GetPath());
-  const STileRecord oSecond = Register(pSecond);
-  EXPECT_TRUE(Intact(oFirst) && Intact(oSecond));
+  m_pCache->SetSpillDirectory(m_oDirectory.GetPath());
+  EXPECT_TRUE(AllIntact({oFirst, Register(pSecond)}));
+}
+
+// Room for one full tile: each new tile pushes the one before it out, and the spill fails.
+TEST_F(CTileCacheTest, FailedSpillKeepsTheTileModifiedInMemoryAndReportsBothEntries)
+{
+  // File size cap, whether a handler that gives up is installed, expected first entry.
+  const struct
+  {
+    std::uint64_t nCap;
+    bool bHandler;
+    std::string strEntry;
+  } aFaults[] = {{0, false, "Failed to write to a file (" + std::to_string(EFBIG) + ")"},
+                 {g_nSlot + 1000, false, "Failed to write enough data to a file (0)"},
+                 {g_nSlot + 1000, true, "Failed to write enough data to a file (0)"}};
+  for (const auto& oFault : aFaults)
+  {
+    NewCache(g_nFullBlock);
+    CFileSizeLimit oLimit(static_cast<rlim_t>(oFault.nCap));
+    const auto pHandler = boost::make_shared<CFaultHandler>(false, nullptr);
+    if (oFault.bHandler)
+      g_oFailHandler = pHandler;
+    std::vector<STileRecord> vecTiles{Add()};
+    EXPECT_EQ(oFault.strEntry + " / Failed to write to the disk tile cache / 2", Entries([&] {
+                for (int i = 0; i < 3; ++i)
+                  vecTiles.push_back(Add());
+              }));
+    g_oFailHandler.reset();
+    EXPECT_EQ(oFault.bHandler ? 1 : 0, pHandler->m_nCalls);
+    // The tile that was to go is in memory, modified and whole; the new one did not come in.
+    EXPECT_EQ(vecTiles.size(), Counters().m_nTiles);
+    const auto nReads = Counters().m_nRecordsRead;
+    EXPECT_TRUE(m_pCache->GetTile(vecTiles.back().m_nId, false)->IsModified());
+    EXPECT_TRUE(Intact(vecTiles.back()));
+    EXPECT_EQ(nReads, Counters().m_nRecordsRead) << "it had to be read back";
+    // With room on disk the next registration goes through and nothing is lost.
+    oLimit.Lift();
+    vecTiles.push_back(Add());
+    EXPECT_TRUE(AllIntact(vecTiles));
+  }
+}
+
+TEST_F(CTileCacheTest, FailHandlerThatMakesRoomRescuesTheSpill)
+{
+  m_pCache->SetMemoryBudget(g_nFullBlock);
+  CFileSizeLimit oLimit(static_cast<rlim_t>(g_nSlot + 1000));
+  const auto pHandler = boost::make_shared<CFaultHandler>(true, &oLimit);
+  g_oFailHandler = pHandler;
+  std::vector<STileRecord> vecTiles;
+  for (int i = 0; i < 4; ++i)
+    vecTiles.push_back(Add());
+  EXPECT_EQ(1, pHandler->m_nCalls);
+  EXPECT_EQ(File(vecTiles[0]), pHandler->m_nFile);
+  EXPECT_TRUE(AllIntact(vecTiles));
+}
+
+TEST_F(CTileCacheTest, ShortReadReportsBothEntriesAndTheNextGetTileTriesAgain)
+{
+  m_pCache->SetMemoryBudget(g_nFullBlock);
+  const std::vector<STileRecord> vecTiles{Add(), Add(), Add()};
+  m_pCache->SetMemoryBudget(0);
+  const int nFile = File(vecTiles[1]);
+  const off_t nCut = m_pCache->GetTile(vecTiles[1].m_nId, false)->GetFileOffset() + 1000;
+  m_pCache->SetMemoryBudget(0); // out again, without a write: it is clean
+
+  // Cut the file inside the record, keeping what is cut for later.
+  std::vector<char> vecCut(static_cast<std::size_t>(Stat(nFile).st_size - nCut));
+  ASSERT_EQ(static_cast<ssize_t>(vecCut.size()), ::pread(nFile, vecCut.data(), vecCut.size(), nCut));
+  ASSERT_EQ(0, ::ftruncate(nFile, nCut));
+  EXPECT_EQ("Failed to read enough bytes from a file / Failed to read from the disk tile cache / 2",
+            Entries([&] { m_pCache->GetTile(vecTiles[1].m_nId, false); }, false));
+  EXPECT_EQ(0u, Counters().m_nResidentBytes);
+  // The fault passes: the record is still the truth.
+  ASSERT_EQ(static_cast<ssize_t>(vecCut.size()), ::pwrite(nFile, vecCut.data(), vecCut.size(), nCut));
+  EXPECT_TRUE(AllIntact(vecTiles));
 }
 
 TEST(TileCacheBudgetTest, EnvironmentSetsTheBudgetWhenItIsAByteCount)

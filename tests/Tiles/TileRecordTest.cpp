@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Orl::Test;
@@ -23,21 +22,18 @@ enum EWay { ePlain, eBuffered, eBufferedAt };
 
 void _Write(CTileBase& oTile, EWay eWay, char* pBuffer)
 {
-  eWay == ePlain ? oTile.WriteBinary()
-                 : eWay == eBuffered ? oTile.WriteBinaryWithBuffer(pBuffer) : oTile.WriteBinaryWithBufferAt(pBuffer);
+  eWay == ePlain ? oTile.WriteBinary() : eWay == eBuffered ? oTile.WriteBinaryWithBuffer(pBuffer) : oTile.WriteBinaryWithBufferAt(pBuffer);
 }
 
 void _Read(CTileBase& oTile, EWay eWay, char* pBuffer)
 {
-  eWay == ePlain ? oTile.ReadBinary()
-                 : eWay == eBuffered ? oTile.ReadBinaryWithBuffer(pBuffer) : oTile.ReadBinaryWithBufferAt(pBuffer);
+  eWay == ePlain ? oTile.ReadBinary() : eWay == eBuffered ? oTile.ReadBinaryWithBuffer(pBuffer) : oTile.ReadBinaryWithBufferAt(pBuffer);
 }
 
 std::int32_t _Header(const std::vector<char>& vecBuffer)
 {
   std::int32_t nHeader;
-  std::memcpy(&nHeader, vecBuffer.data(), 4);
-  return nHeader;
+  return std::memcpy(&nHeader, vecBuffer.data(), 4), nHeader;
 }
 
 struct SRecordFile
@@ -45,12 +41,7 @@ struct SRecordFile
   CScratchDirectory m_oDirectory;
   int m_nFile = ::open((m_oDirectory.GetPath() + "/records").c_str(), O_RDWR | O_CREAT, 0600);
   ~SRecordFile() { ::close(m_nFile); }
-  long long GetSize() const
-  {
-    struct stat oStat;
-    ::fstat(m_nFile, &oStat);
-    return oStat.st_size;
-  }
+  long long GetSize() const { return ::lseek(m_nFile, 0, SEEK_END); }
 };
 
 template <class TPixel>
