@@ -39,14 +39,13 @@ inline std::vector<char> MakeBytes(std::size_t nBytes, std::uint64_t nSeed, ECon
 
 inline void Fill(CTileBase& oTile, std::uint64_t nSeed, EContent eContent)
 {
-  const std::vector<char> vecBytes = MakeBytes(oTile.GetMemorySize(), nSeed, eContent);
-  std::memcpy(oTile.GetDataLocation(), vecBytes.data(), vecBytes.size());
+  std::memcpy(oTile.GetDataLocation(), MakeBytes(oTile.GetMemorySize(), nSeed, eContent).data(), oTile.GetMemorySize());
 }
 
 inline bool Holds(const CTileBase& oTile, std::uint64_t nSeed, EContent eContent)
 {
-  const std::vector<char> vecBytes = MakeBytes(oTile.GetMemorySize(), nSeed, eContent);
-  return oTile.GetDataLocation() && std::memcmp(oTile.GetDataLocation(), vecBytes.data(), vecBytes.size()) == 0;
+  return oTile.GetDataLocation() &&
+         std::memcmp(oTile.GetDataLocation(), MakeBytes(oTile.GetMemorySize(), nSeed, eContent).data(), oTile.GetMemorySize()) == 0;
 }
 
 // The raised file error's first entry (with its code where asked), last entry and count, or "nothing raised".
