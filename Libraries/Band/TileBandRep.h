@@ -38,44 +38,15 @@ namespace Detail {
 
 // Tile sizes per pixel type. Every full tile is 524288 bytes, the block of the largest pool of the
 // tile allocator, so that full tiles never fall back to the heap and a spilled tile's slot fits any
-// other full tile. Types with no settled size get square tiles: row walks and column walks cross
-// borders equally often.
+// other full tile: 1024 x 512 bytes, 512 wide for the 16- and 32-bit types and 256 for double.
+// 16-bit and double tiles are square: row walks and column walks cross borders equally often.
 template <class TPixel>
-struct STileSize;
-template <>
-struct STileSize<unsigned char>
+struct STileSize
 {
-  static constexpr unsigned int ms_nX = 1024, ms_nY = 512;
-};
-template <>
-struct STileSize<unsigned short>
-{
-  static constexpr unsigned int ms_nX = 512, ms_nY = 512;
-};
-template <>
-struct STileSize<short>
-{
-  static constexpr unsigned int ms_nX = 512, ms_nY = 512;
-};
-template <>
-struct STileSize<unsigned int>
-{
-  static constexpr unsigned int ms_nX = 512, ms_nY = 256;
-};
-template <>
-struct STileSize<int>
-{
-  static constexpr unsigned int ms_nX = 512, ms_nY = 256;
-};
-template <>
-struct STileSize<float>
-{
-  static constexpr unsigned int ms_nX = 512, ms_nY = 256;
-};
-template <>
-struct STileSize<double>
-{
-  static constexpr unsigned int ms_nX = 256, ms_nY = 256;
+  static constexpr unsigned int ms_nBytes = 524288;
+  static constexpr unsigned int ms_nX = sizeof(TPixel) == 1 ? 1024 : sizeof(TPixel) == 8 ? 256 : 512;
+  static constexpr unsigned int ms_nY = ms_nBytes / (ms_nX * sizeof(TPixel));
+  static_assert(ms_nX * ms_nY * sizeof(TPixel) == ms_nBytes, "a full tile is one block of the largest pool");
 };
 
 } // namespace Detail
