@@ -1,199 +1,129 @@
 #include "Band/Band.h"
+#include "BandTestSupport.h"
 #include "Support/PixelTypes.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <limits>
-#include <typeinfo>
 #include <string>
+#include <typeinfo>
+#include <vector>
 
 namespace {
-using CRect = Orl::Pravik::GraphObject2d::CRect<unsigned int>;
 
 using namespace Orl::Ostrel::Band;
+using Orl::Test::CRect;
+using Orl::Test::TMemBand;
 
 template <class TPixel>
 class BandTest : public ::testing::Test
 {
-protected:
-  using TBand = CBand<TPixel, SMemoryTag>;
-
-  // Marks every cached statistic as current, so that a test can see which accesses drop them.
-  static void FillCache(TBand& oBand)
-  {
-    auto& oStatistics = oBand.GetRep().GetStatistics();
-    std::fill(std::begin(oStatistics.m_abValid), std::end(oStatistics.m_abValid), true);
-  }
-  static bool AllValid(const TBand& oBand)
-  {
-    const auto& abValid = oBand.GetRep().GetStatistics().m_abValid;
-    return std::all_of(std::begin(abValid), std::end(abValid), [](bool b) { return b; });
-  }
-  static bool NoneValid(const TBand& oBand) { return !oBand.GetRep().GetStatistics().AnyValid(); }
 };
 TYPED_TEST_SUITE(BandTest, Orl::Test::TAllPixelTypes);
 
-TYPED_TEST(BandTest, EmptyBandsHaveNoBlockButARecord)
+// Empty bands have no block but a statistics record; Clear fills every pixel and keeps the no-data
+// value; copies share pixels, no-data value and statistics.
+TYPED_TEST(BandTest, EmptyBandsClearAndSharedCopies)
 {
-  for (const auto& oSize : {std::make_pair(0u, 7u), std::make_pair(7u, 0u), std::make_pair(0u, 0u)})
+  for (const auto& oSize : {std::make_pair(0u, 7u), std::make_pair(7u, 0u)})
   {
-    typename TestFixture::TBand oBand(oSize.first, oSize.second);
-    EXPECT_EQ(oBand.GetRep().m_pData, nullptr);
-    EXPECT_NE(oBand.GetRep().m_pStatistics, nullptr);
-    EXPECT_FALSE(oBand.HasNoDataValue());
-    this->FillCache(oBand);
-    oBand.Clear(TypeParam(1)); // only the flags
-    EXPECT_TRUE(this->NoneValid(oBand));
-    auto oIts = oBand.GetBandIterators(oBand);
+    TMemBand<TypeParam> oEmpty(oSize.first, oSize.second);
+    EXPECT_EQ(oEmpty.GetRep().m_pData, nullptr);
+    EXPECT_NE(oEmpty.GetRep().m_pStatistics, nullptr);
+    oEmpty.Clear(TypeParam(1));
+    const auto oIts = oEmpty.GetBandIterators(oEmpty);
     EXPECT_TRUE(boost::get<0>(oIts).X == boost::get<1>(oIts).X || boost::get<0>(oIts).Y == boost::get<1>(oIts).Y);
   }
-}
-
-TYPED_TEST(BandTest, ClearSetsEveryPixelAndKeepsNoData)
-{
-  typename TestFixture::TBand oBand(13, 5);
+  TMemBand<TypeParam> oBand(13, 5);
+  const TMemBand<TypeParam> oCopy = oBand;
   oBand.SetNoDataValue(TypeParam(3));
-  this->FillCache(oBand);
   oBand.Clear(TypeParam(42));
-  EXPECT_TRUE(this->NoneValid(oBand));
-  ASSERT_TRUE(oBand.HasNoDataValue());
-  EXPECT_EQ(oBand.GetNoDataValue(), TypeParam(3));
-  const TypeParam* pData = static_cast<const typename TestFixture::TBand&>(oBand).GetRep().GetDataLocation();
-  for (unsigned i = 0; i < 13 * 5; ++i)
-    ASSERT_EQ(pData[i], TypeParam(42)) << i;
-}
-
-TYPED_TEST(BandTest, CopiesSharePixelsNoDataAndStatistics)
-{
-  typename TestFixture::TBand oBand(4, 4);
-  auto oCopy = oBand;
-  oCopy.SetNoDataValue(TypeParam(9));
-  EXPECT_TRUE(oBand.HasNoDataValue());
-  EXPECT_EQ(oBand.GetNoDataValue(), TypeParam(9));
-  oBand.SetNoDataValue(TypeParam(7));
-  EXPECT_EQ(oCopy.GetNoDataValue(), TypeParam(7));
-  oBand.Clear(TypeParam(5));
-  EXPECT_EQ(*boost::get<0>(static_cast<const typename TestFixture::TBand&>(oCopy).GetBandIterators(oCopy)), TypeParam(5));
   EXPECT_EQ(&oBand.GetRep(), &oCopy.GetRep());
+  ASSERT_TRUE(oCopy.HasNoDataValue());
+  EXPECT_EQ(oCopy.GetNoDataValue(), TypeParam(3));
+  const TypeParam* pData = oCopy.GetRep().GetDataLocation();
+  EXPECT_EQ(std::count(pData, pData + 13 * 5, TypeParam(42)), 13 * 5);
 }
 
-// Which accesses drop the cached statistics: every grant of mutable access and every no-data change,
-// even one to the same value; never a const access.
-TYPED_TEST(BandTest, MutableAccessInvalidatesConstAccessDoesNot)
+TYPED_TEST(BandTest, NoDataHintIsAtTheFarEndUntilAValueIsSet)
 {
-  using TBand = typename TestFixture::TBand;
-  TBand oBand(8, 3);
-  const TBand& oConst = oBand;
-  struct SCase
-  {
-    const char* m_szName;
-    std::function<void()> m_fnAccess;
-    bool m_bInvalidates;
-  };
-  const SCase aCases[] = {
-    {"const iterators", [&] { oConst.GetBandIterators(oConst); }, false},
-    {"const data location", [&] { oConst.GetRep().GetDataLocation(); }, false},
-    {"no-data reads", [&] { (void)oConst.HasNoDataValue(); (void)oConst.GetNoDataValueOrHint(); }, false},
-    {"mutable iterators", [&] { oBand.GetBandIterators(oBand); }, true},
-    {"mutable iterators, empty rect", [&] { oBand.GetBandIterators(CRect(0, 0, 0, 0)); }, true},
-    {"mutable data location", [&] { oBand.GetRep().GetDataLocation(); }, true},
-    {"SetNoDataValue", [&] { oBand.SetNoDataValue(TypeParam(1)); }, true},
-    {"SetNoDataValue, same value", [&] { oBand.SetNoDataValue(TypeParam(1)); }, true},
-    {"Clear", [&] { oBand.Clear(TypeParam(0)); }, true},
-  };
-  for (const auto& oCase : aCases)
-  {
-    this->FillCache(oBand);
-    oCase.m_fnAccess();
-    EXPECT_EQ(this->NoneValid(oBand), oCase.m_bInvalidates) << oCase.m_szName;
-    if (!oCase.m_bInvalidates)
-    {
-      EXPECT_TRUE(this->AllValid(oBand)) << oCase.m_szName;
-    }
-  }
-}
-
-TYPED_TEST(BandTest, NoDataHintIsStorableAndAtTheFarEnd)
-{
-  const TypeParam tHint = SNoDataValueHint<TypeParam>::ms_tNoDataValue;
-  EXPECT_EQ(tHint, std::numeric_limits<TypeParam>::is_signed ? std::numeric_limits<TypeParam>::lowest()
+  EXPECT_EQ(SNoDataValueHint<TypeParam>::ms_tNoDataValue, std::numeric_limits<TypeParam>::is_signed
+                                                             ? std::numeric_limits<TypeParam>::lowest()
                                                              : std::numeric_limits<TypeParam>::max());
-  EXPECT_TRUE(tHint == tHint); // not NaN: no-data is found by equality
-  typename TestFixture::TBand oBand(2, 1);
-  EXPECT_EQ(oBand.GetNoDataValueOrHint(), tHint);
+  TMemBand<TypeParam> oBand(2, 1);
+  EXPECT_FALSE(oBand.HasNoDataValue());
+  EXPECT_EQ(oBand.GetNoDataValueOrHint(), SNoDataValueHint<TypeParam>::ms_tNoDataValue);
   oBand.SetNoDataValue(TypeParam(0));
   EXPECT_EQ(oBand.GetNoDataValueOrHint(), TypeParam(0));
 }
 
-TEST(BandTagTest, IppBandsShareTheMemoryRepresentation)
+// Sub-rectangles are clipped to the band (an empty one starts at the later start) and address through
+// the full band width; a walk (rows outside, columns inside, each row from a copy of its start) visits
+// exactly the clipped rectangle. Moves out of the band and back are covered by the tile iterator
+// walks, which compare against memory iterators.
+TYPED_TEST(BandTest, IteratorWalkVisitsTheClippedRectangle)
 {
-  static_assert(std::is_same<CBand<float, SIPPTag>::TRep, CBand<float, SMemoryTag>::TRep>::value, "");
-  CBand<float, SIPPTag> oBand(3, 2);
-  oBand.Clear(2.5f);
-  EXPECT_EQ(*boost::get<0>(static_cast<const CBand<float, SIPPTag>&>(oBand).GetBandIterators(oBand)), 2.5f);
+  const unsigned nWidth = 37, nHeight = 11;
+  const auto oBand = Orl::Test::MakeNumberedBand<TypeParam>(nWidth, nHeight);
+  for (const CRect& oRect : {CRect(0, 0, nWidth, nHeight), CRect(3, 2, 5, 4), CRect(30, 8, 20, 20),
+                             CRect(36, 10, 1, 1), CRect(40, 0, 3, 3), CRect(0, 20, 3, 3), CRect(2, 2, 0, 5),
+                             CRect(0, 0, 1000, 1)})
+  {
+    const unsigned nX0 = oRect.GetStart().x, nX1 = std::max(nX0, std::min(oRect.GetEnd().x, nWidth));
+    const unsigned nY0 = oRect.GetStart().y, nY1 = std::max(nY0, std::min(oRect.GetEnd().y, nHeight));
+    std::vector<TypeParam> vecExpected, vecSeen;
+    for (unsigned y = nY0; y < nY1; ++y)
+      for (unsigned x = nX0; x < nX1; ++x)
+        vecExpected.push_back(Orl::Test::At(oBand, x, y));
+    const auto oIts = oBand.GetBandIterators(oRect);
+    auto itRow = boost::get<0>(oIts);
+    const auto itEnd = boost::get<1>(oIts);
+    EXPECT_TRUE(unsigned(itRow.X) == nX0 && unsigned(itRow.Y) == nY0) << oRect;
+    EXPECT_TRUE(unsigned(itEnd.X) == nX1 && unsigned(itEnd.Y) == nY1) << oRect;
+    for (; itRow.Y != itEnd.Y; ++itRow.Y)
+      for (auto it = itRow; it.X != itEnd.X; ++it.X)
+        vecSeen.push_back(*it);
+    EXPECT_EQ(vecSeen, vecExpected) << oRect;
+  }
 }
 
-TEST(BandTest, BandReadsAsItsRectangle)
-{
-  CBand<short, SMemoryTag> oBand(6, 4);
-  const CRect oRect = oBand;
-  EXPECT_EQ(oRect, CRect(0, 0, 6, 4));
-}
-
-class AllocationTraceTest : public ::testing::Test
-{
-protected:
-  void SetUp() override { Detail::CBandRepBase::ms_bTraceAllocations = true; }
-  void TearDown() override { Detail::CBandRepBase::ms_bTraceAllocations = false; }
-};
-
-TEST_F(AllocationTraceTest, WritesOneLineOnAllocationAndRelease)
+TEST(BandTest, AllocationTraceWritesOneLineOnAllocationAndRelease)
 {
   const std::string strName = typeid(float).name();
+  Detail::CBandRepBase::ms_bTraceAllocations = true;
   ::testing::internal::CaptureStderr();
   {
-    CBand<float, SMemoryTag> oBand(1024, 3);
-    CBand<float, SMemoryTag> oEmpty(0, 3); // no block, no line
+    TMemBand<float> oBand(1024, 3);
+    TMemBand<float> oEmpty(0, 3); // no block, no line
   }
+  Detail::CBandRepBase::ms_bTraceAllocations = false;
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "For pixel-type: " + strName + " currently 1 bands with a total of : 12288 allocated\n"
             "For pixel-type: " + strName + " currently 0 bands with a total of : 0 allocated\n");
 }
 
-// Geometry ---------------------------------------------------------------------------------------
-
-TEST(RectTest, IntersectTable)
+// Block hints are whole rows, at least one; the sample for approximate statistics is the whole of a
+// small band and even, disjoint, full-width strips of about a sixteenth of a large one.
+TEST(BandRepTest, BlockHintsAndApproxRects)
 {
-  struct SCase
+  const unsigned aaHints[][4] = {{0, 0, 1, 32768}, {1, 1, 1, 32768}, {8192, 8192, 8192, 4}, {100000, 3, 100000, 1}};
+  for (const auto& a : aaHints)
+    EXPECT_EQ(Detail::CBandRepBase(a[0], a[1]).GetBlockHint(), std::make_pair(a[2], a[3])) << a[0];
+
+  EXPECT_EQ(Detail::CBandRepBase(2048, 2048).GetApproxRects(), std::vector<CRect>{CRect(0, 0, 2048, 2048)});
+  EXPECT_EQ(Detail::CBandRepBase(100000, 100).GetApproxRects(), std::vector<CRect>{CRect(0, 0, 100000, 100)});
+  const auto vecRects = Detail::CBandRepBase(3000, 9000).GetApproxRects();
+  ASSERT_EQ(vecRects.size(), 32u);
+  std::uint64_t nPixels = 0;
+  for (std::size_t i = 0; i < vecRects.size(); ++i)
   {
-    CRect m_oA, m_oB, m_oExpected;
-  };
-  const SCase aCases[] = {
-    {CRect(0, 0, 10, 10), CRect(0, 0, 20, 20), CRect(0, 0, 10, 10)},  // contained: unchanged
-    {CRect(5, 6, 10, 10), CRect(0, 0, 8, 12), CRect(5, 6, 3, 6)},     // sticks out: cut
-    {CRect(2, 3, 4, 5), CRect(2, 3, 4, 5), CRect(2, 3, 4, 5)},        // same
-    {CRect(0, 0, 4, 4), CRect(10, 0, 4, 4), CRect(10, 0, 0, 4)},      // disjoint in x
-    {CRect(0, 0, 4, 4), CRect(0, 9, 4, 4), CRect(0, 9, 4, 0)},        // disjoint in y
-    {CRect(0, 0, 0, 0), CRect(0, 0, 4, 4), CRect(0, 0, 0, 0)},        // empty stays empty
-  };
-  for (const auto& oCase : aCases)
-  {
-    CRect oRect = oCase.m_oA;
-    oRect.Intersect(oCase.m_oB);
-    EXPECT_EQ(oRect, oCase.m_oExpected) << oCase.m_oA << " & " << oCase.m_oB;
-    EXPECT_LE(oRect.GetStart().x, oRect.GetEnd().x);
-    EXPECT_LE(oRect.GetStart().y, oRect.GetEnd().y);
+    EXPECT_TRUE(vecRects[i].GetWidth() == 3000u && vecRects[i].GetHeight() > 0u) << i;
+    EXPECT_TRUE(i == 0 || vecRects[i - 1].GetEnd().y <= vecRects[i].GetStart().y) << i;
+    nPixels += std::uint64_t(vecRects[i].GetWidth()) * vecRects[i].GetHeight();
   }
-}
-
-TEST(RectTest, SettersKeepTheStartAndChain)
-{
-  CRect oRect(3, 4, 10, 10);
-  oRect.SetWidth(0).SetHeight(2);
-  EXPECT_EQ(oRect, CRect(3, 4, 0, 2));
-  EXPECT_TRUE(oRect.IsEmpty());
+  EXPECT_LE(vecRects.back().GetEnd().y, 9000u);
+  EXPECT_NEAR(double(nPixels) / (3000.0 * 9000.0), 1.0 / 16, 0.01);
 }
 
 } // namespace
