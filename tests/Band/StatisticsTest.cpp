@@ -68,48 +68,40 @@ TYPED_TEST(StatisticsTest, CalculatorsMatchReference)
   }
 }
 
-// Integer bands over a narrow range and floating bands on a grid of steps 0.25 get one bin per value,
-// so the histogram must equal the count of each value; the mode is the most frequent value and the
-// median lies within a bin width of the middle pixel.
+// Narrow integer ranges and floating grids of step 0.25 get one bin per value: the histogram equals
+// the count of each value, no-data left out; the mode is the most frequent value and the median lies
+// within a bin width of the middle pixel.
 TYPED_TEST(StatisticsTest, HistogramCountsEachValue)
 {
   using TPixel = TypeParam;
   const double dUnit = std::is_floating_point<TPixel>::value ? 0.25 : 1.0;
-  const TPixel tBase = std::is_signed<TPixel>::value ? TPixel(-50) : TPixel(std::numeric_limits<TPixel>::max() - 200);
+  const double dBase = std::is_signed<TPixel>::value ? -50.0 : double(std::numeric_limits<TPixel>::max() - 200);
   TMemBand<TPixel> oBand(61, 97);
-  TPixel* pData = oBand.GetRep().GetDataLocation();
   std::vector<double> vecValid;
   std::map<double, unsigned long> mapCounts;
   for (unsigned i = 0; i < 61 * 97; ++i)
   {
     const unsigned nStep = i % 5 == 0 ? i % 17 : i * 7 % 201; // covers 0..200, more of the low values
-    pData[i] = TPixel(double(tBase) + nStep * dUnit);
-    if (nStep == 13)
-      continue; // the no-data value
-    vecValid.push_back(double(pData[i]));
-    ++mapCounts[double(pData[i])];
+    oBand.GetRep().GetDataLocation()[i] = TPixel(dBase + nStep * dUnit);
+    if (nStep != 13) // the no-data value
+      vecValid.push_back(dBase + nStep * dUnit), ++mapCounts[vecValid.back()];
   }
-  oBand.SetNoDataValue(TPixel(double(tBase) + 13 * dUnit));
-  TPixel tMin = 0, tMax = 0;
-  unsigned long nValid, nInvalid, nMaxCount;
-  Calculator(oBand).CalcMinMax(tMin, tMax, nValid, nInvalid, false, TLoggerPtr());
+  oBand.SetNoDataValue(TPixel(dBase + 13 * dUnit));
   std::vector<unsigned long> vecHistogram;
-  double dMedian, dMode, dBinWidth, dBinStep;
-  unsigned int nBins = 201;
-  Calculator(oBand).CalcHisto(vecHistogram, dMedian, dMode, nBins, nMaxCount, dBinWidth, dBinStep, nValid, nInvalid, tMin,
-                              tMax, false, TLoggerPtr());
-  ASSERT_EQ(nBins, 201u);
+  double dLow, dStep, dWidth;
+  unsigned long nMaxCount;
+  oBand.SetHistogramBins(201);
+  oBand.GetHistogram(vecHistogram, dLow, dStep, dWidth, nMaxCount);
   ASSERT_EQ(vecHistogram.size(), 201u);
-  EXPECT_EQ(dBinStep, dUnit);
-  EXPECT_EQ(nValid, vecValid.size());
+  EXPECT_TRUE(dLow == dBase && dStep == dUnit);
   for (const auto& oEntry : mapCounts)
-    EXPECT_EQ(vecHistogram[std::size_t((oEntry.first - double(tMin)) / dUnit)], oEntry.second) << oEntry.first;
+    EXPECT_EQ(vecHistogram[std::size_t((oEntry.first - dBase) / dUnit)], oEntry.second) << oEntry.first;
   const auto itMode = std::max_element(mapCounts.begin(), mapCounts.end(),
                                        [](const auto& a, const auto& b) { return a.second < b.second; });
-  EXPECT_EQ(dMode, itMode->first);
+  EXPECT_EQ(oBand.GetMode(), itMode->first);
   EXPECT_EQ(nMaxCount, itMode->second);
   std::nth_element(vecValid.begin(), vecValid.begin() + vecValid.size() / 2, vecValid.end());
-  EXPECT_NEAR(dMedian, vecValid[vecValid.size() / 2], dBinWidth);
+  EXPECT_NEAR(oBand.GetMedian(), vecValid[vecValid.size() / 2], dWidth);
 }
 
 // Bands of no pixels and bands of only no-data pixels: the decided answers.
@@ -188,18 +180,20 @@ TEST(CalcHistoTest, RangeAndBinRules)
 }
 
 // The serial form reports one step per row into the caller's layer; the parallel forms push a layer
-// that stands for the rows and pop it; all give the start state plus the pixels.
-TEST(ForEach2DTest, StartStateProgressAndEmptyRectangles)
+// that stands for the rows and pop it; all give the start state plus the pixels. No-data NaN leaves
+// nothing out; an exception in a task reaches the calling thread with the parallel layer still pushed.
+TEST(ForEach2DTest, StartStateProgressEmptyRectanglesAndExceptions)
 {
-  TMemBand<float> oBand(3, 2);
+  TMemBand<float> oBand(64, 2048);
   oBand.Clear(1.0f);
   const auto& oConst = oBand;
+  const CRect oRect(0, 0, 3, 2);
   const auto pLogger = boost::make_shared<CLogger>();
   for (const bool bSerial : {false, true})
   {
     pLogger->Push("test", 1.0, 2.0, 0.0, false, Orl::Harnel::Progress::eLayerOperation,
                   Orl::Harnel::Progress::eLayerPublic, "");
-    const auto oIts = oConst.GetBandIterators(oBand);
+    const auto oIts = oConst.GetBandIterators(oRect);
     const auto oCount = bSerial ? ForEach2D(oIts, CCountFunctor<float>(10), pLogger)
                                 : ForEach2D(oIts, CCountFunctor<float>(10), pLogger, SAllowParallelReduce());
     EXPECT_EQ(oCount.m_nCount, 16u);
@@ -207,27 +201,16 @@ TEST(ForEach2DTest, StartStateProgressAndEmptyRectangles)
     EXPECT_DOUBLE_EQ(pLogger->GetProgress(), 1.0); // two rows of two
     pLogger->Pop();
   }
-  // All pixels no-data: the start state comes back.
-  const auto oNone = ForEach2DIf(oConst.GetBandIterators(oBand), Detail::SValidDataPredicate<float>{1.0f},
-                                 CCountFunctor<float>(4), pLogger, SAllowParallelReduce());
-  EXPECT_EQ(oNone.m_nCount, 4u);
-  // NaN as the no-data value leaves nothing out.
-  const auto oAll = ForEach2DIf(oConst.GetBandIterators(oBand),
-                                Detail::SValidDataPredicate<float>{std::numeric_limits<float>::quiet_NaN()},
-                                CCountFunctor<float>(), pLogger, SAllowParallelReduce());
-  EXPECT_EQ(oAll.m_nCount, 6u);
+  const auto fnCountIf = [&](float fNoData, const CRect& oIn) {
+    return ForEach2DIf(oConst.GetBandIterators(oIn), Detail::SValidDataPredicate<float>{fNoData},
+                       CCountFunctor<float>(4), pLogger, SAllowParallelReduce()).m_nCount;
+  };
+  EXPECT_EQ(fnCountIf(1.0f, oRect), 4u); // all pixels no-data: the start state
+  EXPECT_EQ(fnCountIf(std::numeric_limits<float>::quiet_NaN(), oRect), 10u);
   for (const CRect& oEmpty : {CRect(1, 0, 0, 2), CRect(0, 1, 3, 0)})
-  {
-    const auto oCount =
-      ForEach2D(oConst.GetBandIterators(oEmpty), CCountFunctor<float>(7), pLogger, SAllowParallelReduce());
-    EXPECT_EQ(oCount.m_nCount, 7u);
-    EXPECT_EQ(pLogger->GetDepth(), 0u);
-  }
-}
+    EXPECT_EQ(fnCountIf(0.0f, oEmpty), 4u);
+  EXPECT_EQ(pLogger->GetDepth(), 0u);
 
-// An exception in a task leaves the call in the calling thread; the parallel layer stays pushed.
-TEST(ForEach2DTest, ExceptionsReachTheCaller)
-{
   struct SThrowOnNegative
   {
     SThrowOnNegative() = default;
@@ -239,11 +222,7 @@ TEST(ForEach2DTest, ExceptionsReachTheCaller)
     }
     void Join(const SThrowOnNegative&) {}
   };
-  TMemBand<float> oBand(64, 2048);
-  oBand.Clear(1.0f);
   oBand.GetRep().GetDataLocation()[64 * 1500 + 5] = -1.0f;
-  const auto pLogger = boost::make_shared<CLogger>();
-  const auto& oConst = oBand;
   EXPECT_THROW(ForEach2D(oConst.GetBandIterators(oBand), SThrowOnNegative(), pLogger, SAllowParallelReduce()),
                std::runtime_error);
   EXPECT_EQ(pLogger->GetDepth(), 1u);
