@@ -1,199 +1,269 @@
 #include "Band/Band.h"
+#include "Band/Copy2D.h"
+#include "BandTestSupport.h"
 #include "Support/PixelTypes.h"
+#include "Support/TileBands.h"
 
 #include <gtest/gtest.h>
+#include <tbb/task_arena.h>
+
+#include <boost/make_shared.hpp>
 
 #include <algorithm>
-#include <functional>
 #include <limits>
-#include <typeinfo>
+#include <stdexcept>
 #include <string>
+#include <typeinfo>
+#include <vector>
 
 namespace {
-using CRect = Orl::Pravik::GraphObject2d::CRect<unsigned int>;
 
 using namespace Orl::Ostrel::Band;
+using Orl::Harnel::Progress::CLogger;
+using Orl::Test::At;
+using Orl::Test::CRect;
+using Orl::Test::TMemBand;
 
 template <class TPixel>
 class BandTest : public ::testing::Test
 {
-protected:
-  using TBand = CBand<TPixel, SMemoryTag>;
-
-  // Marks every cached statistic as current, so that a test can see which accesses drop them.
-  static void FillCache(TBand& oBand)
-  {
-    auto& oStatistics = oBand.GetRep().GetStatistics();
-    std::fill(std::begin(oStatistics.m_abValid), std::end(oStatistics.m_abValid), true);
-  }
-  static bool AllValid(const TBand& oBand)
-  {
-    const auto& abValid = oBand.GetRep().GetStatistics().m_abValid;
-    return std::all_of(std::begin(abValid), std::end(abValid), [](bool b) { return b; });
-  }
-  static bool NoneValid(const TBand& oBand) { return !oBand.GetRep().GetStatistics().AnyValid(); }
 };
 TYPED_TEST_SUITE(BandTest, Orl::Test::TAllPixelTypes);
 
-TYPED_TEST(BandTest, EmptyBandsHaveNoBlockButARecord)
+// Empty bands have no block but a statistics record; Clear fills every pixel and keeps the no-data
+// value; copies share pixels, no-data value and statistics.
+TYPED_TEST(BandTest, EmptyBandsClearAndSharedCopies)
 {
-  for (const auto& oSize : {std::make_pair(0u, 7u), std::make_pair(7u, 0u), std::make_pair(0u, 0u)})
+  for (const auto& oSize : {std::make_pair(0u, 7u), std::make_pair(7u, 0u)})
   {
-    typename TestFixture::TBand oBand(oSize.first, oSize.second);
-    EXPECT_EQ(oBand.GetRep().m_pData, nullptr);
-    EXPECT_NE(oBand.GetRep().m_pStatistics, nullptr);
-    EXPECT_FALSE(oBand.HasNoDataValue());
-    this->FillCache(oBand);
-    oBand.Clear(TypeParam(1)); // only the flags
-    EXPECT_TRUE(this->NoneValid(oBand));
-    auto oIts = oBand.GetBandIterators(oBand);
+    TMemBand<TypeParam> oEmpty(oSize.first, oSize.second);
+    EXPECT_EQ(oEmpty.GetRep().m_pData, nullptr);
+    EXPECT_NE(oEmpty.GetRep().m_pStatistics, nullptr);
+    oEmpty.Clear(TypeParam(1));
+    const auto oIts = oEmpty.GetBandIterators(oEmpty);
     EXPECT_TRUE(boost::get<0>(oIts).X == boost::get<1>(oIts).X || boost::get<0>(oIts).Y == boost::get<1>(oIts).Y);
   }
-}
-
-TYPED_TEST(BandTest, ClearSetsEveryPixelAndKeepsNoData)
-{
-  typename TestFixture::TBand oBand(13, 5);
+  TMemBand<TypeParam> oBand(13, 5);
+  const TMemBand<TypeParam> oCopy = oBand;
   oBand.SetNoDataValue(TypeParam(3));
-  this->FillCache(oBand);
   oBand.Clear(TypeParam(42));
-  EXPECT_TRUE(this->NoneValid(oBand));
-  ASSERT_TRUE(oBand.HasNoDataValue());
-  EXPECT_EQ(oBand.GetNoDataValue(), TypeParam(3));
-  const TypeParam* pData = static_cast<const typename TestFixture::TBand&>(oBand).GetRep().GetDataLocation();
-  for (unsigned i = 0; i < 13 * 5; ++i)
-    ASSERT_EQ(pData[i], TypeParam(42)) << i;
-}
-
-TYPED_TEST(BandTest, CopiesSharePixelsNoDataAndStatistics)
-{
-  typename TestFixture::TBand oBand(4, 4);
-  auto oCopy = oBand;
-  oCopy.SetNoDataValue(TypeParam(9));
-  EXPECT_TRUE(oBand.HasNoDataValue());
-  EXPECT_EQ(oBand.GetNoDataValue(), TypeParam(9));
-  oBand.SetNoDataValue(TypeParam(7));
-  EXPECT_EQ(oCopy.GetNoDataValue(), TypeParam(7));
-  oBand.Clear(TypeParam(5));
-  EXPECT_EQ(*boost::get<0>(static_cast<const typename TestFixture::TBand&>(oCopy).GetBandIterators(oCopy)), TypeParam(5));
   EXPECT_EQ(&oBand.GetRep(), &oCopy.GetRep());
+  ASSERT_TRUE(oCopy.HasNoDataValue());
+  EXPECT_EQ(oCopy.GetNoDataValue(), TypeParam(3));
+  const TypeParam* pData = oCopy.GetRep().GetDataLocation();
+  EXPECT_EQ(std::count(pData, pData + 13 * 5, TypeParam(42)), 13 * 5);
 }
 
-// Which accesses drop the cached statistics: every grant of mutable access and every no-data change,
-// even one to the same value; never a const access.
-TYPED_TEST(BandTest, MutableAccessInvalidatesConstAccessDoesNot)
+TYPED_TEST(BandTest, NoDataHintIsAtTheFarEndUntilAValueIsSet)
 {
-  using TBand = typename TestFixture::TBand;
-  TBand oBand(8, 3);
-  const TBand& oConst = oBand;
-  struct SCase
-  {
-    const char* m_szName;
-    std::function<void()> m_fnAccess;
-    bool m_bInvalidates;
-  };
-  const SCase aCases[] = {
-    {"const iterators", [&] { oConst.GetBandIterators(oConst); }, false},
-    {"const data location", [&] { oConst.GetRep().GetDataLocation(); }, false},
-    {"no-data reads", [&] { (void)oConst.HasNoDataValue(); (void)oConst.GetNoDataValueOrHint(); }, false},
-    {"mutable iterators", [&] { oBand.GetBandIterators(oBand); }, true},
-    {"mutable iterators, empty rect", [&] { oBand.GetBandIterators(CRect(0, 0, 0, 0)); }, true},
-    {"mutable data location", [&] { oBand.GetRep().GetDataLocation(); }, true},
-    {"SetNoDataValue", [&] { oBand.SetNoDataValue(TypeParam(1)); }, true},
-    {"SetNoDataValue, same value", [&] { oBand.SetNoDataValue(TypeParam(1)); }, true},
-    {"Clear", [&] { oBand.Clear(TypeParam(0)); }, true},
-  };
-  for (const auto& oCase : aCases)
-  {
-    this->FillCache(oBand);
-    oCase.m_fnAccess();
-    EXPECT_EQ(this->NoneValid(oBand), oCase.m_bInvalidates) << oCase.m_szName;
-    if (!oCase.m_bInvalidates)
-    {
-      EXPECT_TRUE(this->AllValid(oBand)) << oCase.m_szName;
-    }
-  }
-}
-
-TYPED_TEST(BandTest, NoDataHintIsStorableAndAtTheFarEnd)
-{
-  const TypeParam tHint = SNoDataValueHint<TypeParam>::ms_tNoDataValue;
-  EXPECT_EQ(tHint, std::numeric_limits<TypeParam>::is_signed ? std::numeric_limits<TypeParam>::lowest()
+  EXPECT_EQ(SNoDataValueHint<TypeParam>::ms_tNoDataValue, std::numeric_limits<TypeParam>::is_signed
+                                                             ? std::numeric_limits<TypeParam>::lowest()
                                                              : std::numeric_limits<TypeParam>::max());
-  EXPECT_TRUE(tHint == tHint); // not NaN: no-data is found by equality
-  typename TestFixture::TBand oBand(2, 1);
-  EXPECT_EQ(oBand.GetNoDataValueOrHint(), tHint);
+  TMemBand<TypeParam> oBand(2, 1);
+  EXPECT_FALSE(oBand.HasNoDataValue());
+  EXPECT_EQ(oBand.GetNoDataValueOrHint(), SNoDataValueHint<TypeParam>::ms_tNoDataValue);
   oBand.SetNoDataValue(TypeParam(0));
   EXPECT_EQ(oBand.GetNoDataValueOrHint(), TypeParam(0));
 }
 
-TEST(BandTagTest, IppBandsShareTheMemoryRepresentation)
+// Sub-rectangles are clipped to the band (an empty one starts at the later start) and address through
+// the full band width; a walk (rows outside, columns inside, each row from a copy of its start) visits
+// exactly the clipped rectangle. Moves out of the band and back are covered by the tile iterator
+// walks, which compare against memory iterators.
+TYPED_TEST(BandTest, IteratorWalkVisitsTheClippedRectangle)
 {
-  static_assert(std::is_same<CBand<float, SIPPTag>::TRep, CBand<float, SMemoryTag>::TRep>::value, "");
-  CBand<float, SIPPTag> oBand(3, 2);
-  oBand.Clear(2.5f);
-  EXPECT_EQ(*boost::get<0>(static_cast<const CBand<float, SIPPTag>&>(oBand).GetBandIterators(oBand)), 2.5f);
+  const unsigned nWidth = 37, nHeight = 11;
+  const auto oBand = Orl::Test::MakeNumberedBand<TypeParam>(nWidth, nHeight);
+  for (const CRect& oRect : {CRect(0, 0, nWidth, nHeight), CRect(3, 2, 5, 4), CRect(30, 8, 20, 20),
+                             CRect(36, 10, 1, 1), CRect(40, 0, 3, 3), CRect(0, 20, 3, 3), CRect(2, 2, 0, 5),
+                             CRect(0, 0, 1000, 1)})
+  {
+    const unsigned nX0 = oRect.GetStart().x, nX1 = std::max(nX0, std::min(oRect.GetEnd().x, nWidth));
+    const unsigned nY0 = oRect.GetStart().y, nY1 = std::max(nY0, std::min(oRect.GetEnd().y, nHeight));
+    std::vector<TypeParam> vecExpected, vecSeen;
+    for (unsigned y = nY0; y < nY1; ++y)
+      for (unsigned x = nX0; x < nX1; ++x)
+        vecExpected.push_back(At(oBand, x, y));
+    const auto oIts = oBand.GetBandIterators(oRect);
+    auto itRow = boost::get<0>(oIts);
+    const auto itEnd = boost::get<1>(oIts);
+    EXPECT_TRUE(unsigned(itRow.X) == nX0 && unsigned(itRow.Y) == nY0) << oRect;
+    EXPECT_TRUE(unsigned(itEnd.X) == nX1 && unsigned(itEnd.Y) == nY1) << oRect;
+    for (; itRow.Y != itEnd.Y; ++itRow.Y)
+      for (auto it = itRow; it.X != itEnd.X; ++it.X)
+        vecSeen.push_back(*it);
+    EXPECT_EQ(vecSeen, vecExpected) << oRect;
+  }
 }
 
-TEST(BandTest, BandReadsAsItsRectangle)
-{
-  CBand<short, SMemoryTag> oBand(6, 4);
-  const CRect oRect = oBand;
-  EXPECT_EQ(oRect, CRect(0, 0, 6, 4));
-}
-
-class AllocationTraceTest : public ::testing::Test
-{
-protected:
-  void SetUp() override { Detail::CBandRepBase::ms_bTraceAllocations = true; }
-  void TearDown() override { Detail::CBandRepBase::ms_bTraceAllocations = false; }
-};
-
-TEST_F(AllocationTraceTest, WritesOneLineOnAllocationAndRelease)
+TEST(BandTest, AllocationTraceWritesOneLineOnAllocationAndRelease)
 {
   const std::string strName = typeid(float).name();
+  Detail::CBandRepBase::ms_bTraceAllocations = true;
   ::testing::internal::CaptureStderr();
   {
-    CBand<float, SMemoryTag> oBand(1024, 3);
-    CBand<float, SMemoryTag> oEmpty(0, 3); // no block, no line
+    TMemBand<float> oBand(1024, 3);
+    TMemBand<float> oEmpty(0, 3); // no block, no line
   }
+  Detail::CBandRepBase::ms_bTraceAllocations = false;
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "For pixel-type: " + strName + " currently 1 bands with a total of : 12288 allocated\n"
             "For pixel-type: " + strName + " currently 0 bands with a total of : 0 allocated\n");
 }
 
-// Geometry ---------------------------------------------------------------------------------------
+// Block hints are whole rows, at least one; the sample for approximate statistics is the whole of a
+// small band and even, disjoint, full-width strips of about a sixteenth of a large one.
+TEST(BandRepTest, BlockHintsAndApproxRects)
+{
+  const unsigned aaHints[][4] = {{0, 0, 1, 32768}, {1, 1, 1, 32768}, {8192, 8192, 8192, 4}, {100000, 3, 100000, 1}};
+  for (const auto& a : aaHints)
+    EXPECT_EQ(Detail::CBandRepBase(a[0], a[1]).GetBlockHint(), std::make_pair(a[2], a[3])) << a[0];
 
-TEST(RectTest, IntersectTable)
+  EXPECT_EQ(Detail::CBandRepBase(2048, 2048).GetApproxRects(), std::vector<CRect>{CRect(0, 0, 2048, 2048)});
+  EXPECT_EQ(Detail::CBandRepBase(100000, 100).GetApproxRects(), std::vector<CRect>{CRect(0, 0, 100000, 100)});
+  const auto vecRects = Detail::CBandRepBase(3000, 9000).GetApproxRects();
+  ASSERT_EQ(vecRects.size(), 32u);
+  std::uint64_t nPixels = 0;
+  for (std::size_t i = 0; i < vecRects.size(); ++i)
+  {
+    EXPECT_TRUE(vecRects[i].GetWidth() == 3000u && vecRects[i].GetHeight() > 0u) << i;
+    EXPECT_TRUE(i == 0 || vecRects[i - 1].GetEnd().y <= vecRects[i].GetStart().y) << i;
+    nPixels += std::uint64_t(vecRects[i].GetWidth()) * vecRects[i].GetHeight();
+  }
+  EXPECT_LE(vecRects.back().GetEnd().y, 9000u);
+  EXPECT_NEAR(double(nPixels) / (3000.0 * 9000.0), 1.0 / 16, 0.01);
+}
+
+
+template <class TPixel>
+class Copy2DTest : public ::testing::Test
+{
+};
+TYPED_TEST_SUITE(Copy2DTest, Orl::Test::TAllPixelTypes);
+
+// oSrcRect of a numbered band to (nDestX, nDestY) of a band cleared to 0, with all threads: every
+// destination pixel is checked, and the logger's layer is gone afterwards.
+TYPED_TEST(Copy2DTest, SubRectanglesGoToTheDestinationStart)
 {
   struct SCase
   {
-    CRect m_oA, m_oB, m_oExpected;
+    unsigned nSrcW, nSrcH;
+    CRect oSrcRect;
+    unsigned nDestW, nDestH, nDestX, nDestY;
+  } const aCases[] = {
+    {37, 23, CRect(5, 3, 20, 11), 40, 30, 9, 7},           // within one grain
+    {300, 700, CRect(17, 29, 251, 613), 280, 650, 3, 11},  // across several
+    {8, 8, CRect(7, 7, 1, 1), 3, 3, 1, 2},                 // one pixel
+    {64, 900, CRect(5, 0, 1, 900), 3, 900, 2, 0},          // one column
+    {5000, 3, CRect(0, 1, 5000, 1), 5000, 2, 0, 1},        // one row, wider than a block hint
+    {10, 10, CRect(4, 4, 0, 5), 6, 6, 1, 1},               // empty extents
+    {10, 10, CRect(4, 4, 5, 0), 6, 6, 1, 1},
+    {0, 9, CRect(0, 0, 0, 9), 6, 6, 1, 1},
   };
-  const SCase aCases[] = {
-    {CRect(0, 0, 10, 10), CRect(0, 0, 20, 20), CRect(0, 0, 10, 10)},  // contained: unchanged
-    {CRect(5, 6, 10, 10), CRect(0, 0, 8, 12), CRect(5, 6, 3, 6)},     // sticks out: cut
-    {CRect(2, 3, 4, 5), CRect(2, 3, 4, 5), CRect(2, 3, 4, 5)},        // same
-    {CRect(0, 0, 4, 4), CRect(10, 0, 4, 4), CRect(10, 0, 0, 4)},      // disjoint in x
-    {CRect(0, 0, 4, 4), CRect(0, 9, 4, 4), CRect(0, 9, 4, 0)},        // disjoint in y
-    {CRect(0, 0, 0, 0), CRect(0, 0, 4, 4), CRect(0, 0, 0, 0)},        // empty stays empty
-  };
-  for (const auto& oCase : aCases)
+  for (const auto& pLogger : {boost::make_shared<CLogger>(), Orl::Test::TLoggerPtr()})
+    for (const SCase& o : aCases)
+    {
+      const auto oSrc = Orl::Test::MakeNumberedBand<TypeParam>(o.nSrcW, o.nSrcH);
+      TMemBand<TypeParam> oDest(o.nDestW, o.nDestH);
+      oDest.Clear(TypeParam(0));
+      Copy2D(oSrc.GetBandIterators(o.oSrcRect), oDest.GetBandIterators(CRect(o.nDestX, o.nDestY, o.nDestW, o.nDestH)),
+             pLogger, SAllowParallelFor());
+      for (unsigned y = 0; y < o.nDestH; ++y)
+        for (unsigned x = 0; x < o.nDestW; ++x)
+        {
+          const bool bInside = x >= o.nDestX && y >= o.nDestY && x - o.nDestX < o.oSrcRect.GetWidth() &&
+                               y - o.nDestY < o.oSrcRect.GetHeight();
+          ASSERT_EQ(At(oDest, x, y), bInside ? At(oSrc, o.oSrcRect.GetStart().x + x - o.nDestX,
+                                                  o.oSrcRect.GetStart().y + y - o.nDestY)
+                                             : TypeParam(0))
+            << o.oSrcRect << " at " << x << ", " << y;
+        }
+      EXPECT_TRUE(!pLogger || pLogger->GetDepth() == 0u);
+    }
+}
+
+// Begin and end the wrong way round on an axis: the copy runs forward from the begin iterator over
+// the absolute extent.
+TEST(Copy2D, ReversedAxesCopyForwardFromTheBegin)
+{
+  const auto oSrc = Orl::Test::MakeNumberedBand<int>(20, 20);
+  auto oSrcIts = oSrc.GetBandIterators(oSrc);
+  boost::get<0>(oSrcIts).X = 10;
+  boost::get<0>(oSrcIts).Y = 5;
+  boost::get<1>(oSrcIts).X = 4; // extent x = -6
+  boost::get<1>(oSrcIts).Y = 9; // extent y = 4
+  TMemBand<int> oDest(6, 4);
+  Copy2D(oSrcIts, oDest.GetBandIterators(oDest), boost::make_shared<CLogger>(), SAllowParallelFor());
+  for (unsigned y = 0; y < 4; ++y)
+    for (unsigned x = 0; x < 6; ++x)
+      ASSERT_EQ(At(oDest, x, y), At(oSrc, 10 + x, 5 + y));
+}
+
+// With a zero interval and one thread every increment reaches the sink; they add up to the area, and
+// a rectangle within the grain is one block: the push, then one increment of the full area.
+TEST(Copy2D, IncrementsAddUpToTheArea)
+{
+  struct SRecordingSink : Orl::Harnel::Progress::CLoggerSink
   {
-    CRect oRect = oCase.m_oA;
-    oRect.Intersect(oCase.m_oB);
-    EXPECT_EQ(oRect, oCase.m_oExpected) << oCase.m_oA << " & " << oCase.m_oB;
-    EXPECT_LE(oRect.GetStart().x, oRect.GetEnd().x);
-    EXPECT_LE(oRect.GetStart().y, oRect.GetEnd().y);
+    void OnProgress(double dFraction, const std::string&) override { m_vecFractions.push_back(dFraction); }
+    void OnMessage(Orl::Harnel::Progress::_EVerbosityLevel, const std::string&) override {}
+    std::vector<double> m_vecFractions;
+  };
+  const auto oSrc = Orl::Test::MakeNumberedBand<float>(700, 500);
+  TMemBand<float> oDest(700, 500);
+  for (const CRect& oRect : {CRect(0, 0, 700, 500), CRect(3, 3, 5, 4)})
+  {
+    const auto pSink = boost::make_shared<SRecordingSink>();
+    const auto pLogger =
+      boost::make_shared<CLogger>(pSink, Orl::Harnel::Progress::_EVerbosityLevel(7), std::chrono::milliseconds(0));
+    tbb::task_arena(1).execute(
+      [&] { Copy2D(oSrc.GetBandIterators(oRect), oDest.GetBandIterators(oDest), pLogger, SAllowParallelFor()); });
+    EXPECT_DOUBLE_EQ(pSink->m_vecFractions.back(), 1.0);
+    if (oRect.GetWidth() == 5)
+    {
+      EXPECT_EQ(pSink->m_vecFractions, (std::vector<double>{0.0, 1.0}));
+    }
+    else
+    {
+      EXPECT_TRUE(Orl::Test::ReadPixels(oDest) == Orl::Test::ReadPixels(oSrc)); // the serial path's pixels
+    }
   }
 }
 
-TEST(RectTest, SettersKeepTheStartAndChain)
+// A source iterator whose dereference fails at one position, as a tile load can.
+struct SFailingIterator : Detail::CMemoryBandIterator<int, int>
 {
-  CRect oRect(3, 4, 10, 10);
-  oRect.SetWidth(0).SetHeight(2);
-  EXPECT_EQ(oRect, CRect(3, 4, 0, 2));
-  EXPECT_TRUE(oRect.IsEmpty());
+  using TBase = Detail::CMemoryBandIterator<int, int>;
+  explicit SFailingIterator(const TBase& it) : TBase(it) {}
+  const int& operator*() const
+  {
+    if (X == 100 && Y == 1500)
+      throw std::runtime_error("tile lost");
+    return TBase::operator*();
+  }
+  SFailingIterator& operator+=(const Orl::Pravik::GraphObject2d::CPoint<int>& oOffset)
+  {
+    TBase::operator+=(oOffset);
+    return *this;
+  }
+};
+
+// The exception leaves the call in the calling thread; Copy2D's layer stays pushed above the caller's.
+TEST(Copy2D, AnExceptionFromABlockReachesTheCaller)
+{
+  const auto oSrc = Orl::Test::MakeNumberedBand<int>(512, 2048);
+  TMemBand<int> oDest(512, 2048);
+  oDest.Clear(0);
+  const auto oIts = oSrc.GetBandIterators(oSrc);
+  const auto oFailing = boost::make_tuple(SFailingIterator(boost::get<0>(oIts)), SFailingIterator(boost::get<1>(oIts)));
+  const auto pLogger = boost::make_shared<CLogger>();
+  pLogger->Push("caller", 1.0, 1.0, 0.0, false, Orl::Harnel::Progress::ELayerClass(0),
+                Orl::Harnel::Progress::ELayerSecrecy(0), std::string());
+  EXPECT_THROW(Copy2D(oFailing, oDest.GetBandIterators(oDest), pLogger, SAllowParallelFor()), std::runtime_error);
+  EXPECT_EQ(pLogger->GetDepth(), 2u);
+  // The failing row was begun and stopped at the failing pixel.
+  EXPECT_EQ(At(oDest, 99, 1500), At(oSrc, 99, 1500));
+  EXPECT_EQ(At(oDest, 100, 1500), 0);
 }
 
 } // namespace

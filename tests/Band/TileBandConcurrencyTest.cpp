@@ -1,10 +1,13 @@
 // The bodies of the parallel Copy2D and ForEach2D on tile bands that spill meanwhile, shared by plain
 // threads that take blocks in turn as the scheduler's would, with the source's prefetch thread running
-// too. Also run under ThreadSanitizer, which does not see into Debian's oneTBB: hence std::thread.
+// too and every copied block reported to one logger. Also run under ThreadSanitizer, which does not
+// see into Debian's oneTBB: hence std::thread.
 #include "Band/Band.h"
 #include "Band/Copy2D.h"
 #include "Band/ForEach2D.h"
 #include "Support/TileBands.h"
+
+#include <boost/make_shared.hpp>
 
 #include <gtest/gtest.h>
 
@@ -18,6 +21,13 @@ namespace {
 using namespace Orl::Ostrel::Band;
 using TLoggerPtr = boost::shared_ptr<Orl::Harnel::Progress::CLogger>;
 
+struct SCountingSink : Orl::Harnel::Progress::CLoggerSink
+{
+  void OnProgress(double, const std::string&) override { ++m_nCalls; }
+  void OnMessage(Orl::Harnel::Progress::_EVerbosityLevel, const std::string&) override {}
+  int m_nCalls = 0; // under the logger's lock
+};
+
 TEST(TileBandConcurrencyTest, CopyAndForEachBodiesOnThreadsWhileTheBandsSpill)
 {
   constexpr int nWidth = 2048 + 100, nHeight = 1024 + 30; // 32 float tiles, 9 MiB
@@ -30,12 +40,16 @@ TEST(TileBandConcurrencyTest, CopyAndForEachBodiesOnThreadsWhileTheBandsSpill)
   Orl::Test::WritePixels(oSrc, vecPixels);
   oSrc.GetRep().SetPrefetchPattern(ePrefetchNextTile);
 
+  const auto pLogger = boost::make_shared<Orl::Harnel::Progress::CLogger>(
+    boost::make_shared<SCountingSink>(), Orl::Harnel::Progress::_EVerbosityLevel(4), std::chrono::milliseconds(0));
+  pLogger->Push("copy", 1.0, double(nWidth) * nHeight, 0.0, false, Orl::Harnel::Progress::ELayerClass(2),
+                Orl::Harnel::Progress::ELayerSecrecy(0), std::string());
   const auto& oConstSrc = oSrc;
   const auto oSrcIts = oConstSrc.GetBandIterators(oConstSrc);
   const auto oDestIts = oDest.GetBandIterators(oDest);
   using TSrcIt = Detail::CTileBandIterator<float, int, false>;
   const Detail::CApplyCopy<TSrcIt, Detail::CMutableTileBandIterator<float, int>> oCopy(
-    boost::get<0>(oSrcIts), boost::get<1>(oSrcIts), boost::get<0>(oDestIts), boost::get<1>(oDestIts), TLoggerPtr(),
+    boost::get<0>(oSrcIts), boost::get<1>(oSrcIts), boost::get<0>(oDestIts), boost::get<1>(oDestIts), pLogger,
     false, false);
   using TMoments = Orl::Harnel::Math::CMinMaxMeanVarianceFunctor<double, float>;
   using TReduce = Detail::CApplyForEachIf<TSrcIt, Orl::Harnel::Math::SAcceptAll, TMoments>;
@@ -64,6 +78,7 @@ TEST(TileBandConcurrencyTest, CopyAndForEachBodiesOnThreadsWhileTheBandsSpill)
   for (auto& pPart : vecParts)
     oReduce.join(*pPart);
 
+  EXPECT_DOUBLE_EQ(pLogger->GetProgress(), 1.0);
   EXPECT_TRUE(Orl::Test::ReadPixels(oDest) == vecPixels);
   const TMoments oSerial = ForEach2D(oSrcIts, TMoments(), TLoggerPtr());
   const TMoments& oParallel = oReduce.m_oResult;

@@ -1,20 +1,34 @@
+// Tile bands: the grid, the caches and the prefetch thread; tile iterators against memory iterators;
+// Copy2D, ForEach2D and the statistics against memory bands with the same pixels, with all threads and
+// with one, also while the bands spill.
 #include "Band/Band.h"
+#include "Band/Copy2D.h"
+#include "Band/ForEach2D.h"
+#include "BandTestSupport.h"
 #include "Support/PixelTypes.h"
 #include "Support/TileBands.h"
 
 #include <gtest/gtest.h>
+#include <tbb/task_arena.h>
 
 #include <boost/thread/thread.hpp>
 
 #include <chrono>
+#include <cmath>
+#include <random>
 
 namespace {
 
 using namespace Orl::Ostrel::Band;
+using Orl::Test::CRect;
+using Orl::Test::TLoggerPtr;
+using CPointI = Orl::Pravik::GraphObject2d::CPoint<int>;
 
 template <class TPixel>
 class TileBandTest : public ::testing::Test
 {
+protected:
+  static constexpr unsigned ms_nTX = Detail::STileSize<TPixel>::ms_nX, ms_nTY = Detail::STileSize<TPixel>::ms_nY;
 };
 TYPED_TEST_SUITE(TileBandTest, Orl::Test::TAllPixelTypes);
 
@@ -22,7 +36,7 @@ TYPED_TEST_SUITE(TileBandTest, Orl::Test::TAllPixelTypes);
 // marks every tile, which the band gives back when it dies.
 TYPED_TEST(TileBandTest, GridClearAndRelease)
 {
-  const unsigned nTX = Detail::STileSize<TypeParam>::ms_nX, nTY = Detail::STileSize<TypeParam>::ms_nY;
+  const unsigned nTX = this->ms_nTX, nTY = this->ms_nTY;
   EXPECT_EQ(nTX * nTY * sizeof(TypeParam), 524288u);
   const unsigned aaCases[][4] = {{0, 0, 0, 0}, {5, 0, 1, 0}, {nTX, nTY, 1, 1}, {2 * nTX + 1, nTY + 1, 3, 2}, {nTX - 1, 1, 1, 1}};
   const auto nTilesBefore = Orl::Test::TileCache().GetCounters().m_nTiles;
@@ -122,6 +136,228 @@ TEST(TileBandRepTest, PrefetchThread)
   CTileBandRep<unsigned char> oFull(1024 * 20, 512);
   oFull.SetPrefetchPattern(ePrefetchRestOfRow);
   oFull.GetTile(0, 0, false); // nine tiles at once
+}
+
+
+// Random walks through the supported moves over a band whose sizes are not multiples of the tile
+// size, against a memory iterator on the same pixels and a model of the attached state: positions
+// stay within one step of the band; ++ never attaches, -- attaches when it lands inside, += to a
+// place inside attaches. Jumps go near tile borders so that short runs of steps cross them.
+template <class TIt, class TMemIt>
+void RandomWalk(TIt it, TMemIt itMem, int nWidth, int nHeight, int nTX, int nTY, unsigned nSeed)
+{
+  std::mt19937 oRandom(nSeed);
+  bool bAttached = it.X < nWidth && it.Y < nHeight;
+  const auto fnNearBorder = [&](int nTile, int nSize) {
+    const int nBorder = nTile * int(oRandom() % unsigned(nSize / nTile + 2));
+    return std::max(0, std::min(nSize, nBorder + int(oRandom() % 5) - 2));
+  };
+  for (int nStep = 0; nStep < 3000; ++nStep)
+  {
+    const unsigned nMove = oRandom() % 9;
+    if (nMove == 0)
+    {
+      const CPointI oOffset(fnNearBorder(nTX, nWidth) - it.X, fnNearBorder(nTY, nHeight) - it.Y);
+      it += oOffset;
+      itMem += oOffset;
+      bAttached = it.X < nWidth && it.Y < nHeight;
+    }
+    else if (nMove <= 2 && it.X < nWidth)
+    {
+      ++it.X, ++itMem.X;
+      bAttached = bAttached && it.X < nWidth;
+    }
+    else if (nMove <= 4 && it.X >= 0)
+    {
+      --it.X, --itMem.X;
+      bAttached = it.X >= 0 && it.Y >= 0 && it.Y < nHeight;
+    }
+    else if (nMove <= 6 && it.Y < nHeight)
+    {
+      ++it.Y, ++itMem.Y;
+      bAttached = bAttached && it.Y < nHeight;
+    }
+    else if (nMove <= 8 && it.Y >= 0)
+    {
+      --it.Y, --itMem.Y;
+      bAttached = it.Y >= 0 && it.X >= 0 && it.X < nWidth;
+    }
+    ASSERT_TRUE(it.X == itMem.X && it.Y == itMem.Y) << nStep;
+    ASSERT_EQ(it.IsAttached(), bAttached) << nStep << " at " << int(it.X) << ", " << int(it.Y);
+    if (bAttached)
+    {
+      ASSERT_EQ(*it, *itMem) << nStep << " at " << int(it.X) << ", " << int(it.Y);
+    }
+  }
+}
+
+TYPED_TEST(TileBandTest, RandomWalksReadWhatMemoryIteratorsRead)
+{
+  const int nTX = int(this->ms_nTX), nTY = int(this->ms_nTY);
+  const int nWidth = 2 * nTX + 37, nHeight = 2 * nTY + 11;
+  std::vector<TypeParam> vecPixels;
+  for (int y = 0; y < nHeight; ++y)
+    for (int x = 0; x < nWidth; ++x)
+      vecPixels.push_back(Orl::Test::PixelAt<TypeParam>(x, y));
+  CBand<TypeParam, STileTag> oTiles(nWidth, nHeight);
+  CBand<TypeParam, SMemoryTag> oMemory(nWidth, nHeight);
+  Orl::Test::WritePixels(oTiles, vecPixels);
+  Orl::Test::WritePixels(oMemory, vecPixels);
+  const auto& oConstTiles = oTiles;
+  const auto& oConstMemory = oMemory;
+  const CRect oRect(nTX - 3, 1, nTX + 20, nTY + 7); // ends inside a tile
+  RandomWalk(boost::get<0>(oConstTiles.GetBandIterators(oConstTiles)),
+             boost::get<0>(oConstMemory.GetBandIterators(oConstMemory)), nWidth, nHeight, nTX, nTY, 1);
+  RandomWalk(boost::get<1>(oTiles.GetBandIterators(oRect)), boost::get<1>(oMemory.GetBandIterators(oRect)), nWidth,
+             nHeight, nTX, nTY, 2);
+  RandomWalk(boost::get<1>(oConstTiles.GetBandIterators(oConstTiles)),
+             boost::get<1>(oConstMemory.GetBandIterators(oConstMemory)), nWidth, nHeight, nTX, nTY, 3);
+}
+
+// A float band of 3 x 2 tiles; tile i starts at (512 * (i % 3), 256 * (i / 3)). A mutable iterator
+// marks a tile exactly when it fetches it, which makes its fetches visible. The mutable pair marks the
+// tile under an end inside the band, though nothing is written to it; the end of the whole band holds
+// no tile; a read-only iterator leaves marks as they are; a step over a tile border and straight back
+// between held tiles fetches nothing; a copy keeps working after its original has gone.
+TEST(TileIteratorMarksTest, FetchesAndEdges)
+{
+  CBand<float, STileTag> oBand(3 * 512, 2 * 256);
+  oBand.Clear(0.0f);
+  const auto fnTile = [&](int i) { return oBand.GetRep().GetTile(512 * (i % 3), 256 * (i / 3), false); };
+  const auto fnMarks = [&](bool bUnmark) {
+    std::vector<bool> vecMarks;
+    for (int i = 0; i < 6; ++i)
+    {
+      vecMarks.push_back(fnTile(i)->IsModified());
+      if (bUnmark)
+        fnTile(i)->SetModified(false);
+    }
+    return vecMarks;
+  };
+  const auto fnMoveTo = [](auto& it, int nTile, int nX, int nY) {
+    it += CPointI(512 * (nTile % 3) + nX - it.X, 256 * (nTile / 3) + nY - it.Y);
+  };
+  fnMarks(true);
+  auto oIts = oBand.GetBandIterators(CRect(10, 10, 600, 300)); // ends in tile 4
+  EXPECT_EQ(fnMarks(true), std::vector<bool>({true, false, false, false, true, false}));
+  oIts = oBand.GetBandIterators(oBand);
+  EXPECT_FALSE(boost::get<1>(oIts).IsAttached());
+  EXPECT_EQ(fnMarks(true), std::vector<bool>({true, false, false, false, false, false}));
+  fnTile(2)->SetModified(true);
+  const auto& oConst = oBand;
+  auto itRead = boost::get<0>(oConst.GetBandIterators(oConst));
+  for (int i = 0; i < 6; ++i)
+    fnMoveTo(itRead, i, 7, 3);
+  EXPECT_EQ(fnMarks(true), std::vector<bool>({false, false, true, false, false, false}));
+
+  auto it = boost::get<0>(oIts);
+  fnMoveTo(it, 1, 0, 0); // tiles 0 and 1 held
+  fnMoveTo(it, 0, 511, 0);
+  fnMarks(true);
+  ++it.X;
+  --it.X;
+  EXPECT_EQ(fnMarks(false), std::vector<bool>(6, false));
+  fnMoveTo(it, 2, 511, 10);
+  ++it.X; // off the right edge, and back onto the last column with its tile
+  --it.X;
+  EXPECT_TRUE(it.IsAttached() && it.GetTileOffsetX() == 511 && it.GetCurrentTile() == fnTile(2));
+  auto* pOriginal = new Detail::CMutableTileBandIterator<float, int>(it);
+  fnMoveTo(*pOriginal, 4, 7, 3);
+  const Detail::CMutableTileBandIterator<float, int> itCopy(*pOriginal);
+  delete pOriginal;
+  *itCopy = 5.0f;
+  EXPECT_TRUE(itCopy.GetCurrentTile() == fnTile(4) && itCopy.GetBlockHintX() == 1024 && itCopy.GetBlockHintY() == 512);
+}
+
+// Random pixels whose sums are exact in any order (integers; multiples of 1/8 for floating types), so
+// that bands split into different blocks agree to the bit. Memory and tile band with the same pixels.
+template <class TPixel>
+auto MakeBands(unsigned nWidth, unsigned nHeight, unsigned nSeed, bool bNoData)
+{
+  auto oMemory = Orl::Test::MakeRandomBand<TPixel>(nWidth, nHeight, nSeed, bNoData);
+  auto vecPixels = Orl::Test::ReadPixels(oMemory);
+  if constexpr (std::is_floating_point<TPixel>::value)
+    for (TPixel& t : vecPixels)
+      t = std::round(t * 8) / 8;
+  Orl::Test::WritePixels(oMemory, vecPixels);
+  CBand<TPixel, STileTag> oTiles(nWidth, nHeight);
+  Orl::Test::WritePixels(oTiles, vecPixels);
+  if (bNoData)
+    oTiles.SetNoDataValue(oMemory.GetNoDataValue());
+  return std::make_pair(oMemory, oTiles);
+}
+
+TYPED_TEST(TileBandTest, StatisticsEqualMemory)
+{
+  for (const bool bNoData : {false, true})
+  {
+    const auto oBands = MakeBands<TypeParam>(2 * this->ms_nTX + 3, this->ms_nTY + 5, 7, bNoData);
+    const auto fnAll = [](const auto& oBand) {
+      unsigned long nValid, nInvalid, nMaxCount;
+      TypeParam tMin, tMax;
+      double dMean, dVariance, dLow, dStep, dWidth;
+      std::vector<unsigned long> vecHisto;
+      oBand.GetCounts(nValid, nInvalid);
+      oBand.GetMinMax(tMin, tMax);
+      oBand.GetMeanVariance(dMean, dVariance);
+      oBand.GetHistogram(vecHisto, dLow, dStep, dWidth, nMaxCount);
+      return std::make_tuple(nValid, nInvalid, tMin, tMax, dMean, dVariance, vecHisto, dLow, dStep, nMaxCount,
+                             oBand.GetPercentile(90.0));
+    };
+    EXPECT_TRUE(fnAll(oBands.first) == fnAll(oBands.second)) << bNoData;
+  }
+}
+
+// Sub-rectangles at odd places, with all threads and with one, on bands that spill.
+TYPED_TEST(TileBandTest, Copy2DEqualsMemoryUnderSpilling)
+{
+  const unsigned nWidth = 3 * this->ms_nTX + 11, nHeight = 3 * this->ms_nTY + 5; // about 4.5 MiB
+  const Orl::Test::CTileBudget oBudget(1u << 20);
+  const auto oSrc = MakeBands<TypeParam>(nWidth, nHeight, 3, false);
+  const CRect oFrom(this->ms_nTX - 5, 3, 2 * this->ms_nTX + 9, 2 * this->ms_nTY + 1);
+  const CRect oTo(7, this->ms_nTY - 2, oFrom.GetWidth(), oFrom.GetHeight());
+  for (const int nThreads : {1, int(tbb::task_arena::automatic)})
+  {
+    CBand<TypeParam, SMemoryTag> oMemDest(nWidth, nHeight);
+    CBand<TypeParam, STileTag> oTileDest(nWidth, nHeight);
+    oMemDest.Clear(TypeParam(1));
+    oTileDest.Clear(TypeParam(1));
+    tbb::task_arena(nThreads).execute([&] {
+      Copy2D(oSrc.first.GetBandIterators(oFrom), oMemDest.GetBandIterators(oTo), TLoggerPtr(), SAllowParallelFor());
+      Copy2D(oSrc.second.GetBandIterators(oFrom), oTileDest.GetBandIterators(oTo), TLoggerPtr(), SAllowParallelFor());
+    });
+    EXPECT_TRUE(Orl::Test::ReadPixels(oMemDest) == Orl::Test::ReadPixels(oTileDest)) << nThreads;
+  }
+}
+
+// A functor with only the pixel operation (no row loops), through ForEach2D and ForEach2DIf on a
+// sub-rectangle of bands that spill, with all threads and with one.
+struct SHashFunctor
+{
+  SHashFunctor() = default;
+  SHashFunctor(const SHashFunctor&, Orl::Harnel::Math::SEmptyState) {}
+  void operator()(int nValue) { ++m_nCount, m_nSum += std::uint64_t(std::int64_t(nValue) * 2654435761u); }
+  void Join(const SHashFunctor& o) { m_nCount += o.m_nCount, m_nSum += o.m_nSum; }
+  bool operator==(const SHashFunctor& o) const { return m_nCount == o.m_nCount && m_nSum == o.m_nSum; }
+  std::uint64_t m_nCount = 0, m_nSum = 0;
+};
+
+TEST(TileForEach2DTest, EqualsMemoryWithAllThreadsAndWithOne)
+{
+  const Orl::Test::CTileBudget oBudget(1u << 20);
+  const auto oBands = MakeBands<int>(3 * 512 + 40, 4 * 256 + 3, 11, true);
+  const CRect oRect(100, 50, 3 * 512 - 60, 4 * 256 - 90);
+  const Detail::SValidDataPredicate<int> oValid{oBands.first.GetNoDataValue()};
+  const auto fnBoth = [&](const auto& oBand) {
+    return std::make_pair(
+      ForEach2D(oBand.GetBandIterators(oRect), SHashFunctor(), TLoggerPtr(), SAllowParallelReduce()),
+      ForEach2DIf(oBand.GetBandIterators(oRect), oValid, SHashFunctor(), TLoggerPtr(), SAllowParallelReduce()));
+  };
+  const auto oExpected = fnBoth(oBands.first);
+  EXPECT_EQ(oExpected.first.m_nCount, std::uint64_t(oRect.GetWidth()) * oRect.GetHeight());
+  EXPECT_LT(oExpected.second.m_nCount, oExpected.first.m_nCount);
+  for (const int nThreads : {1, int(tbb::task_arena::automatic)})
+    tbb::task_arena(nThreads).execute([&] { EXPECT_TRUE(fnBoth(oBands.second) == oExpected) << nThreads; });
 }
 
 } // namespace
