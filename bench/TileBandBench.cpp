@@ -140,22 +140,23 @@ void BM_Statistics(benchmark::State& oState)
 BENCHMARK_TEMPLATE(BM_Statistics, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK_TEMPLATE(BM_Statistics, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-template <class TTag>
+template <class TSrcTag, class TDestTag>
 void BM_Copy2D(benchmark::State& oState)
 {
-  auto& oBands = Bands<TTag>();
-  const auto& oSrc = oBands.m_oSrc;
+  const auto& oSrc = Bands<TSrcTag>().m_oSrc;
+  auto& oDest = Bands<TDestTag>().m_oDest;
   const auto fnRun = [&] {
-    Copy2D(oSrc.GetBandIterators(oSrc), oBands.m_oDest.GetBandIterators(oBands.m_oDest), TLoggerPtr(),
-           SAllowParallelFor());
+    Copy2D(oSrc.GetBandIterators(oSrc), oDest.GetBandIterators(oDest), TLoggerPtr(), SAllowParallelFor());
   };
   fnRun();
   for (auto _ : oState)
     fnRun();
   ReportPixels(oState);
 }
-BENCHMARK_TEMPLATE(BM_Copy2D, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_TEMPLATE(BM_Copy2D, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Copy2D, SMemoryTag, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Copy2D, STileTag, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Copy2D, SMemoryTag, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Copy2D, STileTag, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // --- Fill-hole ------------------------------------------------------------------------------------
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Band/Detail/RowRuns.h"
 #include "Band/MemoryBandIterator.h"
 #include "Foundation/Logger.h"
 #include "Foundation/PixelTypes.h"
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <type_traits>
 
 namespace Orl { namespace Ostrel { namespace Band {
 
@@ -27,24 +29,34 @@ struct SAllowParallelFor
 
 namespace Detail {
 
-// Whether a walk may be written with an unrolled inner loop for this iterator type. No iterator of
-// the library asks for it, so only the plain walks below exist; they are disabled for an iterator
-// that would set it.
+// Whether a walk may be written with an unrolled inner loop for this iterator type. The tile
+// iterators ask for it (Detail/TileCopyWalks.h): their walks copy row runs instead of stepping pixel by
+// pixel.
 template <class TIterator>
 struct SAllowIteratorUnrolling
 {
   static constexpr bool BALLOWUNROLLING = false;
 };
 
-template <class TIterator>
-using TPlainWalk = typename boost::disable_if_c<SAllowIteratorUnrolling<TIterator>::BALLOWUNROLLING, void>::type;
+// The run walks serve a source that allows unrolling, and a destination that does when the source
+// has row runs to read (a memory band's rows); the plain walks below serve the rest.
+template <class TSrcIterator, class TDestIterator>
+struct SUseRunWalks
+  : std::integral_constant<bool, SAllowIteratorUnrolling<TSrcIterator>::BALLOWUNROLLING ||
+                                   (SAllowIteratorUnrolling<TDestIterator>::BALLOWUNROLLING &&
+                                    SRowRuns<TSrcIterator>::value)>
+{
+};
+
+template <class TSrcIterator, class TDestIterator>
+using TPlainWalk = typename boost::disable_if_c<SUseRunWalks<TSrcIterator, TDestIterator>::value, void>::type;
 
 // The four walks of one block. Required of the iterators: *it (assignable on the destination),
 // ++it.X, ++it.Y, it.X != it.X, it.Y != it.Y. All take their iterators by value and move them.
 //
 // Rows outside, columns inside, bounded by the source.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+TPlainWalk<TSrcIterator, TDestIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
 {
   while (itSrc.Y != itSrcEnd.Y)
   {
@@ -59,7 +71,7 @@ TPlainWalk<TSrcIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDe
 
 // Columns outside, rows inside, bounded by the source.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
 {
   while (itSrc.X != itSrcEnd.X)
   {
@@ -75,7 +87,7 @@ TPlainWalk<TSrcIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator i
 // Bounded by the destination. The source steps only when another pixel is known to follow, so it
 // never moves past the last pixel it gives: safe for a source with no room beyond its end.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
 {
   if (itDest.Y == itDestEnd.Y)
     return;
@@ -103,7 +115,7 @@ TPlainWalk<TSrcIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDe
 
 // The same with columns outside.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
 {
   if (itDest.X == itDestEnd.X)
     return;

@@ -308,7 +308,8 @@ TYPED_TEST(TileBandTest, StatisticsEqualMemory)
   }
 }
 
-// Sub-rectangles at odd places, with all threads and with one, on bands that spill.
+// Sub-rectangles at odd places, between every pair of storage kinds, with all threads and with one,
+// on bands that spill.
 TYPED_TEST(TileBandTest, Copy2DEqualsMemoryUnderSpilling)
 {
   const unsigned nWidth = 3 * this->ms_nTX + 11, nHeight = 3 * this->ms_nTY + 5; // about 4.5 MiB
@@ -316,18 +317,18 @@ TYPED_TEST(TileBandTest, Copy2DEqualsMemoryUnderSpilling)
   const auto oSrc = MakeBands<TypeParam>(nWidth, nHeight, 3, false);
   const CRect oFrom(this->ms_nTX - 5, 3, 2 * this->ms_nTX + 9, 2 * this->ms_nTY + 1);
   const CRect oTo(7, this->ms_nTY - 2, oFrom.GetWidth(), oFrom.GetHeight());
+  const auto fnCopy = [&](const auto& oFromBand, auto oToBand) {
+    oToBand.Clear(TypeParam(1));
+    Copy2D(oFromBand.GetBandIterators(oFrom), oToBand.GetBandIterators(oTo), TLoggerPtr(), SAllowParallelFor());
+    return Orl::Test::ReadPixels(oToBand);
+  };
   for (const int nThreads : {1, int(tbb::task_arena::automatic)})
-  {
-    CBand<TypeParam, SMemoryTag> oMemDest(nWidth, nHeight);
-    CBand<TypeParam, STileTag> oTileDest(nWidth, nHeight);
-    oMemDest.Clear(TypeParam(1));
-    oTileDest.Clear(TypeParam(1));
     tbb::task_arena(nThreads).execute([&] {
-      Copy2D(oSrc.first.GetBandIterators(oFrom), oMemDest.GetBandIterators(oTo), TLoggerPtr(), SAllowParallelFor());
-      Copy2D(oSrc.second.GetBandIterators(oFrom), oTileDest.GetBandIterators(oTo), TLoggerPtr(), SAllowParallelFor());
+      const auto vecExpected = fnCopy(oSrc.first, CBand<TypeParam, SMemoryTag>(nWidth, nHeight));
+      EXPECT_TRUE(fnCopy(oSrc.second, CBand<TypeParam, STileTag>(nWidth, nHeight)) == vecExpected) << nThreads;
+      EXPECT_TRUE(fnCopy(oSrc.first, CBand<TypeParam, STileTag>(nWidth, nHeight)) == vecExpected) << nThreads;
+      EXPECT_TRUE(fnCopy(oSrc.second, CBand<TypeParam, SMemoryTag>(nWidth, nHeight)) == vecExpected) << nThreads;
     });
-    EXPECT_TRUE(Orl::Test::ReadPixels(oMemDest) == Orl::Test::ReadPixels(oTileDest)) << nThreads;
-  }
 }
 
 // A functor with only the pixel operation (no row loops), through ForEach2D and ForEach2DIf on a

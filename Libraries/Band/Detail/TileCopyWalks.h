@@ -1,9 +1,9 @@
 #pragma once
 
-// Copy2D's walks for tile sources. A tile iterator stepped pixel by pixel pays a border test and
-// memory-held state on every step; these walks copy row runs instead (see RowRuns.h), one tight loop
-// per tile stretch, strip by strip, so that each tile is read and written as one stream. Included by
-// Copy2D.h.
+// Copy2D's walks for tile bands on either side. A tile iterator stepped pixel by pixel pays a border
+// test and memory-held state on every step; these walks copy row runs instead (see RowRuns.h), one
+// tight loop per tile stretch, strip by strip, so that each tile is read and written as one stream.
+// Included by Copy2D.h.
 
 #include "Band/Detail/RowRuns.h"
 #include "Band/TileBandIterator.h"
@@ -26,8 +26,8 @@ struct SAllowIteratorUnrolling<CMutableTileBandIterator<TPixel, TCoord> >
   static constexpr bool BALLOWUNROLLING = true;
 };
 
-template <class TIterator>
-using TTileWalk = typename boost::enable_if_c<SAllowIteratorUnrolling<TIterator>::BALLOWUNROLLING, void>::type;
+template <class TSrcIterator, class TDestIterator>
+using TTileWalk = typename boost::enable_if_c<SUseRunWalks<TSrcIterator, TDestIterator>::value, void>::type;
 
 // Neither iterator moves past the rectangle's last row or column, so the copy bounded by the source and
 // the one bounded by the destination are the same walk. A destination without runs is written pixel
@@ -55,20 +55,20 @@ void CopyRectRuns(const TSrcIterator& itSrc, const TDestIterator& itDest, int nW
 }
 
 template <class TSrcIterator, class TDestIterator>
-TTileWalk<TSrcIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+TTileWalk<TSrcIterator, TDestIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
 {
   CopyRectRuns(itSrc, itDest, itSrcEnd.X - itSrc.X, itSrcEnd.Y - itSrc.Y);
 }
 
 template <class TSrcIterator, class TDestIterator>
-TTileWalk<TSrcIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TTileWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
 {
   CopyRectRuns(itSrc, itDest, itDestEnd.X - itDest.X, itDestEnd.Y - itDest.Y);
 }
 
 // Columns outside: nothing to gain from runs, the plain walks' steps.
 template <class TSrcIterator, class TDestIterator>
-TTileWalk<TSrcIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+TTileWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
 {
   for (; itSrc.X != itSrcEnd.X; ++itSrc.X, ++itDest.X)
   {
@@ -80,7 +80,7 @@ TTileWalk<TSrcIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator it
 }
 
 template <class TSrcIterator, class TDestIterator>
-TTileWalk<TSrcIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TTileWalk<TSrcIterator, TDestIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
 {
   for (bool bFirst = true; itDest.X != itDestEnd.X; ++itDest.X, bFirst = false)
   {
