@@ -16,21 +16,22 @@ using Orl::Test::CFileSizeLimit;
 
 namespace {
 
-// Answers true nTrue times, then false; runs fnAction on every call.
+// Answers true nTrue times, lifting the file size cap on the last of them, then false.
 class CCountingHandler : public CFailHandler
 {
 public:
-  CCountingHandler(int nTrue, std::function<void()> fnAction) : m_nTrue(nTrue), m_fnAction(std::move(fnAction)) {}
+  CCountingHandler(int nTrue, CFileSizeLimit& oLimit) : m_nTrue(nTrue), m_oLimit(oLimit) {}
   bool OnWriteFailed(int) override
   {
-    m_fnAction();
-    return m_nCalls++ < m_nTrue;
+    if (++m_nCalls == m_nTrue)
+      m_oLimit.Lift();
+    return m_nCalls <= m_nTrue;
   }
   int m_nCalls = 0;
 
 private:
   int m_nTrue;
-  std::function<void()> m_fnAction;
+  CFileSizeLimit& m_oLimit;
 };
 
 class CFileioTest : public ::testing::Test
@@ -65,13 +66,12 @@ protected:
     return {};
   }
 
+  // Runs fnWrite under a file size cap with a handler that retries nTrue times; without retries the
+  // write must fail.
   CFileioError::SExceptionInfo WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
   {
     CFileSizeLimit oLimit(nLimit);
-    m_pHandler = boost::make_shared<CCountingHandler>(nTrue, [&] {
-      if (m_pHandler->m_nCalls + 1 == nTrue)
-        oLimit.Lift();
-    });
+    m_pHandler = boost::make_shared<CCountingHandler>(nTrue, oLimit);
     g_oFailHandler = m_pHandler;
     return nTrue > 0 ? (fnWrite(), CFileioError::SExceptionInfo{}) : Raised(fnWrite);
   }

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <random>
 #include <string>
 #include <type_traits>
@@ -50,17 +51,15 @@ struct SCase
   unsigned int m_nWidth = 0, m_nHeight = 0;
   std::vector<TPixel> m_vecSrc;
   std::vector<TMask> m_vecMask;
-  bool m_bSrcNoData = false, m_bMaskNoData = false, m_bDestNoData = false;
-  TPixel m_tSrcNoData{}, m_tDestNoData{};
-  TMask m_tMaskNoData{};
+  std::optional<TPixel> m_oSrcNoData, m_oDestNoData;
+  std::optional<TMask> m_oMaskNoData;
 };
 
 template <class TPixel>
 struct SResult
 {
   std::vector<TPixel> m_vecPixels;
-  bool m_bHasNoData;
-  TPixel m_tNoData;
+  std::optional<TPixel> m_oNoData;
 };
 
 template <class TPixel, class TMask>
@@ -70,30 +69,30 @@ SResult<TPixel> Reference(const SCase<TPixel, TMask>& oCase, const SParams& oPar
   const int nW = int(oCase.m_nWidth), nH = int(oCase.m_nHeight);
   const auto fnClass = [&](int x, int y) {
     const TPixel t = oCase.m_vecSrc[y * nW + x];
-    bool bValid = !(oCase.m_bSrcNoData && t == oCase.m_tSrcNoData);
+    bool bValid = oCase.m_oSrcNoData != t;
     if constexpr (std::is_floating_point<TPixel>::value)
       bValid = bValid && std::isfinite(t);
     if (!oParams.m_bUseMask)
       return bValid ? eValid : eHole;
     const TMask m = oCase.m_vecMask[y * nW + x];
     const bool bSelected = oParams.m_bUseRange ? m < Truncate<TMask>(oParams.m_dLow) || m > Truncate<TMask>(oParams.m_dHigh)
-                                               : m == (oCase.m_bMaskNoData ? oCase.m_tMaskNoData : TMask(0));
+                                               : m == oCase.m_oMaskNoData.value_or(TMask(0));
     return bSelected ? eHole : bValid ? eValid : eSkipped;
   };
 
-  SResult<TPixel> oResult{oCase.m_vecSrc, oCase.m_bDestNoData, oCase.m_tDestNoData};
-  const TPixel tNoData = oCase.m_bDestNoData ? oCase.m_tDestNoData
-                         : std::is_signed<TPixel>::value ? std::numeric_limits<TPixel>::lowest()
-                                                          : std::numeric_limits<TPixel>::max();
+  SResult<TPixel> oResult{oCase.m_vecSrc, oCase.m_oDestNoData};
+  const TPixel tNoData = oCase.m_oDestNoData.value_or(std::is_signed<TPixel>::value ? std::numeric_limits<TPixel>::lowest()
+                                                                                    : std::numeric_limits<TPixel>::max());
   bool bAnyHole = false, bAnyNoData = false;
   // Left, up, upper left, upper right, then right, down, lower left, lower right.
   static const int s_aDirections[8][2] = {{-1, 0}, {0, -1}, {-1, -1}, {1, -1}, {1, 0}, {0, 1}, {-1, 1}, {1, 1}};
   for (int y = 0; y < nH; ++y)
     for (int x = 0; x < nW; ++x)
     {
-      TPixel& tOut = oResult.m_vecPixels[y * nW + x];
       const EClass eClass = fnClass(x, y);
       bAnyHole = bAnyHole || eClass == eHole;
+      if (eClass == eValid)
+        continue;
       float fWeights = 0.0f, fValues = 0.0f;
       unsigned int nCount = 0;
       for (const auto& aDir : s_aDirections)
@@ -112,21 +111,14 @@ SResult<TPixel> Reference(const SCase<TPixel, TMask>& oCase, const SParams& oPar
           }
           break;
         }
-      if (eClass == eSkipped || (eClass == eHole && nCount < oParams.m_nMinDirections))
-      {
-        tOut = tNoData;
-        bAnyNoData = true;
-      }
-      else if (eClass == eHole)
-        tOut = Truncate<TPixel>(fValues / fWeights);
+      const bool bNoData = eClass == eSkipped || nCount < oParams.m_nMinDirections;
+      oResult.m_vecPixels[y * nW + x] = bNoData ? tNoData : Truncate<TPixel>(fValues / fWeights);
+      bAnyNoData = bAnyNoData || bNoData;
     }
   if (!bAnyHole)
     oResult.m_vecPixels = oCase.m_vecSrc; // copied as they are, skipped pixels included
   else if (bAnyNoData)
-  {
-    oResult.m_bHasNoData = true;
-    oResult.m_tNoData = tNoData;
-  }
+    oResult.m_oNoData = tNoData;
   return oResult;
 }
 
@@ -138,29 +130,27 @@ SResult<TPixel> RunOn(const SCase<TPixel, TMask>& oCase, const SParams& oParams,
   constexpr bool bTiles = std::is_same<typename TImageBand::TTagType, Band::STileTag>::value;
   TImageBand oSrc(oCase.m_nWidth, oCase.m_nHeight), oDest(oCase.m_nWidth, oCase.m_nHeight);
   TMaskBand oMask(oCase.m_nWidth, oCase.m_nHeight);
-  if constexpr (bTiles)
-  {
-    WritePixels(oSrc, oCase.m_vecSrc);
-    WritePixels(oMask, oCase.m_vecMask);
-  }
-  else
-  {
-    std::copy(oCase.m_vecSrc.begin(), oCase.m_vecSrc.end(), oSrc.GetRep().GetDataLocation());
-    std::copy(oCase.m_vecMask.begin(), oCase.m_vecMask.end(), oMask.GetRep().GetDataLocation());
-  }
+  const auto fnPrepare = [](auto& oBand, const auto& vecPixels, const auto& oNoData) {
+    if constexpr (bTiles)
+      WritePixels(oBand, vecPixels);
+    else
+      std::copy(vecPixels.begin(), vecPixels.end(), oBand.GetRep().GetDataLocation());
+    if (oNoData)
+      oBand.SetNoDataValue(*oNoData);
+  };
+  fnPrepare(oSrc, oCase.m_vecSrc, oCase.m_oSrcNoData);
+  fnPrepare(oMask, oCase.m_vecMask, oCase.m_oMaskNoData);
   oDest.Clear(TPixel(7));
-  if (oCase.m_bSrcNoData)
-    oSrc.SetNoDataValue(oCase.m_tSrcNoData);
-  if (oCase.m_bMaskNoData)
-    oMask.SetNoDataValue(oCase.m_tMaskNoData);
-  if (oCase.m_bDestNoData)
-    oDest.SetNoDataValue(oCase.m_tDestNoData);
+  if (oCase.m_oDestNoData)
+    oDest.SetNoDataValue(*oCase.m_oDestNoData);
   const CFilter oFilter =
     oParams.m_bUseRange ? CFilter(oParams.m_dLow, oParams.m_dHigh, nMaxHolePixels, oParams.m_nMinDirections,
                                   oParams.m_fMaxDistance, oParams.m_bUseMask)
                         : CFilter(nMaxHolePixels, oParams.m_nMinDirections, oParams.m_fMaxDistance, oParams.m_bUseMask);
   oFilter.Apply(oDest, oSrc, oMask);
-  SResult<TPixel> oResult{{}, oDest.HasNoDataValue(), oDest.HasNoDataValue() ? oDest.GetNoDataValue() : TPixel()};
+  SResult<TPixel> oResult;
+  if (oDest.HasNoDataValue())
+    oResult.m_oNoData = oDest.GetNoDataValue();
   if constexpr (bTiles)
     oResult.m_vecPixels = ReadPixels(oDest);
   else
@@ -181,20 +171,15 @@ void ExpectSame(const SResult<TPixel>& oExpected, const SResult<TPixel>& oActual
   for (std::size_t i = 0; i < oExpected.m_vecPixels.size(); ++i)
     ASSERT_EQ(0, std::memcmp(&oExpected.m_vecPixels[i], &oActual.m_vecPixels[i], sizeof(TPixel)))
       << strWhat << " pixel " << i << ": " << +oExpected.m_vecPixels[i] << " != " << +oActual.m_vecPixels[i];
-  ASSERT_EQ(oExpected.m_bHasNoData, oActual.m_bHasNoData) << strWhat;
-  ASSERT_TRUE(!oExpected.m_bHasNoData || !std::memcmp(&oExpected.m_tNoData, &oActual.m_tNoData, sizeof(TPixel))) << strWhat;
+  ASSERT_EQ(oExpected.m_oNoData.has_value(), oActual.m_oNoData.has_value()) << strWhat;
+  ASSERT_TRUE(!oExpected.m_oNoData || !std::memcmp(&*oExpected.m_oNoData, &*oActual.m_oNoData, sizeof(TPixel))) << strWhat;
 }
 
 // ---- Random cases -----------------------------------------------------------------------------------
 
-template <class TPixel, class TMask>
-struct SPair
-{
-  using TImage = TPixel;
-  using TMaskPixel = TMask;
-};
-
 // The pixel and mask types the filter is built for.
+template <class TPixel, class TMask>
+using SPair = std::pair<TPixel, TMask>;
 using TInstances =
   ::testing::Types<SPair<unsigned char, unsigned char>, SPair<unsigned short, unsigned char>,
                    SPair<unsigned short, unsigned short>, SPair<short, unsigned char>, SPair<short, unsigned short>,
@@ -227,13 +212,12 @@ SCase<TPixel, TMask> MakeCase(std::mt19937& oRng, unsigned int nW, unsigned int 
   oCase.m_nWidth = nW;
   oCase.m_nHeight = nH;
   const bool bFullRange = oRng() % 3 == 0;
-  oCase.m_bSrcNoData = std::is_integral<TPixel>::value || oRng() % 2;
-  oCase.m_tSrcNoData = RandomValue<TPixel>(oRng, bFullRange);
-  oCase.m_bDestNoData = oRng() % 2;
-  oCase.m_tDestNoData = RandomValue<TPixel>(oRng, true);
-  oCase.m_bMaskNoData = oRng() % 2;
-  oCase.m_tMaskNoData = RandomValue<TMask>(oRng, false);
-  const TMask tMarker = oCase.m_bMaskNoData ? oCase.m_tMaskNoData : TMask(0);
+  if (std::is_integral<TPixel>::value || oRng() % 2)
+    oCase.m_oSrcNoData = RandomValue<TPixel>(oRng, bFullRange);
+  if (oRng() % 2)
+    oCase.m_oDestNoData = RandomValue<TPixel>(oRng, true);
+  if (oRng() % 2)
+    oCase.m_oMaskNoData = RandomValue<TMask>(oRng, false);
 
   // Which pixels are meant as holes; blobs are up to four discs.
   std::vector<char> vecHole(std::size_t(nW) * nH, 0);
@@ -255,17 +239,16 @@ SCase<TPixel, TMask> MakeCase(std::mt19937& oRng, unsigned int nW, unsigned int 
     // Invalid source pixels: holes without a mask, mostly skipped ones with a mask.
     if (oParams.m_bUseMask ? oRng() % 8 == 0 : bool(vecHole[i]))
     {
-      tValue = oCase.m_tSrcNoData;
+      tValue = oCase.m_oSrcNoData.value_or(0);
       if constexpr (std::is_floating_point<TPixel>::value)
       {
-        const TPixel atInvalid[] = {NAN, INFINITY, -INFINITY, oCase.m_tSrcNoData};
-        tValue = atInvalid[oRng() % (oCase.m_bSrcNoData ? 4 : 3)];
+        const TPixel atInvalid[] = {NAN, INFINITY, -INFINITY, tValue};
+        tValue = atInvalid[oRng() % (oCase.m_oSrcNoData ? 4 : 3)];
       }
     }
-    if (oParams.m_bUseMask && !oParams.m_bUseRange)
-      tMask = vecHole[i] ? tMarker : tMask;
-    else if (oParams.m_bUseMask)
-      tMask = vecHole[i] ? tMask : Truncate<TMask>(oParams.m_dLow);
+    // The equality mask marks the holes; the range mask puts the other pixels inside the range.
+    if (oParams.m_bUseMask && bool(vecHole[i]) != oParams.m_bUseRange)
+      tMask = vecHole[i] ? oCase.m_oMaskNoData.value_or(TMask(0)) : Truncate<TMask>(oParams.m_dLow);
     if constexpr (std::is_floating_point<TMask>::value)
       if (oRng() % 16 == 0)
         tMask = NAN; // never a hole

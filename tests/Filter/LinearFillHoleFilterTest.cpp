@@ -49,8 +49,8 @@ TYPED_TEST_SUITE(LinearFillHoleReferenceTest, TInstances);
 
 TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBit)
 {
-  using TPixel = typename TypeParam::TImage;
-  using TMask = typename TypeParam::TMaskPixel;
+  using TPixel = typename TypeParam::first_type;
+  using TMask = typename TypeParam::second_type;
   ForEachRandomCase<TPixel, TMask>([](const SCase<TPixel, TMask>& oCase, const SParams& oParams,
                                       unsigned int nMaxHoles, const std::string& strWhat) {
     const auto oExpected = Reference(oCase, oParams);
@@ -63,16 +63,16 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBit)
 
 // ---- Worked examples --------------------------------------------------------------------------------
 
+// A band of the given width (default: one row), with a mask that selects nothing.
 template <class TPixel>
-SCase<TPixel, unsigned char> Row(std::vector<TPixel> vecSrc, TPixel tNoData)
+SCase<TPixel, unsigned char> Row(std::vector<TPixel> vecSrc, TPixel tNoData, unsigned int nWidth = 0)
 {
   SCase<TPixel, unsigned char> oCase;
-  oCase.m_nWidth = unsigned(vecSrc.size());
-  oCase.m_nHeight = 1;
+  oCase.m_nWidth = nWidth ? nWidth : unsigned(vecSrc.size());
+  oCase.m_nHeight = unsigned(vecSrc.size()) / oCase.m_nWidth;
+  oCase.m_vecMask.assign(vecSrc.size(), 1);
   oCase.m_vecSrc = std::move(vecSrc);
-  oCase.m_vecMask.assign(oCase.m_vecSrc.size(), 1);
-  oCase.m_bSrcNoData = true;
-  oCase.m_tSrcNoData = tNoData;
+  oCase.m_oSrcNoData = tNoData;
   return oCase;
 }
 
@@ -99,13 +99,13 @@ TEST(LinearFillHoleFilter, MinimumDirectionsAndReach)
   EXPECT_EQ(Fill(oCase, 2, 1.0f).m_vecPixels, (std::vector<int>{4, 6, 9}));
   const auto oTooFew = Fill(oCase, 3, 1.0f);
   EXPECT_EQ(oTooFew.m_vecPixels, (std::vector<int>{4, INT32_MIN, 9}));
-  EXPECT_TRUE(oTooFew.m_bHasNoData); // the hint, as the destination had none
+  EXPECT_EQ(oTooFew.m_oNoData, INT32_MIN); // the hint, as the destination had none
   EXPECT_EQ(Fill(oCase, 1, 0.0f).m_vecPixels[1], INT32_MIN);
 
   // Zero directions asked: a hole without any contribution computes 0 / 0, and no no-data is noted.
   const auto oNaNInt = Fill(Row<int>({-9}, -9), 0, 5.0f);
   EXPECT_EQ(oNaNInt.m_vecPixels[0], INT32_MIN);
-  EXPECT_FALSE(oNaNInt.m_bHasNoData);
+  EXPECT_FALSE(oNaNInt.m_oNoData);
   EXPECT_EQ(Fill(Row<unsigned int>({5}, 5), 0, 5.0f).m_vecPixels[0], 0u);
   EXPECT_TRUE(std::isnan(Fill(Row<float>({NAN}, 0), 0, 5.0f).m_vecPixels[0]));
 }
@@ -113,11 +113,7 @@ TEST(LinearFillHoleFilter, MinimumDirectionsAndReach)
 // Border holes see at most five lines, corner holes three.
 TEST(LinearFillHoleFilter, BorderAndCornerHoles)
 {
-  SCase<float, unsigned char> oCase;
-  oCase.m_nWidth = oCase.m_nHeight = 3;
-  oCase.m_vecSrc.assign(9, 1.0f);
-  oCase.m_vecMask.assign(9, 1);
-  oCase.m_vecSrc[0] = oCase.m_vecSrc[7] = INFINITY;
+  const auto oCase = Row<float>({INFINITY, 1, 1, 1, 1, 1, 1, INFINITY, 1}, 0, 3);
   for (unsigned int nMin = 1; nMin <= 6; ++nMin)
   {
     const auto oResult = Fill(oCase, nMin, 2.0f);
@@ -132,11 +128,10 @@ TEST(LinearFillHoleFilter, MaskSkipsAndOverrides)
 {
   auto oCase = Row<short>({10, -1, 30, 50, 70}, -1);
   oCase.m_vecMask = {1, 1, 0, 0, 1}; // 0, the marker of a mask without no-data value, selects
-  oCase.m_bDestNoData = true;
-  oCase.m_tDestNoData = -5;
+  oCase.m_oDestNoData = -5;
   const auto oResult = Fill(oCase, 2, 1.0f, true);
   EXPECT_EQ(oResult.m_vecPixels, (std::vector<short>{10, -5, -5, -5, 70}));
-  EXPECT_EQ(oResult.m_tNoData, -5);
+  EXPECT_EQ(oResult.m_oNoData, -5);
   EXPECT_EQ(Fill(oCase, 1, 1.0f, true).m_vecPixels, (std::vector<short>{10, -5, 10, 70, 70}));
 }
 
@@ -145,8 +140,7 @@ TEST(LinearFillHoleFilter, HoleListCapacity)
 {
   for (unsigned int nSize : {32u, 45u})
   {
-    auto oCase = Row<unsigned char>(std::vector<unsigned char>(nSize * nSize, 0), 0);
-    oCase.m_nWidth = oCase.m_nHeight = nSize;
+    auto oCase = Row<unsigned char>(std::vector<unsigned char>(nSize * nSize, 0), 0, nSize);
     oCase.m_vecSrc[0] = 42;
     const SParams oParams{1, 100.0f, false, false, 0, 0};
     ExpectSame(Reference(oCase, oParams), RunFilter<SMemoryTag>(oCase, oParams, nSize == 32 ? 0 : 1024), "capacity");

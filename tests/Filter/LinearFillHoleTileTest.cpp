@@ -17,8 +17,8 @@ TYPED_TEST_SUITE(LinearFillHoleTileTest, TInstances);
 
 TYPED_TEST(LinearFillHoleTileTest, EqualsMemory)
 {
-  using TPixel = typename TypeParam::TImage;
-  using TMask = typename TypeParam::TMaskPixel;
+  using TPixel = typename TypeParam::first_type;
+  using TMask = typename TypeParam::second_type;
   const auto fnCompare = [](const SCase<TPixel, TMask>& oCase, const SParams& oParams, unsigned int nMaxHoles,
                             const std::string& strWhat) {
     ExpectSame(RunFilter<SMemoryTag>(oCase, oParams, nMaxHoles), RunFilter<STileTag>(oCase, oParams, nMaxHoles), strWhat);
