@@ -8,11 +8,26 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <unistd.h>
 
 using namespace Orl::Harnel::Fileio;
+using Orl::Harnel::CBasicException;
 using Orl::Test::CFileSizeLimit;
+
+static_assert(!std::is_base_of<std::exception, CBasicException>::value, "caught by name only");
+static_assert(std::is_base_of<CBasicException, CFileioError>::value, "a handler for the root catches file errors");
+
+TEST(BasicExceptionTest, PrintsTheChainOldestFirstWithPositionsDetailAndError)
+{
+  CFileioError oError("/src/Libraries/Fileio/FileioUnix.cpp", 57, "Failed to write to a file", ENOSPC, "flush");
+  oError.AddMessage("/src/Libraries/Band/Tile.h", 240, "Failed to write to the disk tile cache", 0, "");
+  EXPECT_EQ("Failed to write to a file - flush [FileioUnix.cpp:57] (error " + std::to_string(ENOSPC) +
+              ": No space left on device)\n  Failed to write to the disk tile cache [Tile.h:240]",
+            oError.ToString());
+}
 
 namespace {
 
@@ -34,6 +49,22 @@ private:
   CFileSizeLimit& m_oLimit;
 };
 
+// The single entry of the CFileioError that fnBody must raise.
+CFileioError::SExceptionInfo Raised(const std::function<void()>& fnBody)
+{
+  try
+  {
+    fnBody();
+  }
+  catch (const CFileioError& oError)
+  {
+    EXPECT_EQ(1u, oError.GetInfoCount());
+    return oError.GetInfo(0);
+  }
+  ADD_FAILURE() << "no CFileioError";
+  return {};
+}
+
 class CFileioTest : public ::testing::Test
 {
 protected:
@@ -50,29 +81,11 @@ protected:
     return strContent;
   }
 
-  // The single entry of the CFileioError that fnBody must raise.
-  static CFileioError::SExceptionInfo Raised(const std::function<void()>& fnBody)
-  {
-    try
-    {
-      fnBody();
-    }
-    catch (const CFileioError& oError)
-    {
-      EXPECT_EQ(1u, oError.GetInfoCount());
-      return oError.GetInfo(0);
-    }
-    ADD_FAILURE() << "no CFileioError";
-    return {};
-  }
-
-  // Runs fnWrite under a file size cap with a handler that retries nTrue times; without retries the
-  // write must fail.
+  // fnWrite under a file size cap with a handler that retries nTrue times; without retries it must fail.
   CFileioError::SExceptionInfo WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
   {
     CFileSizeLimit oLimit(nLimit);
-    m_pHandler = boost::make_shared<CCountingHandler>(nTrue, oLimit);
-    g_oFailHandler = m_pHandler;
+    g_oFailHandler = m_pHandler = boost::make_shared<CCountingHandler>(nTrue, oLimit);
     return nTrue > 0 ? (fnWrite(), CFileioError::SExceptionInfo{}) : Raised(fnWrite);
   }
 

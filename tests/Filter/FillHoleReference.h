@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -216,28 +217,25 @@ SCase<TPixel, TMask> MakeCase(std::mt19937& oRng, unsigned int nW, unsigned int 
     oCase.m_oSrcNoData = RandomValue<TPixel>(oRng, bFullRange);
   if (oRng() % 2)
     oCase.m_oDestNoData = RandomValue<TPixel>(oRng, true);
-  if (oRng() % 2)
-    oCase.m_oMaskNoData = RandomValue<TMask>(oRng, false);
+  if (oRng() % 2) // a NaN no-data value marks nothing
+    oCase.m_oMaskNoData = oRng() % 4 ? RandomValue<TMask>(oRng, false) : std::numeric_limits<TMask>::quiet_NaN();
 
-  // Which pixels are meant as holes; blobs are up to four discs.
-  std::vector<char> vecHole(std::size_t(nW) * nH, 0);
-  for (std::size_t i = 0; i < vecHole.size(); ++i)
-    vecHole[i] = ePattern == eAllHoles || (ePattern == eScattered && oRng() % 10 == 0) ||
-                 (ePattern == eDense && oRng() % 10 < 6);
-  for (int n = 0; ePattern == eBlobs && n < 4; ++n)
+  // Blobs are four discs.
+  int aDiscs[4][3];
+  for (auto& aDisc : aDiscs)
+    aDisc[0] = int(oRng() % nW), aDisc[1] = int(oRng() % nH), aDisc[2] = int(oRng() % (2 + nW / 5));
+  for (int i = 0; i < int(nW * nH); ++i)
   {
-    const int cx = int(oRng() % nW), cy = int(oRng() % nH), r = int(oRng() % (2 + nW / 5));
-    for (int y = 0; y < int(nH); ++y)
-      for (int x = 0; x < int(nW); ++x)
-        vecHole[y * nW + x] |= (x - cx) * (x - cx) + (y - cy) * (y - cy) <= r * r;
-  }
-
-  for (std::size_t i = 0; i < vecHole.size(); ++i)
-  {
+    const int x = i % int(nW), y = i / int(nW);
+    const bool bHole = ePattern == eAllHoles || (ePattern == eScattered && oRng() % 10 == 0) ||
+                       (ePattern == eDense && oRng() % 10 < 6) ||
+                       (ePattern == eBlobs && std::any_of(std::begin(aDiscs), std::end(aDiscs), [&](const int* a) {
+                          return (x - a[0]) * (x - a[0]) + (y - a[1]) * (y - a[1]) <= a[2] * a[2];
+                        }));
     TPixel tValue = RandomValue<TPixel>(oRng, bFullRange);
     TMask tMask = RandomValue<TMask>(oRng, true);
     // Invalid source pixels: holes without a mask, mostly skipped ones with a mask.
-    if (oParams.m_bUseMask ? oRng() % 8 == 0 : bool(vecHole[i]))
+    if (oParams.m_bUseMask ? oRng() % 8 == 0 : bHole)
     {
       tValue = oCase.m_oSrcNoData.value_or(0);
       if constexpr (std::is_floating_point<TPixel>::value)
@@ -247,11 +245,11 @@ SCase<TPixel, TMask> MakeCase(std::mt19937& oRng, unsigned int nW, unsigned int 
       }
     }
     // The equality mask marks the holes; the range mask puts the other pixels inside the range.
-    if (oParams.m_bUseMask && bool(vecHole[i]) != oParams.m_bUseRange)
-      tMask = vecHole[i] ? oCase.m_oMaskNoData.value_or(TMask(0)) : Truncate<TMask>(oParams.m_dLow);
+    if (oParams.m_bUseMask && bHole != oParams.m_bUseRange)
+      tMask = bHole ? oCase.m_oMaskNoData.value_or(TMask(0)) : Truncate<TMask>(oParams.m_dLow);
     if constexpr (std::is_floating_point<TMask>::value)
       if (oRng() % 16 == 0)
-        tMask = NAN; // never a hole
+        tMask = oRng() % 2 ? NAN : -INFINITY; // NaN is never a hole, -inf outside any range
     oCase.m_vecSrc.push_back(tValue);
     oCase.m_vecMask.push_back(tMask);
   }

@@ -58,7 +58,25 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBit)
     ExpectSame(oExpected, RunFilter<SIPPTag>(oCase, oParams, nMaxHoles), strWhat + " (IPP)");
     ExpectSame(oExpected, RunOn<COtherIteratorBand<TPixel>, COtherIteratorBand<TMask>>(oCase, oParams, nMaxHoles),
                strWhat + " (generic row access)");
+    ExpectSame(oExpected, RunFilter<STileTag>(oCase, oParams, nMaxHoles), strWhat + " (tiles)");
   });
+}
+
+// About twenty tiles per band under a budget of four: rows cross tile borders, the hole list runs over
+// several of its tiles and back, and all of it spills and comes back.
+TYPED_TEST(LinearFillHoleReferenceTest, TilesThatSpillEqualMemory)
+{
+  using TPixel = typename TypeParam::first_type;
+  using TMask = typename TypeParam::second_type;
+  const unsigned nWidth = 4 * Detail::STileSize<TPixel>::ms_nX + 9, nHeight = 2 * Detail::STileSize<TPixel>::ms_nY + 3;
+  const Orl::Test::CTileBudget oBudget(2u << 20);
+  const auto nReadBefore = Orl::Test::TileCache().GetCounters().m_nRecordsRead;
+  std::mt19937 oRng(sizeof(TPixel) * 31 + sizeof(TMask));
+  const SParams oParams{2, 40.0f, sizeof(TMask) != 1, false, 0.0, 0.0};
+  const auto oCase = MakeCase<TPixel, TMask>(oRng, nWidth, nHeight, eScattered, oParams);
+  const unsigned nMaxHoles = nWidth * nHeight / 6; // scattered: a tenth of the pixels
+  ExpectSame(RunFilter<SMemoryTag>(oCase, oParams, nMaxHoles), RunFilter<STileTag>(oCase, oParams, nMaxHoles), "spilling");
+  EXPECT_GT(Orl::Test::TileCache().GetCounters().m_nRecordsRead, nReadBefore);
 }
 
 // ---- Worked examples --------------------------------------------------------------------------------
@@ -145,16 +163,6 @@ TEST(LinearFillHoleFilter, HoleListCapacity)
     const SParams oParams{1, 100.0f, false, false, 0, 0};
     ExpectSame(Reference(oCase, oParams), RunFilter<SMemoryTag>(oCase, oParams, nSize == 32 ? 0 : 1024), "capacity");
   }
-}
-
-TEST(LinearFillHoleFilter, ComparatorsAndNaN)
-{
-  const Orl::Ostrel::Filter::Detail::SOutsideRangeComparator<float> oPoint{2.0f, 2.0f};
-  EXPECT_FALSE(oPoint(2.0f));
-  EXPECT_TRUE(oPoint(1.5f));
-  EXPECT_TRUE(oPoint(-INFINITY));
-  EXPECT_FALSE(oPoint(NAN));
-  EXPECT_FALSE(Orl::Ostrel::Filter::Detail::SEqualComparator<double>{NAN}(NAN));
 }
 
 // Bands of different sizes work on the common rectangle; the rest of the destination is untouched.
