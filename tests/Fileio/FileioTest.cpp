@@ -32,20 +32,16 @@ TEST(BasicExceptionTest, PrintsTheChainOldestFirstWithPositionsDetailAndError)
 namespace {
 
 // Answers true nTrue times, lifting the file size cap on the last of them, then false.
-class CCountingHandler : public CFailHandler
+struct SCountingHandler : CFailHandler
 {
-public:
-  CCountingHandler(int nTrue, CFileSizeLimit& oLimit) : m_nTrue(nTrue), m_oLimit(oLimit) {}
+  SCountingHandler(int nTrue, CFileSizeLimit& oLimit) : m_nTrue(nTrue), m_oLimit(oLimit) {}
   bool OnWriteFailed(int) override
   {
     if (++m_nCalls == m_nTrue)
       m_oLimit.Lift();
     return m_nCalls <= m_nTrue;
   }
-  int m_nCalls = 0;
-
-private:
-  int m_nTrue;
+  int m_nTrue, m_nCalls = 0;
   CFileSizeLimit& m_oLimit;
 };
 
@@ -85,13 +81,13 @@ protected:
   CFileioError::SExceptionInfo WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
   {
     CFileSizeLimit oLimit(nLimit);
-    g_oFailHandler = m_pHandler = boost::make_shared<CCountingHandler>(nTrue, oLimit);
+    g_oFailHandler = m_pHandler = boost::make_shared<SCountingHandler>(nTrue, oLimit);
     return nTrue > 0 ? (fnWrite(), CFileioError::SExceptionInfo{}) : Raised(fnWrite);
   }
 
   Orl::Test::CScratchDirectory m_oDirectory;
   int m_nFile = ::open((m_oDirectory.GetPath() + "/f").c_str(), O_RDWR | O_CREAT, 0600);
-  boost::shared_ptr<CCountingHandler> m_pHandler;
+  boost::shared_ptr<SCountingHandler> m_pHandler;
 };
 
 } // namespace

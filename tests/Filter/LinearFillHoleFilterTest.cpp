@@ -19,22 +19,19 @@ struct SOtherIterator : TBase
   explicit SOtherIterator(const TBase& it) : TBase(it) {}
 };
 
+template <class TIt>
+auto Wrapped(const boost::tuples::tuple<TIt, TIt>& oIts)
+{
+  return boost::make_tuple(SOtherIterator<TIt>(boost::get<0>(oIts)), SOtherIterator<TIt>(boost::get<1>(oIts)));
+}
+
 template <class TPixel>
-class COtherIteratorBand : public CBand<TPixel, SMemoryTag>
+struct COtherIteratorBand : CBand<TPixel, SMemoryTag>
 {
   using TBase = CBand<TPixel, SMemoryTag>;
-
-public:
   using TBase::TBase;
-  auto GetBandIterators(const typename TBase::TRect& oRect) { return _Wrapped(TBase::GetBandIterators(oRect)); }
-  auto GetBandIterators(const typename TBase::TRect& oRect) const { return _Wrapped(TBase::GetBandIterators(oRect)); }
-
-private:
-  template <class TIt>
-  static auto _Wrapped(const boost::tuples::tuple<TIt, TIt>& oIts)
-  {
-    return boost::make_tuple(SOtherIterator<TIt>(boost::get<0>(oIts)), SOtherIterator<TIt>(boost::get<1>(oIts)));
-  }
+  auto GetBandIterators(const typename TBase::TRect& oRect) { return Wrapped(TBase::GetBandIterators(oRect)); }
+  auto GetBandIterators(const typename TBase::TRect& oRect) const { return Wrapped(TBase::GetBandIterators(oRect)); }
 };
 using Orl::Ostrel::Filter::Detail::SRowAccess;
 static_assert(!std::is_same<SRowAccess<SOtherIterator<Detail::CMemoryBandIterator<float, int>>>::TBuffer,
@@ -151,18 +148,6 @@ TEST(LinearFillHoleFilter, MaskSkipsAndOverrides)
   EXPECT_EQ(oResult.m_vecPixels, (std::vector<short>{10, -5, -5, -5, 70}));
   EXPECT_EQ(oResult.m_oNoData, -5);
   EXPECT_EQ(Fill(oCase, 1, 1.0f, true).m_vecPixels, (std::vector<short>{10, -5, 10, 70, 70}));
-}
-
-// The list holds 1024 * ((max >> 10) + 1) entries: exactly full with 1024 holes and a maximum of 0.
-TEST(LinearFillHoleFilter, HoleListCapacity)
-{
-  for (unsigned int nSize : {32u, 45u})
-  {
-    auto oCase = Row<unsigned char>(std::vector<unsigned char>(nSize * nSize, 0), 0, nSize);
-    oCase.m_vecSrc[0] = 42;
-    const SParams oParams{1, 100.0f, false, false, 0, 0};
-    ExpectSame(Reference(oCase, oParams), RunFilter<SMemoryTag>(oCase, oParams, nSize == 32 ? 0 : 1024), "capacity");
-  }
 }
 
 // Bands of different sizes work on the common rectangle; the rest of the destination is untouched.
