@@ -123,12 +123,13 @@ SResult<TPixel> Reference(const SCase<TPixel, TMask>& oCase, const SParams& oPar
   return oResult;
 }
 
-// Runs the filter on bands of the given types: tile bands are filled and read through their row runs,
-// any other band (CBand or a stand-in with other iterators) through its memory.
-template <class TImageBand, class TMaskBand, class TPixel, class TMask>
-SResult<TPixel> RunOn(const SCase<TPixel, TMask>& oCase, const SParams& oParams, unsigned int nMaxHolePixels)
+// Runs the filter on bands of the tag, or of the given types (a stand-in with other iterators). Tile
+// bands are filled and read through their row runs, the others through their memory.
+template <class TTag, class TPixel, class TMask, class TImageBand = Band::CBand<TPixel, TTag>,
+          class TMaskBand = Band::CBand<TMask, TTag>>
+SResult<TPixel> RunFilter(const SCase<TPixel, TMask>& oCase, const SParams& oParams, unsigned int nMaxHolePixels)
 {
-  constexpr bool bTiles = std::is_same<typename TImageBand::TTagType, Band::STileTag>::value;
+  constexpr bool bTiles = std::is_same<TTag, Band::STileTag>::value;
   TImageBand oSrc(oCase.m_nWidth, oCase.m_nHeight), oDest(oCase.m_nWidth, oCase.m_nHeight);
   TMaskBand oMask(oCase.m_nWidth, oCase.m_nHeight);
   const auto fnPrepare = [](auto& oBand, const auto& vecPixels, const auto& oNoData) {
@@ -157,12 +158,6 @@ SResult<TPixel> RunOn(const SCase<TPixel, TMask>& oCase, const SParams& oParams,
   else
     oResult.m_vecPixels.assign(oDest.GetRep().GetDataLocation(), oDest.GetRep().GetDataLocation() + oCase.m_vecSrc.size());
   return oResult;
-}
-
-template <class TTag, class TPixel, class TMask>
-SResult<TPixel> RunFilter(const SCase<TPixel, TMask>& oCase, const SParams& oParams, unsigned int nMaxHolePixels)
-{
-  return RunOn<Band::CBand<TPixel, TTag>, Band::CBand<TMask, TTag>>(oCase, oParams, nMaxHolePixels);
 }
 
 template <class TPixel>

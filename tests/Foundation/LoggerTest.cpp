@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <sstream>
-#include <stdexcept>
 
 using namespace Orl::Harnel::Progress;
 
@@ -89,13 +88,8 @@ TEST(LoggerTest, SurvivesLayersLeftByAnException)
   auto pSink = boost::make_shared<CRecordingSink>();
   CLogger oLogger(pSink, eVerbosityInfo, g_oEveryTime);
   PushLayer(oLogger, 1, 2); // the application's own layer: two files
-  EXPECT_THROW(
-    {
-      PushLayer(oLogger, 1, 10);
-      PushLayer(oLogger, 10, 100, eLayerParallel);
-      throw std::runtime_error("failed");
-    },
-    std::runtime_error);
+  PushLayer(oLogger, 1, 10); // a failed file's layers, left by its exception
+  PushLayer(oLogger, 10, 100, eLayerParallel);
   PushLayer(oLogger, 1, 4);
   EXPECT_EQ(oLogger.GetDepth(), 4u);
   oLogger.PopTo(1);
