@@ -45,20 +45,20 @@ struct SCountingHandler : CFailHandler
   CFileSizeLimit& m_oLimit;
 };
 
-// The single entry of the CFileioError that fnBody must raise.
-CFileioError::SExceptionInfo Raised(const std::function<void()>& fnBody)
+// fnBody must raise a CFileioError of one entry with this message and, unless -1, this error code.
+void ExpectRaised(const std::function<void()>& fnBody, const std::string& strMessage, int nErrorCode = -1)
 {
   try
   {
     fnBody();
+    ADD_FAILURE() << "no CFileioError";
   }
   catch (const CFileioError& oError)
   {
-    EXPECT_EQ(1u, oError.GetInfoCount());
-    return oError.GetInfo(0);
+    ASSERT_EQ(1u, oError.GetInfoCount());
+    EXPECT_EQ(strMessage, oError.GetInfo(0).m_strMessage);
+    EXPECT_TRUE(nErrorCode == -1 || nErrorCode == oError.GetInfo(0).m_nErrorCode) << oError.GetInfo(0).m_nErrorCode;
   }
-  ADD_FAILURE() << "no CFileioError";
-  return {};
 }
 
 class CFileioTest : public ::testing::Test
@@ -77,12 +77,12 @@ protected:
     return strContent;
   }
 
-  // fnWrite under a file size cap with a handler that retries nTrue times; without retries it must fail.
-  CFileioError::SExceptionInfo WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
+  // fnWrite under a file size cap with a handler that retries nTrue times.
+  void WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
   {
     CFileSizeLimit oLimit(nLimit);
     g_oFailHandler = m_pHandler = boost::make_shared<SCountingHandler>(nTrue, oLimit);
-    return nTrue > 0 ? (fnWrite(), CFileioError::SExceptionInfo{}) : Raised(fnWrite);
+    fnWrite();
   }
 
   Orl::Test::CScratchDirectory m_oDirectory;
@@ -97,28 +97,20 @@ TEST_F(CFileioTest, ShortReadsAreFinalAndFailedCallsCarryErrno)
   WriteFile(m_nFile, "abcdef", 6);
   SeekFile(m_nFile, 2, eSeekBegin);
   char aBuffer[8];
-  EXPECT_EQ("Failed to read enough bytes from a file", Raised([&] { ReadFile(m_nFile, aBuffer, 8); }).m_strMessage);
+  ExpectRaised([&] { ReadFile(m_nFile, aBuffer, 8); }, "Failed to read enough bytes from a file");
   EXPECT_NO_THROW(ReadFile(m_nFile, aBuffer, 0));
-  EXPECT_EQ("Failed to read enough bytes from a file", Raised([&] { ReadFileAt(m_nFile, aBuffer, 3, 4); }).m_strMessage);
-  const auto oRead = Raised([&] { ReadFile(-1, aBuffer, 4); });
-  EXPECT_EQ("Failed to read from a file", oRead.m_strMessage);
-  EXPECT_EQ(EBADF, oRead.m_nErrorCode);
-  const auto oSeek = Raised([&] { SeekFile(m_nFile, -1, eSeekBegin); });
-  EXPECT_EQ("Failed to seek within a file", oSeek.m_strMessage);
-  EXPECT_EQ(EINVAL, oSeek.m_nErrorCode);
+  ExpectRaised([&] { ReadFileAt(m_nFile, aBuffer, 3, 4); }, "Failed to read enough bytes from a file");
+  ExpectRaised([&] { ReadFile(-1, aBuffer, 4); }, "Failed to read from a file", EBADF);
+  ExpectRaised([&] { SeekFile(m_nFile, -1, eSeekBegin); }, "Failed to seek within a file", EINVAL);
 }
 
 TEST_F(CFileioTest, FailedWritesWithoutAWillingHandlerAreFinal)
 {
   {
     CFileSizeLimit oLimit(4);
-    const auto oShort = Raised([&] { WriteFile(m_nFile, "abcdefgh", 8); });
-    EXPECT_EQ("Failed to write enough data to a file", oShort.m_strMessage);
-    EXPECT_EQ(0, oShort.m_nErrorCode);
+    ExpectRaised([&] { WriteFile(m_nFile, "abcdefgh", 8); }, "Failed to write enough data to a file", 0);
   }
-  const auto oFailed = WriteWithHandler(0, 0, [&] { WriteFile(m_nFile, "ab", 2); });
-  EXPECT_EQ("Failed to write to a file", oFailed.m_strMessage);
-  EXPECT_EQ(EFBIG, oFailed.m_nErrorCode);
+  WriteWithHandler(0, 0, [&] { ExpectRaised([&] { WriteFile(m_nFile, "ab", 2); }, "Failed to write to a file", EFBIG); });
   EXPECT_EQ(1, m_pHandler->m_nCalls);
 }
 
