@@ -72,9 +72,8 @@ protected:
 
   std::string ReadAll() const
   {
-    std::string strContent(64, '\0');
-    strContent.resize(static_cast<std::size_t>(::pread(m_nFile, &strContent[0], strContent.size(), 0)));
-    return strContent;
+    char aContent[64];
+    return std::string(aContent, static_cast<std::size_t>(::pread(m_nFile, aContent, sizeof aContent, 0)));
   }
 
   // fnWrite under a file size cap with a handler that retries nTrue times.

@@ -17,6 +17,7 @@
 #include <random>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Orl { namespace Test { namespace FillHole {
@@ -29,10 +30,9 @@ using CFilter = Filter::CLinearFillHoleFilter<Filter::SDefaultLineData>;
 template <class T, class TFrom>
 T Truncate(TFrom f)
 {
-  constexpr bool b64 = std::is_same<T, unsigned int>::value || std::is_same<TFrom, double>::value;
   if constexpr (std::is_floating_point<T>::value)
     return T(f);
-  else if constexpr (b64)
+  else if constexpr (std::is_same<T, unsigned int>::value || std::is_same<TFrom, double>::value)
     return T(std::uint64_t(f >= TFrom(-0x1p63) && f < TFrom(0x1p63) ? std::int64_t(f) : INT64_MIN));
   else
     return T(f >= -0x1p31f && f < 0x1p31f ? std::int32_t(f) : INT32_MIN);
@@ -171,17 +171,12 @@ void ExpectSame(const SResult<TPixel>& oExpected, const SResult<TPixel>& oActual
   ASSERT_TRUE(!oExpected.m_oNoData || !std::memcmp(&*oExpected.m_oNoData, &*oActual.m_oNoData, sizeof(TPixel))) << strWhat;
 }
 
-// ---- Random cases -----------------------------------------------------------------------------------
-
 // The pixel and mask types the filter is built for.
-template <class TPixel, class TMask>
-using SPair = std::pair<TPixel, TMask>;
-using TInstances =
-  ::testing::Types<SPair<unsigned char, unsigned char>, SPair<unsigned short, unsigned char>,
-                   SPair<unsigned short, unsigned short>, SPair<short, unsigned char>, SPair<short, unsigned short>,
-                   SPair<unsigned int, unsigned char>, SPair<unsigned int, unsigned int>, SPair<int, unsigned char>,
-                   SPair<int, unsigned int>, SPair<float, unsigned char>, SPair<float, float>,
-                   SPair<double, unsigned char>, SPair<double, double>>;
+using TInstances = ::testing::Types<
+  std::pair<unsigned char, unsigned char>, std::pair<unsigned short, unsigned char>, std::pair<unsigned short, unsigned short>,
+  std::pair<short, unsigned char>, std::pair<short, unsigned short>, std::pair<unsigned int, unsigned char>,
+  std::pair<unsigned int, unsigned int>, std::pair<int, unsigned char>, std::pair<int, unsigned int>,
+  std::pair<float, unsigned char>, std::pair<float, float>, std::pair<double, unsigned char>, std::pair<double, double>>;
 
 template <class T>
 T RandomValue(std::mt19937& oRng, bool bFullRange)
@@ -192,10 +187,9 @@ T RandomValue(std::mt19937& oRng, bool bFullRange)
       return (oRng() % 2 ? 1 : -1) * std::numeric_limits<T>::max() / T(1 + oRng() % 4);
     return T(std::uniform_real_distribution<double>(bFullRange ? -1e7 : -100.0, bFullRange ? 1e7 : 100.0)(oRng));
   }
-  else if (bFullRange)
-    return T(std::uniform_int_distribution<long long>(std::numeric_limits<T>::lowest(), std::numeric_limits<T>::max())(oRng));
   else
-    return T(std::uniform_int_distribution<int>(0, 100)(oRng));
+    return T(std::uniform_int_distribution<long long>(bFullRange ? std::numeric_limits<T>::lowest() : 0,
+                                                      bFullRange ? std::numeric_limits<T>::max() : 100)(oRng));
 }
 
 enum EPattern { eScattered, eDense, eBlobs, eAllHoles, eNoHoles };

@@ -2,9 +2,8 @@
 #include "Filter/LinearFillHoleFilterImpl.h"
 #include "Foundation/Logger.h"
 
-#include <gtest/gtest.h>
-
 #include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -44,7 +43,7 @@ class LinearFillHoleReferenceTest : public ::testing::Test
 };
 TYPED_TEST_SUITE(LinearFillHoleReferenceTest, TInstances);
 
-TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBit)
+TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBitOnEveryBandKind)
 {
   using TPixel = typename TypeParam::first_type;
   using TMask = typename TypeParam::second_type;
@@ -57,14 +56,9 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBit)
     ExpectSame(oExpected, fnOther(oCase, oParams, nMaxHoles), strWhat + " (generic row access)");
     ExpectSame(oExpected, RunFilter<STileTag>(oCase, oParams, nMaxHoles), strWhat + " (tiles)");
   });
-}
 
-// About twenty tiles per band under a budget of four: rows cross tile borders, the hole list runs over
-// several of its tiles and back, and all of it spills and comes back.
-TYPED_TEST(LinearFillHoleReferenceTest, TilesThatSpillEqualMemory)
-{
-  using TPixel = typename TypeParam::first_type;
-  using TMask = typename TypeParam::second_type;
+  // About twenty tiles per band under a budget of four: rows cross tile borders, the hole list runs over
+  // several of its tiles and back, and all of it spills and comes back.
   const unsigned nWidth = 4 * Detail::STileSize<TPixel>::ms_nX + 9, nHeight = 2 * Detail::STileSize<TPixel>::ms_nY + 3;
   const Orl::Test::CTileBudget oBudget(2u << 20);
   const auto nReadBefore = Orl::Test::TileCache().GetCounters().m_nRecordsRead;
@@ -75,8 +69,6 @@ TYPED_TEST(LinearFillHoleReferenceTest, TilesThatSpillEqualMemory)
   ExpectSame(RunFilter<SMemoryTag>(oCase, oParams, nMaxHoles), RunFilter<STileTag>(oCase, oParams, nMaxHoles), "spilling");
   EXPECT_GT(Orl::Test::TileCache().GetCounters().m_nRecordsRead, nReadBefore);
 }
-
-// ---- Worked examples --------------------------------------------------------------------------------
 
 // A band of the given width (default: one row), with a mask that selects nothing.
 template <class TPixel>
@@ -97,7 +89,7 @@ SResult<TPixel> Fill(const SCase<TPixel, unsigned char>& oCase, unsigned nMin, f
   return RunFilter<SMemoryTag>(oCase, SParams{nMin, fMaxDistance, bMask, false, 0, 0}, 0);
 }
 
-TEST(LinearFillHoleFilter, ReachAndMinimumDirections)
+TEST(LinearFillHoleFilter, ReachMinimumDirectionsAndBorders)
 {
   const auto oThree = Row<unsigned short>({10, 0, 0, 0, 20}, 0);
   EXPECT_EQ(Fill(oThree, 1, 3.0f).m_vecPixels, (std::vector<unsigned short>{10, 12, 15, 17, 20}));
@@ -115,15 +107,12 @@ TEST(LinearFillHoleFilter, ReachAndMinimumDirections)
   EXPECT_FALSE(oNaNInt.m_oNoData);
   EXPECT_EQ(Fill(Row<unsigned int>({5}, 5), 0, 5.0f).m_vecPixels[0], 0u);
   EXPECT_TRUE(std::isnan(Fill(Row<float>({NAN}, 0), 0, 5.0f).m_vecPixels[0]));
-}
 
-// Border holes see at most five lines, corner holes three.
-TEST(LinearFillHoleFilter, BorderAndCornerHoles)
-{
-  const auto oCase = Row<float>({INFINITY, 1, 1, 1, 1, 1, 1, INFINITY, 1}, 0, 3);
+  // Border holes see at most five lines, corner holes three.
+  const auto oBorders = Row<float>({INFINITY, 1, 1, 1, 1, 1, 1, INFINITY, 1}, 0, 3);
   for (unsigned int nMin = 1; nMin <= 6; ++nMin)
   {
-    const auto oResult = Fill(oCase, nMin, 2.0f);
+    const auto oResult = Fill(oBorders, nMin, 2.0f);
     EXPECT_EQ(oResult.m_vecPixels[0] == 1.0f, nMin <= 3) << nMin;
     EXPECT_EQ(oResult.m_vecPixels[7] == 1.0f, nMin <= 5) << nMin;
   }

@@ -36,8 +36,7 @@ public:
   std::vector<std::string> GetEntries() const
   {
     std::vector<std::string> vecNames;
-    std::error_code oError;
-    for (const auto& oEntry : std::filesystem::directory_iterator(m_strPath, oError))
+    for (const auto& oEntry : std::filesystem::directory_iterator(m_strPath))
       vecNames.push_back(oEntry.path().filename().string());
     return vecNames;
   }

@@ -11,20 +11,16 @@ using Orl::Harnel::Utilities::CBoundedBuffer;
 
 namespace {
 
-// A consumer blocked in RemoveElement.
+// A consumer blocked in RemoveElement; Returned(n) tells whether it came back within n milliseconds.
 struct SConsumer
 {
   explicit SConsumer(CBoundedBuffer<unsigned int>& oBuffer)
-    : m_oThread([this, &oBuffer] {
-        m_nValue = oBuffer.RemoveElement();
-        m_bDone = true;
-      })
+    : m_oThread([this, &oBuffer] { m_nValue = oBuffer.RemoveElement(), m_bDone = true; })
   {
     std::this_thread::sleep_for(std::chrono::milliseconds(20)); // let it reach the wait
   }
   ~SConsumer() { m_oThread.join(); }
 
-  // Whether it returned within nMilliseconds.
   bool Returned(int nMilliseconds) const
   {
     for (int i = 0; i < nMilliseconds && !m_bDone; ++i)
