@@ -8,30 +8,58 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <unistd.h>
 
 using namespace Orl::Harnel::Fileio;
+using Orl::Harnel::CBasicException;
 using Orl::Test::CFileSizeLimit;
+
+static_assert(!std::is_base_of<std::exception, CBasicException>::value, "caught by name only");
+static_assert(std::is_base_of<CBasicException, CFileioError>::value, "a handler for the root catches file errors");
+
+TEST(BasicExceptionTest, PrintsTheChainOldestFirstWithPositionsDetailAndError)
+{
+  CFileioError oError("/src/Libraries/Fileio/FileioUnix.cpp", 57, "Failed to write to a file", ENOSPC, "flush");
+  oError.AddMessage("/src/Libraries/Band/Tile.h", 240, "Failed to write to the disk tile cache", 0, "");
+  EXPECT_EQ("Failed to write to a file - flush [FileioUnix.cpp:57] (error " + std::to_string(ENOSPC) +
+              ": No space left on device)\n  Failed to write to the disk tile cache [Tile.h:240]",
+            oError.ToString());
+}
 
 namespace {
 
-// Answers true nTrue times, then false; runs fnAction on every call.
-class CCountingHandler : public CFailHandler
+// Answers true nTrue times, lifting the file size cap on the last of them, then false.
+struct SCountingHandler : CFailHandler
 {
-public:
-  CCountingHandler(int nTrue, std::function<void()> fnAction) : m_nTrue(nTrue), m_fnAction(std::move(fnAction)) {}
+  SCountingHandler(int nTrue, CFileSizeLimit& oLimit) : m_nTrue(nTrue), m_oLimit(oLimit) {}
   bool OnWriteFailed(int) override
   {
-    m_fnAction();
-    return m_nCalls++ < m_nTrue;
+    if (++m_nCalls == m_nTrue)
+      m_oLimit.Lift();
+    return m_nCalls <= m_nTrue;
   }
-  int m_nCalls = 0;
-
-private:
-  int m_nTrue;
-  std::function<void()> m_fnAction;
+  int m_nTrue, m_nCalls = 0;
+  CFileSizeLimit& m_oLimit;
 };
+
+// fnBody must raise a CFileioError of one entry with this message and, unless -1, this error code.
+void ExpectRaised(const std::function<void()>& fnBody, const std::string& strMessage, int nErrorCode = -1)
+{
+  try
+  {
+    fnBody();
+    ADD_FAILURE() << "no CFileioError";
+  }
+  catch (const CFileioError& oError)
+  {
+    ASSERT_EQ(1u, oError.GetInfoCount());
+    EXPECT_EQ(strMessage, oError.GetInfo(0).m_strMessage);
+    EXPECT_TRUE(nErrorCode == -1 || nErrorCode == oError.GetInfo(0).m_nErrorCode) << oError.GetInfo(0).m_nErrorCode;
+  }
+}
 
 class CFileioTest : public ::testing::Test
 {
@@ -44,41 +72,21 @@ protected:
 
   std::string ReadAll() const
   {
-    std::string strContent(64, '\0');
-    strContent.resize(static_cast<std::size_t>(::pread(m_nFile, &strContent[0], strContent.size(), 0)));
-    return strContent;
+    char aContent[64];
+    return std::string(aContent, static_cast<std::size_t>(::pread(m_nFile, aContent, sizeof aContent, 0)));
   }
 
-  // The single entry of the CFileioError that fnBody must raise.
-  static CFileioError::SExceptionInfo Raised(const std::function<void()>& fnBody)
-  {
-    try
-    {
-      fnBody();
-    }
-    catch (const CFileioError& oError)
-    {
-      EXPECT_EQ(1u, oError.GetInfoCount());
-      return oError.GetInfo(0);
-    }
-    ADD_FAILURE() << "no CFileioError";
-    return {};
-  }
-
-  CFileioError::SExceptionInfo WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
+  // fnWrite under a file size cap with a handler that retries nTrue times.
+  void WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
   {
     CFileSizeLimit oLimit(nLimit);
-    m_pHandler = boost::make_shared<CCountingHandler>(nTrue, [&] {
-      if (m_pHandler->m_nCalls + 1 == nTrue)
-        oLimit.Lift();
-    });
-    g_oFailHandler = m_pHandler;
-    return nTrue > 0 ? (fnWrite(), CFileioError::SExceptionInfo{}) : Raised(fnWrite);
+    g_oFailHandler = m_pHandler = boost::make_shared<SCountingHandler>(nTrue, oLimit);
+    fnWrite();
   }
 
   Orl::Test::CScratchDirectory m_oDirectory;
   int m_nFile = ::open((m_oDirectory.GetPath() + "/f").c_str(), O_RDWR | O_CREAT, 0600);
-  boost::shared_ptr<CCountingHandler> m_pHandler;
+  boost::shared_ptr<SCountingHandler> m_pHandler;
 };
 
 } // namespace
@@ -88,28 +96,20 @@ TEST_F(CFileioTest, ShortReadsAreFinalAndFailedCallsCarryErrno)
   WriteFile(m_nFile, "abcdef", 6);
   SeekFile(m_nFile, 2, eSeekBegin);
   char aBuffer[8];
-  EXPECT_EQ("Failed to read enough bytes from a file", Raised([&] { ReadFile(m_nFile, aBuffer, 8); }).m_strMessage);
+  ExpectRaised([&] { ReadFile(m_nFile, aBuffer, 8); }, "Failed to read enough bytes from a file");
   EXPECT_NO_THROW(ReadFile(m_nFile, aBuffer, 0));
-  EXPECT_EQ("Failed to read enough bytes from a file", Raised([&] { ReadFileAt(m_nFile, aBuffer, 3, 4); }).m_strMessage);
-  const auto oRead = Raised([&] { ReadFile(-1, aBuffer, 4); });
-  EXPECT_EQ("Failed to read from a file", oRead.m_strMessage);
-  EXPECT_EQ(EBADF, oRead.m_nErrorCode);
-  const auto oSeek = Raised([&] { SeekFile(m_nFile, -1, eSeekBegin); });
-  EXPECT_EQ("Failed to seek within a file", oSeek.m_strMessage);
-  EXPECT_EQ(EINVAL, oSeek.m_nErrorCode);
+  ExpectRaised([&] { ReadFileAt(m_nFile, aBuffer, 3, 4); }, "Failed to read enough bytes from a file");
+  ExpectRaised([&] { ReadFile(-1, aBuffer, 4); }, "Failed to read from a file", EBADF);
+  ExpectRaised([&] { SeekFile(m_nFile, -1, eSeekBegin); }, "Failed to seek within a file", EINVAL);
 }
 
 TEST_F(CFileioTest, FailedWritesWithoutAWillingHandlerAreFinal)
 {
   {
     CFileSizeLimit oLimit(4);
-    const auto oShort = Raised([&] { WriteFile(m_nFile, "abcdefgh", 8); });
-    EXPECT_EQ("Failed to write enough data to a file", oShort.m_strMessage);
-    EXPECT_EQ(0, oShort.m_nErrorCode);
+    ExpectRaised([&] { WriteFile(m_nFile, "abcdefgh", 8); }, "Failed to write enough data to a file", 0);
   }
-  const auto oFailed = WriteWithHandler(0, 0, [&] { WriteFile(m_nFile, "ab", 2); });
-  EXPECT_EQ("Failed to write to a file", oFailed.m_strMessage);
-  EXPECT_EQ(EFBIG, oFailed.m_nErrorCode);
+  WriteWithHandler(0, 0, [&] { ExpectRaised([&] { WriteFile(m_nFile, "ab", 2); }, "Failed to write to a file", EFBIG); });
   EXPECT_EQ(1, m_pHandler->m_nCalls);
 }
 

@@ -4,18 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 namespace Orl { namespace Test {
 
-template <class TList>
-struct SToGTestTypes;
-
 template <class... T>
-struct SToGTestTypes<Harnel::STypeList<T...>>
-{
-  using type = ::testing::Types<T...>;
-};
+::testing::Types<T...> ToGTestTypes(Harnel::STypeList<T...>);
 
 // The seven pixel types, for TYPED_TEST_SUITE.
-using TAllPixelTypes = SToGTestTypes<Harnel::TPixelTypes>::type;
+using TAllPixelTypes = decltype(ToGTestTypes(std::declval<Harnel::TPixelTypes>()));
 
 }} // namespace Orl::Test

@@ -4,15 +4,14 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <dirent.h>
+#include <filesystem>
 #include <string>
 #include <sys/resource.h>
-#include <unistd.h>
 #include <vector>
 
 namespace Orl { namespace Test {
 
-// A fresh directory under TMPDIR (or /tmp), removed with whatever is left in it (flat only).
+// A fresh directory under TMPDIR (or /tmp), removed with whatever is left in it.
 class CScratchDirectory
 {
 public:
@@ -26,9 +25,8 @@ public:
   }
   ~CScratchDirectory()
   {
-    for (const std::string& strName : GetEntries())
-      ::unlink((m_strPath + "/" + strName).c_str());
-    ::rmdir(m_strPath.c_str());
+    std::error_code oError;
+    std::filesystem::remove_all(m_strPath, oError);
   }
   CScratchDirectory(const CScratchDirectory&) = delete;
   CScratchDirectory& operator=(const CScratchDirectory&) = delete;
@@ -38,13 +36,8 @@ public:
   std::vector<std::string> GetEntries() const
   {
     std::vector<std::string> vecNames;
-    if (DIR* pDir = ::opendir(m_strPath.c_str()))
-    {
-      while (const dirent* pEntry = ::readdir(pDir))
-        if (std::string(pEntry->d_name) != "." && std::string(pEntry->d_name) != "..")
-          vecNames.push_back(pEntry->d_name);
-      ::closedir(pDir);
-    }
+    for (const auto& oEntry : std::filesystem::directory_iterator(m_strPath))
+      vecNames.push_back(oEntry.path().filename().string());
     return vecNames;
   }
 
@@ -58,10 +51,9 @@ private:
 class CFileSizeLimit
 {
 public:
-  explicit CFileSizeLimit(rlim_t nBytes)
+  explicit CFileSizeLimit(rlim_t nBytes) : m_pOldHandler(std::signal(SIGXFSZ, SIG_IGN))
   {
     ::getrlimit(RLIMIT_FSIZE, &m_oOld);
-    m_pOldHandler = std::signal(SIGXFSZ, SIG_IGN);
     Set(nBytes);
   }
   ~CFileSizeLimit()
@@ -82,8 +74,8 @@ public:
   void Lift() { Set(m_oOld.rlim_cur); }
 
 private:
+  void (*m_pOldHandler)(int);
   rlimit m_oOld{};
-  void (*m_pOldHandler)(int) = SIG_DFL;
 };
 
 }} // namespace Orl::Test

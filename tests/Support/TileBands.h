@@ -54,11 +54,7 @@ void WritePixels(TBand& oBand, const std::vector<typename TBand::TPixel>& vecPix
   auto itFrom = vecPixels.begin();
   Ostrel::Band::Detail::WalkRectRuns(
     boost::get<0>(oBand.GetBandIterators(oBand)), int(oBand.GetWidth()), int(oBand.GetHeight()),
-    [&](typename TBand::TPixel* p, int n) {
-      std::copy_n(itFrom, n, p);
-      itFrom += n;
-    },
-    [] {});
+    [&](typename TBand::TPixel* p, int n) { std::copy_n(itFrom, n, p); itFrom += n; }, [] {});
 }
 
 }} // namespace Orl::Test

@@ -11,21 +11,16 @@ using Orl::Harnel::Utilities::CBoundedBuffer;
 
 namespace {
 
-// A consumer blocked in RemoveElement.
-class CConsumer
+// A consumer blocked in RemoveElement; Returned(n) tells whether it came back within n milliseconds.
+struct SConsumer
 {
-public:
-  explicit CConsumer(CBoundedBuffer<unsigned int>& oBuffer)
-    : m_oThread([this, &oBuffer] {
-        m_nValue = oBuffer.RemoveElement();
-        m_bDone = true;
-      })
+  explicit SConsumer(CBoundedBuffer<unsigned int>& oBuffer)
+    : m_oThread([this, &oBuffer] { m_nValue = oBuffer.RemoveElement(), m_bDone = true; })
   {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let it reach the wait
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // let it reach the wait
   }
-  ~CConsumer() { m_oThread.join(); }
+  ~SConsumer() { m_oThread.join(); }
 
-  // Whether it returned within nMilliseconds.
   bool Returned(int nMilliseconds) const
   {
     for (int i = 0; i < nMilliseconds && !m_bDone; ++i)
@@ -44,7 +39,7 @@ TEST(BoundedBufferTest, WakesTheConsumerForABatchOrAForcedValueAndDropsValuesWhe
 {
   CBoundedBuffer<unsigned int> oBuffer(9);
   {
-    CConsumer oConsumer(oBuffer);
+    SConsumer oConsumer(oBuffer);
     for (unsigned int n = 1; n <= 6; ++n)
       oBuffer.AddElementIfPossible(n, false);
     EXPECT_FALSE(oConsumer.Returned(50)) << "woken below the batch limit";
@@ -59,7 +54,7 @@ TEST(BoundedBufferTest, WakesTheConsumerForABatchOrAForcedValueAndDropsValuesWhe
   for (unsigned int n = 2; n <= 10; ++n)
     EXPECT_EQ(n, oBuffer.RemoveElement());
   // A forced value wakes the consumer at once.
-  CConsumer oConsumer(oBuffer);
+  SConsumer oConsumer(oBuffer);
   oBuffer.AddElementIfPossible(0x7fffffff, true);
   EXPECT_TRUE(oConsumer.Returned(5000));
   EXPECT_EQ(0x7fffffffu, oConsumer.m_nValue);
