@@ -71,7 +71,8 @@ TPlainWalk<TSrcIterator, TDestIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterato
 
 // Columns outside, rows inside, bounded by the source.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd,
+                                                             TDestIterator itDest)
 {
   while (itSrc.X != itSrcEnd.X)
   {
@@ -87,7 +88,8 @@ TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc,
 // Bounded by the destination. The source steps only when another pixel is known to follow, so it
 // never moves past the last pixel it gives: safe for a source with no room beyond its end.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest,
+                                                         TDestIterator itDestEnd)
 {
   if (itDest.Y == itDestEnd.Y)
     return;
@@ -115,7 +117,8 @@ TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDe
 
 // The same with columns outside.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest,
+                                                                     TDestIterator itDestEnd)
 {
   if (itDest.X == itDestEnd.X)
     return;

@@ -61,14 +61,16 @@ TTileWalk<TSrcIterator, TDestIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator
 }
 
 template <class TSrcIterator, class TDestIterator>
-TTileWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TTileWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest,
+                                                        TDestIterator itDestEnd)
 {
   CopyRectRuns(itSrc, itDest, itDestEnd.X - itDest.X, itDestEnd.Y - itDest.Y);
 }
 
 // Columns outside: nothing to gain from runs, the plain walks' steps.
 template <class TSrcIterator, class TDestIterator>
-TTileWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+TTileWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd,
+                                                            TDestIterator itDest)
 {
   for (; itSrc.X != itSrcEnd.X; ++itSrc.X, ++itDest.X)
   {
@@ -80,7 +82,8 @@ TTileWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, 
 }
 
 template <class TSrcIterator, class TDestIterator>
-TTileWalk<TSrcIterator, TDestIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
+TTileWalk<TSrcIterator, TDestIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest,
+                                                                    TDestIterator itDestEnd)
 {
   for (bool bFirst = true; itDest.X != itDestEnd.X; ++itDest.X, bFirst = false)
   {
