@@ -158,6 +158,14 @@ BENCHMARK_TEMPLATE(BM_Copy2D, STileTag, STileTag)->Unit(benchmark::kMillisecond)
 BENCHMARK_TEMPLATE(BM_Copy2D, SMemoryTag, STileTag)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK_TEMPLATE(BM_Copy2D, STileTag, SMemoryTag)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The prefetch patterns the spilled benchmarks compare, none first.
+void PrefetchPatterns(benchmark::internal::Benchmark* pBenchmark)
+{
+  pBenchmark->ArgName("prefetch")->Unit(benchmark::kMillisecond)->UseRealTime();
+  for (const EPrefetchPattern ePattern : {ePrefetchNone, ePrefetchNextRow, ePrefetchRestOfRow, ePrefetchNextTile})
+    pBenchmark->Arg(ePattern);
+}
+
 // --- Fill-hole ------------------------------------------------------------------------------------
 
 using CFillHole = Orl::Ostrel::Filter::CLinearFillHoleFilter<Orl::Ostrel::Filter::SDefaultLineData>;
@@ -189,14 +197,7 @@ void BM_FillHoleSpilled(benchmark::State& oState)
   oTraffic.Report(oState);
   ReportPixels(oState);
 }
-BENCHMARK(BM_FillHoleSpilled)
-  ->ArgName("prefetch")
-  ->Arg(ePrefetchNone)
-  ->Arg(ePrefetchNextRow)
-  ->Arg(ePrefetchRestOfRow)
-  ->Arg(ePrefetchNextTile)
-  ->Unit(benchmark::kMillisecond)
-  ->UseRealTime();
+BENCHMARK(BM_FillHoleSpilled)->Apply(PrefetchPatterns);
 
 // --- A spilled band read row by row ------------------------------------------------------------------
 
@@ -230,14 +231,7 @@ void BM_SpilledRowWalk(benchmark::State& oState)
   oTraffic.Report(oState);
   ReportPixels(oState);
 }
-BENCHMARK(BM_SpilledRowWalk)
-  ->ArgName("prefetch")
-  ->Arg(ePrefetchNone)
-  ->Arg(ePrefetchNextRow)
-  ->Arg(ePrefetchRestOfRow)
-  ->Arg(ePrefetchNextTile)
-  ->Unit(benchmark::kMillisecond)
-  ->UseRealTime();
+BENCHMARK(BM_SpilledRowWalk)->Apply(PrefetchPatterns);
 
 } // namespace
 
