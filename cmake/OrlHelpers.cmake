@@ -15,6 +15,13 @@ function(orl_add_test name)
   file(WRITE "${script}"
     "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${ARG_LABELS}\")\nendif()\n")
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${script}")
+  # The ThreadSanitizer run builds only these.
+  if("concurrency" IN_LIST ARG_LABELS)
+    if(NOT TARGET OrlConcurrencyTests)
+      add_custom_target(OrlConcurrencyTests)
+    endif()
+    add_dependencies(OrlConcurrencyTests ${name})
+  endif()
 endfunction()
 
 # orl_add_benchmark(<name> <sources...>)
