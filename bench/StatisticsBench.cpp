@@ -3,8 +3,9 @@
 // Min/max/mean/variance in one traversal (CalcMinMaxMeanVar) on a float 8192 x 8192 band and an
 // unsigned char 16384 x 16384 band (256 MiB each), with and without no-data, in the default arena and
 // in a one-thread arena; the references are single-pass loops that only sum the same pixels: on one
-// thread, and split over the default arena the same way. The histogram (1024 bins wanted) is
-// reported per pixel. Each benchmark reports ns_per_pixel; compare medians of the repetitions.
+// thread, and split over the default arena the same way. The histogram (1024 bins wanted) and
+// CalcMeanVar's serial pass are reported per pixel. Each benchmark reports ns_per_pixel; compare
+// medians of the repetitions.
 //
 //   StatisticsBench --benchmark_repetitions=12 --benchmark_enable_random_interleaving=true
 //                   --benchmark_report_aggregates_only=true
@@ -177,6 +178,22 @@ void BM_MinMaxMeanVarOneThread(benchmark::State& state)
   SetPerPixel<TPixel>(state);
 }
 
+// CalcMeanVar without no-data: the serial for-each, which adds floating pixels one at a time in row
+// order (a chain of dependent additions), and runs the row loops for integer pixels.
+template <class TPixel>
+void BM_MeanVarSerial(benchmark::State& state)
+{
+  const auto& oBand = Band<TPixel>(false);
+  for (auto _ : state)
+  {
+    double dMean, dVariance;
+    unsigned long nValid, nInvalid;
+    oBand.GetRep().GetStatistics().m_pCalculator->CalcMeanVar(dMean, dVariance, nValid, nInvalid, false, {});
+    benchmark::DoNotOptimize(dVariance);
+  }
+  SetPerPixel<TPixel>(state);
+}
+
 template <class TPixel>
 void BM_Histogram1024(benchmark::State& state)
 {
@@ -202,6 +219,7 @@ void BM_Histogram1024(benchmark::State& state)
   BENCHMARK_TEMPLATE(BM_ReferenceSumParallel, T)->Unit(benchmark::kMillisecond)->UseRealTime();          \
   BENCHMARK_TEMPLATE(BM_MinMaxMeanVar, T)->ArgName("nodata")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime(); \
   BENCHMARK_TEMPLATE(BM_MinMaxMeanVarOneThread, T)->ArgName("nodata")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime(); \
+  BENCHMARK_TEMPLATE(BM_MeanVarSerial, T)->Unit(benchmark::kMillisecond)->UseRealTime();                 \
   BENCHMARK_TEMPLATE(BM_Histogram1024, T)->ArgName("nodata")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 ORL_STATISTICS_BENCH(float)
 ORL_STATISTICS_BENCH(unsigned char)

@@ -2,6 +2,7 @@
 
 #include "Band/Detail/RowRuns.h"
 #include "Band/MemoryBandIterator.h"
+#include "Band/TileBandIterator.h"
 #include "Foundation/Logger.h"
 #include "Foundation/PixelTypes.h"
 #include "Foundation/Point.h"
@@ -15,6 +16,7 @@
 #include <tbb/partitioner.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -29,50 +31,92 @@ struct SAllowParallelFor
 
 namespace Detail {
 
-// Whether a walk may be written with an unrolled inner loop for this iterator type. The tile
-// iterators ask for it (Detail/TileCopyWalks.h): their walks copy row runs instead of stepping pixel by
-// pixel.
+// Whether a walk may be written with an unrolled inner loop for this iterator type: false for every
+// iterator of the library. The walks below get their speed from the row runs (Detail/RowRuns.h)
+// instead, asked with if constexpr inside each walk.
 template <class TIterator>
 struct SAllowIteratorUnrolling
 {
   static constexpr bool BALLOWUNROLLING = false;
 };
 
-// The run walks serve a source that allows unrolling, and a destination that does when the source
-// has row runs to read (a memory band's rows); the plain walks below serve the rest.
-template <class TSrcIterator, class TDestIterator>
-struct SUseRunWalks
-  : std::integral_constant<bool, SAllowIteratorUnrolling<TSrcIterator>::BALLOWUNROLLING ||
-                                   (SAllowIteratorUnrolling<TDestIterator>::BALLOWUNROLLING &&
-                                    SRowRuns<TSrcIterator>::value)>
-{
-};
+template <class TSrcIterator>
+using TPlainWalk = typename boost::disable_if_c<SAllowIteratorUnrolling<TSrcIterator>::BALLOWUNROLLING, void>::type;
 
+// Copies nWidth x nHeight pixels by runs, from either side that has them. Neither iterator moves past
+// the rectangle's last row or column, so the copy bounded by the source and the one bounded by the
+// destination are the same walk. Both sides with runs go strip by strip, a tile column at a time:
+// the order of a copy does not matter, and each tile is then read and written as one stream.
 template <class TSrcIterator, class TDestIterator>
-using TPlainWalk = typename boost::disable_if_c<SUseRunWalks<TSrcIterator, TDestIterator>::value, void>::type;
-
-// The four walks of one block. Required of the iterators: *it (assignable on the destination),
-// ++it.X, ++it.Y, it.X != it.X, it.Y != it.Y. All take their iterators by value and move them.
-//
-// Rows outside, columns inside, bounded by the source.
-template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator, TDestIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+void CopyRectRuns(const TSrcIterator& itSrc, const TDestIterator& itDest, int nWidth, int nHeight)
 {
-  while (itSrc.Y != itSrcEnd.Y)
+  using Pravik::GraphObject2d::CPoint;
+  assert(nWidth >= 0 && nHeight >= 0 && "blocks are copied towards increasing X and Y");
+  if constexpr (SRowRuns<TSrcIterator>::value && SRowRuns<TDestIterator>::value)
+    WalkRectRunStrips(itSrc, itDest, nWidth, nHeight,
+                      [](const auto* pSrc, auto* pDest, int nRun) { CopyRun(pSrc, pDest, nRun); });
+  else
   {
-    TSrcIterator itS = itSrc;
-    TDestIterator itD = itDest;
-    for (; itS.X != itSrcEnd.X; ++itS.X, ++itD.X)
-      *itD = *itS;
-    ++itSrc.Y;
-    ++itDest.Y;
+    // One side by runs, the other stepped along, never past the last pixel.
+    constexpr bool bSrcRuns = SRowRuns<TSrcIterator>::value;
+    auto itOther = [&] {
+      if constexpr (bSrcRuns)
+        return itDest;
+      else
+        return itSrc;
+    }();
+    int nColumn = 0, nRow = 0;
+    const auto fnRowEnd = [&] {
+      nColumn = 0;
+      if (++nRow < nHeight && nWidth > 0)
+        itOther += CPoint<int>(1 - nWidth, 1);
+    };
+    const auto fnRun = [&](auto* pRun, int nRun) {
+      for (int i = 0; i < nRun; ++i)
+      {
+        if constexpr (bSrcRuns)
+          *itOther = pRun[i];
+        else
+          pRun[i] = *itOther;
+        if (++nColumn < nWidth)
+          ++itOther.X;
+      }
+    };
+    if constexpr (bSrcRuns)
+      WalkRectRuns(itSrc, nWidth, nHeight, fnRun, fnRowEnd);
+    else
+      WalkRectRuns(itDest, nWidth, nHeight, fnRun, fnRowEnd);
   }
 }
 
-// Columns outside, rows inside, bounded by the source.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd,
-                                                             TDestIterator itDest)
+constexpr bool g_bCopyRuns = SRowRuns<TSrcIterator>::value || SRowRuns<TDestIterator>::value;
+
+// The four walks of one block. Required of the iterators: *it (assignable on the destination),
+// ++it.X, ++it.Y, it.X != it.X, it.Y != it.Y, and it += CPoint<int> where one side has row runs.
+// All take their iterators by value and move them.
+//
+// Rows outside, columns inside, bounded by the source.
+template <class TSrcIterator, class TDestIterator>
+TPlainWalk<TSrcIterator> DoCopy2D(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
+{
+  if constexpr (g_bCopyRuns<TSrcIterator, TDestIterator>)
+    CopyRectRuns(itSrc, itDest, itSrcEnd.X - itSrc.X, itSrcEnd.Y - itSrc.Y);
+  else
+    while (itSrc.Y != itSrcEnd.Y)
+    {
+      TSrcIterator itS = itSrc;
+      TDestIterator itD = itDest;
+      for (; itS.X != itSrcEnd.X; ++itS.X, ++itD.X)
+        *itD = *itS;
+      ++itSrc.Y;
+      ++itDest.Y;
+    }
+}
+
+// Columns outside, rows inside, bounded by the source. Nothing to gain from runs here.
+template <class TSrcIterator, class TDestIterator>
+TPlainWalk<TSrcIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc, TSrcIterator itSrcEnd, TDestIterator itDest)
 {
   while (itSrc.X != itSrcEnd.X)
   {
@@ -88,37 +132,41 @@ TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DColumnsFirst(TSrcIterator itSrc,
 // Bounded by the destination. The source steps only when another pixel is known to follow, so it
 // never moves past the last pixel it gives: safe for a source with no room beyond its end.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest,
-                                                         TDestIterator itDestEnd)
+TPlainWalk<TSrcIterator> DoCopy2DIterDest(TSrcIterator itSrc, TDestIterator itDest, TDestIterator itDestEnd)
 {
-  if (itDest.Y == itDestEnd.Y)
-    return;
-  for (;;)
+  if constexpr (g_bCopyRuns<TSrcIterator, TDestIterator>)
+    CopyRectRuns(itSrc, itDest, itDestEnd.X - itDest.X, itDestEnd.Y - itDest.Y);
+  else
   {
-    TSrcIterator itS = itSrc;
-    TDestIterator itD = itDest;
-    if (itD.X != itDestEnd.X)
-    {
-      *itD = *itS;
-      ++itD.X;
-      while (itD.X != itDestEnd.X)
-      {
-        ++itS.X;
-        *itD = *itS;
-        ++itD.X;
-      }
-    }
-    ++itDest.Y;
     if (itDest.Y == itDestEnd.Y)
       return;
-    ++itSrc.Y;
+    for (;;)
+    {
+      TSrcIterator itS = itSrc;
+      TDestIterator itD = itDest;
+      if (itD.X != itDestEnd.X)
+      {
+        *itD = *itS;
+        ++itD.X;
+        while (itD.X != itDestEnd.X)
+        {
+          ++itS.X;
+          *itD = *itS;
+          ++itD.X;
+        }
+      }
+      ++itDest.Y;
+      if (itDest.Y == itDestEnd.Y)
+        return;
+      ++itSrc.Y;
+    }
   }
 }
 
 // The same with columns outside.
 template <class TSrcIterator, class TDestIterator>
-TPlainWalk<TSrcIterator, TDestIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest,
-                                                                     TDestIterator itDestEnd)
+TPlainWalk<TSrcIterator> DoCopy2DIterDestColumnsFirst(TSrcIterator itSrc, TDestIterator itDest,
+                                                      TDestIterator itDestEnd)
 {
   if (itDest.X == itDestEnd.X)
     return;
@@ -253,10 +301,12 @@ void Copy2D(const boost::tuples::tuple<TSrcIterator, TSrcIterator>& oSource,
   extern template void Copy2D<Detail::CMemoryBandIterator<T, int>, Detail::CMutableMemoryBandIterator<T, int>>( \
     const boost::tuples::tuple<Detail::CMemoryBandIterator<T, int>, Detail::CMemoryBandIterator<T, int>>&,     \
     boost::tuples::tuple<Detail::CMutableMemoryBandIterator<T, int>, Detail::CMutableMemoryBandIterator<T, int>>, \
+    boost::shared_ptr<Harnel::Progress::CLogger>, SAllowParallelFor);                                           \
+  extern template void Copy2D<Detail::CTileBandIterator<T, int, false>, Detail::CMutableTileBandIterator<T, int>>( \
+    const boost::tuples::tuple<Detail::CTileBandIterator<T, int, false>, Detail::CTileBandIterator<T, int, false>>&, \
+    boost::tuples::tuple<Detail::CMutableTileBandIterator<T, int>, Detail::CMutableTileBandIterator<T, int>>,     \
     boost::shared_ptr<Harnel::Progress::CLogger>, SAllowParallelFor);
 ORL_FOR_EACH_PIXEL_TYPE(ORL_COPY2D_EXTERN)
 #undef ORL_COPY2D_EXTERN
 
 }}} // namespace Orl::Ostrel::Band
-
-#include "Band/Detail/TileCopyWalks.h"

@@ -1,18 +1,25 @@
 #pragma once
 
 // ForEach2D and ForEach2DIf: hand every pixel of a rectangle to a functor and give the functor back
-// with the result.
+// with the result. Whether a call is parallel is chosen by the overload (the SAllowParallelReduce
+// tag), never at run time.
 //
-// The parallel forms are a tbb::parallel_reduce over a blocked_range2d of offsets from the begin
-// iterator, with the iterators' block hint as the grain on each axis (not doubled: a block of about
-// one hint is small enough that a band splits into enough tasks, and big enough that a task's few
-// iterator and functor copies vanish against its pixels). Each task runs a functor of its own; split
-// tasks start from the empty state and are joined pairwise, so the caller's start state is counted
-// exactly once. Whether a call is parallel is chosen by the overload (the SAllowParallelReduce tag),
-// never at run time.
+// What the result may depend on. Counts, histograms, integer sums and integer extremes are exact, and
+// so the same on every path. Floating sums round, and are guaranteed thus:
+// - The serial ForEach2D takes the pixels one at a time, rows from the top, each row from the left:
+//   its sums are those of a plain loop over the rectangle.
+// - The parallel forms cut the rectangle on a fixed grid of the band (cells of four tiles across and
+//   one tile down for the pixel type, counted from the band's origin, whether or not the band is
+//   tiled), take each cell row by row in pieces that end at tile borders, and join the cells' results
+//   in a fixed tree over the cells in row order (tbb::parallel_deterministic_reduce). The result
+//   depends on the pixels, the rectangle and the pixel type only: not on the storage (memory or
+//   tiles, spilled or not), the number of threads, or the processor. It differs from the serial one
+//   in the last bits.
+// A functor that says it is order-free (Math/StatisticFunctors.h) may be given longer runs instead.
 //
-// Required of TIterator: copy, *it, it.X and it.Y compared and stepped with ++, it += CPoint<int>,
-// it.GetBlockHintX(), it.GetBlockHintY(), and X - X, Y - Y as int.
+// Required of TIterator: copy, *it, it.X and it.Y as int, ++it.X, ++it.Y, it += CPoint<int>; the
+// row runs of Detail/RowRuns.h make the walk fast but are not required. The begin iterator's
+// position is a band position: the grid is counted from (0, 0).
 // Required of TFunctor: see Math/StatisticFunctors.h (copy, empty state, operator(), Join).
 // Required of TPredicate: bool operator()(pixel) const.
 //
@@ -21,6 +28,7 @@
 
 #include "Band/Detail/RowWalk.h"
 #include "Band/Detail/ThreadSanitizer.h"
+#include "Band/TileSize.h"
 #include "Foundation/Logger.h"
 #include "Foundation/Point.h"
 #include "Internationalisation/Translator.h"
@@ -29,13 +37,16 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/tuple/tuple.hpp>
 
-#include <tbb/blocked_range2d.h>
+#include <tbb/blocked_range.h>
 #include <tbb/parallel_reduce.h>
 #include <tbb/partitioner.h>
 #include <tbb/task_group.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <type_traits>
 #include <utility>
 
 namespace Orl { namespace Ostrel { namespace Band {
@@ -59,25 +70,69 @@ struct SValidDataPredicate
   TPixel GetExcludedValue() const { return m_tNoDataValue; }
 };
 
-// The body of the reduction. m_oFunctor is kept unchanged as the pattern that split bodies take
-// their empty state from; m_oResult is the running result, and the only thing operator() changes.
+// The fixed cells of the parallel walks over a rectangle of nWidth x nHeight pixels at (nX, nY): the
+// grid of ms_nWidth x ms_nHeight cells from the band's origin, cut by the rectangle, numbered in row
+// order.
+template <class TPixel>
+class CCellGrid
+{
+public:
+  static constexpr int ms_nWidth = 4 * int(STileSize<TPixel>::ms_nX);
+  static constexpr int ms_nHeight = int(STileSize<TPixel>::ms_nY);
+
+  CCellGrid(int nX, int nY, int nWidth, int nHeight)
+    : m_nX(nX), m_nY(nY), m_nWidth(nWidth), m_nHeight(nHeight), m_nFirstColumn(_FloorDiv(nX, ms_nWidth)),
+      m_nFirstRow(_FloorDiv(nY, ms_nHeight)),
+      m_nColumns(nWidth > 0 ? _FloorDiv(std::int64_t(nX) + nWidth - 1, ms_nWidth) - m_nFirstColumn + 1 : 0),
+      m_nRows(nHeight > 0 ? _FloorDiv(std::int64_t(nY) + nHeight - 1, ms_nHeight) - m_nFirstRow + 1 : 0)
+  {
+  }
+
+  std::size_t GetCount() const { return std::size_t(m_nColumns * m_nRows); }
+
+  // Cell nCell: its offset from the rectangle's start and its size.
+  void GetCell(std::size_t nCell, int& nOffsetX, int& nOffsetY, int& nWidth, int& nHeight) const
+  {
+    const std::int64_t nLeft = (m_nFirstColumn + std::int64_t(nCell) % m_nColumns) * ms_nWidth;
+    const std::int64_t nTop = (m_nFirstRow + std::int64_t(nCell) / m_nColumns) * ms_nHeight;
+    const std::int64_t nX = std::max<std::int64_t>(nLeft, m_nX), nY = std::max<std::int64_t>(nTop, m_nY);
+    nOffsetX = int(nX - m_nX);
+    nOffsetY = int(nY - m_nY);
+    nWidth = int(std::min<std::int64_t>(nLeft + ms_nWidth, std::int64_t(m_nX) + m_nWidth) - nX);
+    nHeight = int(std::min<std::int64_t>(nTop + ms_nHeight, std::int64_t(m_nY) + m_nHeight) - nY);
+  }
+
+private:
+  static std::int64_t _FloorDiv(std::int64_t n, std::int64_t d) { return n >= 0 ? n / d : -((-n + d - 1) / d); }
+
+  int m_nX, m_nY, m_nWidth, m_nHeight;
+  std::int64_t m_nFirstColumn, m_nFirstRow, m_nColumns, m_nRows;
+};
+
+// The body of the reduction, over ranges of cell numbers. m_oFunctor is kept unchanged as the pattern
+// that split bodies take their empty state from; m_oResult is the running result, and the only thing
+// operator() changes.
 template <class TIterator, class TPredicate, class TFunctor>
 class CApplyForEachIf : private SHandOver
 {
 public:
   using TLoggerPtr = boost::shared_ptr<Harnel::Progress::CLogger>;
+  using TPixel = std::decay_t<decltype(*std::declval<const TIterator&>())>;
 
+  // The rectangle runs from itBegin over the absolute extent of itEnd - itBegin on each axis.
   CApplyForEachIf(const TIterator& itBegin, const TIterator& itEnd, const TPredicate& oPredicate,
                   const TFunctor& oFunctor, const TLoggerPtr& pLogger)
     : m_itBegin(itBegin), m_itEnd(itEnd), m_oPredicate(oPredicate), m_oFunctor(oFunctor), m_oResult(oFunctor),
-      m_pLogger(pLogger)
+      m_pLogger(pLogger), m_oCells(itBegin.X, itBegin.Y, std::abs(int(itEnd.X - itBegin.X)),
+                                   std::abs(int(itEnd.Y - itBegin.Y)))
   {
     ORL_TSAN_RELEASE(this);
   }
   // A split body never copies the running values: they would be counted twice at the join.
   CApplyForEachIf(CApplyForEachIf& oOther, tbb::split)
     : SHandOver(&oOther), m_itBegin(oOther.m_itBegin), m_itEnd(oOther.m_itEnd), m_oPredicate(oOther.m_oPredicate),
-      m_oFunctor(oOther.m_oFunctor, Harnel::Math::SEmptyState()), m_oResult(m_oFunctor), m_pLogger(oOther.m_pLogger)
+      m_oFunctor(oOther.m_oFunctor, Harnel::Math::SEmptyState()), m_oResult(m_oFunctor), m_pLogger(oOther.m_pLogger),
+      m_oCells(oOther.m_oCells)
   {
     ORL_TSAN_RELEASE(this);
   }
@@ -85,20 +140,26 @@ public:
   CApplyForEachIf& operator=(const CApplyForEachIf&) = delete;
   ~CApplyForEachIf() { ORL_TSAN_ACQUIRE(this); }
 
-  void operator()(const tbb::blocked_range2d<int, int>& oRange) const
+  std::size_t GetCellCount() const { return m_oCells.GetCount(); }
+
+  // The cells of oCells in turn, into m_oResult: a body given several ranges goes on summing.
+  void operator()(const tbb::blocked_range<std::size_t>& oCells) const
   {
-    using Pravik::GraphObject2d::CPoint;
     ORL_TSAN_ACQUIRE(this);
-    TIterator itRow = m_itBegin;
-    itRow += CPoint<int>(oRange.cols().begin(), oRange.rows().begin());
-    TIterator itStop = m_itBegin;
-    itStop += CPoint<int>(oRange.cols().end(), oRange.rows().end());
-    TFunctor oLocal(m_oResult); // a body given several blocks goes on summing
-    WalkRows(itRow, itStop, oLocal, m_oPredicate);
+    TFunctor oLocal(m_oResult);
+    double dPixels = 0.0;
+    for (std::size_t nCell = oCells.begin(); nCell != oCells.end(); ++nCell)
+    {
+      int nX, nY, nWidth, nHeight;
+      m_oCells.GetCell(nCell, nX, nY, nWidth, nHeight);
+      TIterator it = m_itBegin;
+      it += Pravik::GraphObject2d::CPoint<int>(nX, nY);
+      TakeInRect<eTilePieces>(it, nWidth, nHeight, oLocal, m_oPredicate, [] {});
+      dPixels += double(nWidth) * double(nHeight);
+    }
     m_oResult = std::move(oLocal);
     if (m_pLogger) // every pixel walked counts, also those the predicate left out
-      m_pLogger->IncrementProgress(double(std::uint64_t(oRange.rows().size())) *
-                                   double(std::uint64_t(oRange.cols().size())));
+      m_pLogger->IncrementProgress(dPixels);
     ORL_TSAN_RELEASE(this);
   }
 
@@ -116,6 +177,7 @@ public:
   TFunctor m_oFunctor;
   mutable TFunctor m_oResult;
   TLoggerPtr m_pLogger;
+  CCellGrid<TPixel> m_oCells;
 };
 
 // ForEach2D's body: the same with a predicate that accepts every pixel and compiles away.
@@ -136,13 +198,12 @@ TFunctor ParallelForEach(const boost::tuples::tuple<TIterator, TIterator>& oRang
     pLogger->Push(Harnel::Internationalisation::CTranslator::Translate(pLayerText), double(oExtent.y),
                   double(oExtent.x) * double(oExtent.y), 0.0, false, Progress::eLayerParallel, Progress::eLayerPublic,
                   std::string());
-  const int nRows = std::abs(oExtent.y);
-  const int nColumns = std::abs(oExtent.x);
-  if (nRows != 0 && nColumns != 0)
+  if (oBody.GetCellCount() != 0)
   {
-    const tbb::blocked_range2d<int, int> oRange(0, nRows, itBegin.GetBlockHintY(), 0, nColumns, itBegin.GetBlockHintX());
+    // One cell per leaf; the tree of splits and joins depends on the number of cells alone.
     tbb::task_group_context oContext; // bound to the caller's, exceptions propagate exactly
-    tbb::parallel_reduce(oRange, oBody, tbb::auto_partitioner(), oContext);
+    tbb::parallel_deterministic_reduce(tbb::blocked_range<std::size_t>(0, oBody.GetCellCount(), 1), oBody,
+                                       tbb::simple_partitioner(), oContext);
     ORL_TSAN_ACQUIRE(&oBody);
   }
   if (pLogger)
@@ -171,21 +232,21 @@ TFunctor ForEach2DIf(const boost::tuples::tuple<TIterator, TIterator>& oRange2D,
   return Detail::ParallelForEach(oRange2D, oPredicate, oFunctor, pLogger, "Perform ForEach2DIf in several tasks");
 }
 
-// Every pixel of the rectangle on the calling thread, rows from top to bottom. Pushes no layer: one
-// IncrementProgress() per row lands in the layer the caller has open. The order of the additions
-// is fixed, so two runs over the same band give the same bits.
+// Every pixel of the rectangle on the calling thread, one at a time, rows from the top, each row from
+// the left: floating sums are those of a plain loop. Pushes no layer: one IncrementProgress() per row
+// lands in the layer the caller has open.
 template <class TIterator, class TFunctor>
 TFunctor ForEach2D(const boost::tuples::tuple<TIterator, TIterator>& oRange2D, TFunctor oFunctor,
                    boost::shared_ptr<Harnel::Progress::CLogger> pLogger)
 {
-  TIterator itRow = boost::tuples::get<0>(oRange2D);
+  const TIterator& itBegin = boost::tuples::get<0>(oRange2D);
   const TIterator& itEnd = boost::tuples::get<1>(oRange2D);
-  for (; itRow.Y != itEnd.Y; ++itRow.Y)
-  {
-    Detail::WalkRow(itRow, itEnd, oFunctor, Harnel::Math::SAcceptAll());
-    if (pLogger)
-      pLogger->IncrementProgress();
-  }
+  Detail::TakeInRect<Detail::ePixelByPixel>(itBegin, std::abs(int(itEnd.X - itBegin.X)),
+                                            std::abs(int(itEnd.Y - itBegin.Y)), oFunctor, Harnel::Math::SAcceptAll(),
+                                            [&] {
+                                              if (pLogger)
+                                                pLogger->IncrementProgress();
+                                            });
   return oFunctor;
 }
 

@@ -5,6 +5,7 @@
 #include "Band/Tile.h"
 #include "Band/TileBandIterator.h"
 #include "Band/TileCache.h"
+#include "Band/TileSize.h"
 #include "Band/TileScanOrderIterator.h"
 #include "Band/TileSourceInfo.h"
 #include "Foundation/Export.h"
@@ -33,23 +34,6 @@ enum EPrefetchPattern : std::int32_t
   ePrefetchRestOfRow = 3,   // the tiles to its right in its row
   ePrefetchNextTile = 4     // the next tile in row-major order
 };
-
-namespace Detail {
-
-// Tile sizes per pixel type. Every full tile is 524288 bytes, the block of the largest pool of the
-// tile allocator, so that full tiles never fall back to the heap and a spilled tile's slot fits any
-// other full tile: 1024 x 512 bytes, 512 wide for the 16- and 32-bit types and 256 for double.
-// 16-bit and double tiles are square: row walks and column walks cross borders equally often.
-template <class TPixel>
-struct STileSize
-{
-  static constexpr unsigned int ms_nBytes = 524288;
-  static constexpr unsigned int ms_nX = sizeof(TPixel) == 1 ? 1024 : sizeof(TPixel) == 8 ? 256 : 512;
-  static constexpr unsigned int ms_nY = ms_nBytes / (ms_nX * sizeof(TPixel));
-  static_assert(ms_nX * ms_nY * sizeof(TPixel) == ms_nBytes, "a full tile is one block of the largest pool");
-};
-
-} // namespace Detail
 
 // A band of any size in tiles that are made on first use and may leave memory for the spill file of
 // the process's tile cache. The representation keeps only the tile ids by tile position and a small

@@ -7,8 +7,15 @@
 //   TFunctor(const TFunctor& oPattern, SEmptyState)  the empty state, with oPattern's parameters
 //   oFunctor(tPixel)                                  take in one pixel
 //   oFunctor.Join(oRight)                             take in another task's result
-//   oFunctor.ApplyRow(pRow, nLength, oPredicate)      optional: a contiguous row, only the pixels
-//                                                     oPredicate accepts; same result as pixel by pixel
+//   oFunctor.ApplyRow(pRow, nLength, oPredicate)      optional: a contiguous run, only the pixels
+//                                                     oPredicate accepts; the result may differ from
+//                                                     pixel by pixel only in rounding, and depends on
+//                                                     the run's pixels alone
+//   TFunctor::ms_bOrderFree                           optional, false if absent: true when the result
+//                                                     does not depend on the order of the pixels, on
+//                                                     how they are grouped into runs or on the order
+//                                                     of joins (counts, exact integer sums, extremes of
+//                                                     integers)
 //
 // Sum types. Floating pixels sum in TAcc (double), each pixel widened before it is added or squared.
 // Integer pixels sum exactly: sums in 64 bits (signed for signed pixels), sums of squares in 64 bits
@@ -45,6 +52,17 @@ struct SAcceptAll
   }
 };
 
+// TFunctor::ms_bOrderFree where the functor has it, else false: the walks keep a fixed order for every
+// functor that does not say otherwise.
+template <class TFunctor, class = void>
+struct SOrderFree : std::false_type
+{
+};
+template <class TFunctor>
+struct SOrderFree<TFunctor, std::enable_if_t<TFunctor::ms_bOrderFree>> : std::true_type
+{
+};
+
 template <class TAcc, class TPixel, class = void>
 struct SSumTypes
 {
@@ -63,6 +81,8 @@ template <class TPixel>
 class CCountFunctor
 {
 public:
+  static constexpr bool ms_bOrderFree = true;
+
   explicit CCountFunctor(std::uint64_t nCount = 0) : m_nCount(nCount) {}
   CCountFunctor(const CCountFunctor&, SEmptyState) {}
 
@@ -86,6 +106,9 @@ template <class TPixel>
 class CMinMaxFunctor
 {
 public:
+  // Floating extremes: which of +0 and -0 is kept depends on the order.
+  static constexpr bool ms_bOrderFree = std::is_integral<TPixel>::value;
+
   explicit CMinMaxFunctor(TPixel tMin = std::numeric_limits<TPixel>::max(),
                           TPixel tMax = std::numeric_limits<TPixel>::lowest(), std::uint64_t nCount = 0)
     : m_tMin(tMin), m_tMax(tMax), m_nCount(nCount)
@@ -122,6 +145,7 @@ template <class TAcc, class TPixel>
 class CMeanVarianceFunctor
 {
 public:
+  static constexpr bool ms_bOrderFree = std::is_integral<TPixel>::value; // floating sums round by order
   using TSum = typename SSumTypes<TAcc, TPixel>::TSum;
   using TSumSquares = typename SSumTypes<TAcc, TPixel>::TSumSquares;
 
@@ -159,6 +183,7 @@ template <class TAcc, class TPixel>
 class CMinMaxMeanVarianceFunctor
 {
 public:
+  static constexpr bool ms_bOrderFree = std::is_integral<TPixel>::value;
   using TSum = typename SSumTypes<TAcc, TPixel>::TSum;
   using TSumSquares = typename SSumTypes<TAcc, TPixel>::TSumSquares;
 
@@ -210,6 +235,8 @@ template <class TAcc, class TPixel>
 class CHistoFunctor
 {
 public:
+  static constexpr bool ms_bOrderFree = true;
+
   CHistoFunctor(TPixel tMin, TPixel tMax, std::uint32_t nBins)
     : m_vecBins(nBins, 0), m_tMin(tMin), m_tMax(tMax), m_nBins(nBins),
       m_dBinStep(TAcc((double(tMax) - double(tMin)) / (nBins > 1 ? double(nBins - 1) : 1.0))),

@@ -55,12 +55,14 @@ TEST(TileBandConcurrencyTest, CopyAndForEachBodiesOnThreadsWhileTheBandsSpill)
   using TReduce = Detail::CApplyForEachIf<TSrcIt, Orl::Harnel::Math::SAcceptAll, TMoments>;
   TReduce oReduce(boost::get<0>(oSrcIts), boost::get<1>(oSrcIts), {}, TMoments(), TLoggerPtr());
 
-  // Blocks of 300 x 200 pixels, off the tile grid; each thread reduces into a split body of its own.
+  // Copy blocks of 300 x 200 pixels, off the tile grid; reduction cells as ForEach2D cuts them. Each
+  // thread reduces into a split body of its own.
   constexpr int nColumns = (nWidth + 299) / 300, nBlocks = nColumns * ((nHeight + 199) / 200);
   const auto fnBlock = [&](int n) {
     const int nX = (n % nColumns) * 300, nY = (n / nColumns) * 200;
     return tbb::blocked_range2d<int, int>(nY, std::min(nY + 200, nHeight), 1, nX, std::min(nX + 300, nWidth), 1);
   };
+  const int nCells = int(oReduce.GetCellCount());
   std::vector<std::unique_ptr<TReduce>> vecParts;
   for (int t = 0; t < 4; ++t)
     vecParts.emplace_back(new TReduce(oReduce, tbb::split()));
@@ -70,8 +72,8 @@ TEST(TileBandConcurrencyTest, CopyAndForEachBodiesOnThreadsWhileTheBandsSpill)
     vecThreads.emplace_back([&, t] {
       for (int n; (n = nNextCopy++) < nBlocks;)
         oCopy(fnBlock(n));
-      for (int n; (n = nNextReduce++) < nBlocks;)
-        (*vecParts[t])(fnBlock(n));
+      for (int n; (n = nNextReduce++) < nCells;)
+        (*vecParts[t])(tbb::blocked_range<std::size_t>(n, n + 1));
     });
   for (auto& oThread : vecThreads)
     oThread.join();

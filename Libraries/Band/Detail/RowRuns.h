@@ -1,9 +1,11 @@
 #pragma once
 
 // Row runs: the stretches of a row whose pixels lie one after the other in memory. A memory band's
-// row is one run to its end; a tile band's row breaks at every tile border. Walks that take a run at
-// once (copies, statistics row loops, the fill-hole filter's row buffers) work on plain arrays, where
-// the per-pixel tile iterator would pay its border test and its memory-held state on every step.
+// row is one run to its end; a tile band's row breaks at every tile border. This is the one question
+// every fast walk of the library asks of an iterator, with if constexpr (SRowRuns<TIterator>::value):
+// Copy2D, ForEach2D and the statistics row loops (Detail/RowWalk.h), the fill-hole filter's row
+// buffers. They work on plain arrays, where the per-pixel tile iterator would pay its border test and
+// its memory-held state on every step; iterators without runs are walked through the X and Y movers.
 //
 // SRowRuns<TIterator>: value true where the iterator offers runs, and then
 //   Length(it)      pixels from the current one to the run's end (at least 1, while in the band)

@@ -1,36 +1,25 @@
 #pragma once
 
-// Walking the rows of a block with a functor: the inner loop of ForEach2D and ForEach2DIf.
+// Handing the pixels of a rectangle to a functor: the walks under ForEach2D and ForEach2DIf.
 //
-// Where the iterator's rows are contiguous memory and the functor has a row loop (ApplyRow), each
-// row goes to that loop as a pointer and a length; otherwise pixel by pixel through the iterator
-// contract. Both give the same result (see Math/StatisticFunctors.h). Tile iterators hand over a row
-// run by run, one tile's stretch at a time (see RowRuns.h), to the row loop or pixel by pixel.
+// The rectangle is walked row by row from the top, each row from the left. Where the iterator has row
+// runs (RowRuns.h) a row goes run by run; each run reaches the functor's row loop (ApplyRow) when the
+// functor has one, else pixel by pixel. How runs are cut is the one thing that could make a result
+// depend on the storage: a memory band's row is one run, a tile band's breaks at tile borders. So for
+// a functor that is not order-free (see Math/StatisticFunctors.h) the row loop only ever sees pieces
+// that end at band columns that are multiples of the pixel type's tile width: every storage hands the
+// functor the same pieces, and the same bits come out.
 
 #include "Band/Detail/RowRuns.h"
-#include "Band/MemoryBandIterator.h"
+#include "Band/TileSize.h"
+#include "Math/StatisticFunctors.h"
 
-#include <cassert>
+#include <algorithm>
 #include <cstddef>
 #include <type_traits>
 #include <utility>
 
 namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
-
-// True for iterators whose pixels from X to the end of a row are consecutive in memory starting at
-// &*it. Other iterators (tiles) may break a row anywhere.
-template <class TIterator>
-struct SContiguousRows : std::false_type
-{
-};
-template <class TPixel, class TCoord>
-struct SContiguousRows<CMemoryBandIterator<TPixel, TCoord>> : std::true_type
-{
-};
-template <class TPixel, class TCoord>
-struct SContiguousRows<CMutableMemoryBandIterator<TPixel, TCoord>> : std::true_type
-{
-};
 
 template <class TFunctor, class TPixel, class TPredicate, class = void>
 struct SHasApplyRow : std::false_type
@@ -44,75 +33,83 @@ struct SHasApplyRow<TFunctor, TPixel, TPredicate,
 {
 };
 
-// Iterators other than the memory ones whose rows come in runs: tile iterators.
-template <class TIterator>
-constexpr bool g_bRunRows = SRowRuns<TIterator>::value && !SContiguousRows<TIterator>::value;
-
-// The pixels of one run, through the row loop where the functor has one.
-template <class TPixel, class TFunctor, class TPredicate>
-inline void ApplyRun(const TPixel* pRun, int nLength, TFunctor& oFunctor, const TPredicate& oPredicate)
+// How a functor that is not order-free takes in a run.
+enum EPixelOrder
 {
-  if constexpr (SHasApplyRow<TFunctor, TPixel, TPredicate>::value)
-    oFunctor.ApplyRow(pRun, std::size_t(nLength), oPredicate);
+  ePixelByPixel, // operator() on each pixel in turn: the order of a plain loop over the rectangle
+  eTilePieces    // the row loop on pieces cut at multiples of the tile width: the same on every storage
+};
+
+// The nCount pixels from pRun, whose first pixel stands in band column nColumn.
+template <EPixelOrder eOrder, class TPixel, class TFunctor, class TPredicate>
+inline void TakeInRun(const TPixel* pRun, int nCount, int nColumn, TFunctor& oFunctor, const TPredicate& oPredicate)
+{
+  constexpr bool bRowLoop = SHasApplyRow<TFunctor, TPixel, TPredicate>::value;
+  if constexpr (bRowLoop && Harnel::Math::SOrderFree<TFunctor>::value)
+    oFunctor.ApplyRow(pRun, std::size_t(nCount), oPredicate);
+  else if constexpr (bRowLoop && eOrder == eTilePieces)
+  {
+    constexpr int nPiece = int(STileSize<TPixel>::ms_nX);
+    for (int nLength; nCount > 0; pRun += nLength, nColumn += nLength, nCount -= nLength)
+    {
+      nLength = std::min(nCount, nPiece - ((nColumn % nPiece) + nPiece) % nPiece);
+      oFunctor.ApplyRow(pRun, std::size_t(nLength), oPredicate);
+    }
+  }
   else
-    for (int i = 0; i < nLength; ++i)
+  {
+    (void)nColumn;
+    for (int i = 0; i < nCount; ++i)
     {
       const TPixel tValue = pRun[i];
       if (oPredicate(tValue))
         oFunctor(tValue);
     }
+  }
 }
 
-// One row: the pixels from itStart up to, not including, column itStop.X.
-// Required: *it, it.X compared with itStop.X, ++it.X; for the row loop also &*it and X - X.
-template <class TIterator, class TFunctor, class TPredicate>
-inline void WalkRow(const TIterator& itStart, const TIterator& itStop, TFunctor& oFunctor, const TPredicate& oPredicate)
+// The nWidth x nHeight rectangle whose top-left pixel is under it, rows from the top, each from the
+// left; fnRowEnd() after each row, also a row without pixels. The iterator never moves past the
+// rectangle's last row or column.
+// Required of TIterator: *it, it.X as int, ++it.X, ++it.Y, it += CPoint<int>; or the row runs.
+template <EPixelOrder eOrder, class TIterator, class TFunctor, class TPredicate, class TRowFn>
+inline void TakeInRect(const TIterator& it, int nWidth, int nHeight, TFunctor& oFunctor, const TPredicate& oPredicate,
+                       TRowFn&& fnRowEnd)
 {
-  using TPixel = std::decay_t<decltype(*itStart)>;
-  if constexpr (SContiguousRows<TIterator>::value && SHasApplyRow<TFunctor, TPixel, TPredicate>::value)
+  using TPixel = std::decay_t<decltype(*it)>;
+  if constexpr (SRowRuns<TIterator>::value)
   {
-    const auto nLength = itStop.X - itStart.X;
-    assert(nLength >= 0 && "rows are walked towards increasing X");
-    if (nLength > 0)
-      oFunctor.ApplyRow(&*itStart, std::size_t(nLength), oPredicate);
-  }
-  else if constexpr (g_bRunRows<TIterator>)
-  {
-    const int nLength = itStop.X - itStart.X;
-    assert(nLength >= 0 && "rows are walked towards increasing X");
-    TIterator it = itStart;
-    ForEachRowRun(it, nLength, [&](const TPixel* pRun, int nRun) { ApplyRun(pRun, nRun, oFunctor, oPredicate); });
+    const int nFirstColumn = it.X;
+    int nColumn = nFirstColumn;
+    WalkRectRuns(
+      it, nWidth, nHeight,
+      [&](const TPixel* pRun, int nRun) {
+        TakeInRun<eOrder>(pRun, nRun, nColumn, oFunctor, oPredicate);
+        nColumn += nRun;
+      },
+      [&] {
+        nColumn = nFirstColumn;
+        fnRowEnd();
+      });
   }
   else
   {
-    for (TIterator it = itStart; it.X != itStop.X; ++it.X)
+    TIterator itPixel = it;
+    for (int nRow = 0; nRow < nHeight; ++nRow)
     {
-      const TPixel tValue = *it;
-      if (oPredicate(tValue))
-        oFunctor(tValue);
+      for (int nLeft = nWidth; nLeft > 0; --nLeft)
+      {
+        const TPixel tValue = *itPixel;
+        if (oPredicate(tValue))
+          oFunctor(tValue);
+        if (nLeft > 1)
+          ++itPixel.X;
+      }
+      if (nRow + 1 < nHeight && nWidth > 0)
+        itPixel += Pravik::GraphObject2d::CPoint<int>(1 - nWidth, 1);
+      fnRowEnd();
     }
   }
-}
-
-// Rows from itRow's Y up to, not including, itStop.Y, each from itRow's X to itStop.X.
-// Tile iterators walk the block strip by strip, a tile column at a time (see RowRuns.h): each tile is
-// read as one stream, and no row copy of the iterator fetches the block's tiles again. Only the order
-// of the pixels changes, which the functors allow.
-template <class TIterator, class TFunctor, class TPredicate>
-inline void WalkRows(TIterator itRow, const TIterator& itStop, TFunctor& oFunctor, const TPredicate& oPredicate)
-{
-  if constexpr (g_bRunRows<TIterator>)
-  {
-    using TPixel = std::decay_t<decltype(*itRow)>;
-    const int nWidth = itStop.X - itRow.X;
-    const int nHeight = itStop.Y - itRow.Y;
-    assert(nWidth >= 0 && nHeight >= 0 && "blocks are walked towards increasing X and Y");
-    WalkRectRunStrips(itRow, nWidth, nHeight,
-                      [&](const TPixel* pRun, int nRun) { ApplyRun(pRun, nRun, oFunctor, oPredicate); });
-  }
-  else
-    for (; itRow.Y != itStop.Y; ++itRow.Y)
-      WalkRow(itRow, itStop, oFunctor, oPredicate);
 }
 
 }}}} // namespace Orl::Ostrel::Band::Detail

@@ -2,10 +2,13 @@
 
 // Row loops of the statistic functors: one contiguous run of pixels at a time.
 //
-// The per-pixel operations of the functors define the results; these loops compute the same results
-// faster. For integer pixels they are exact, so the lane layout cannot show in a result. For floating
-// pixels the sums are kept in several partial sums per row, which changes only the rounding of the
-// additions (the same freedom the parallel split takes); minimum, maximum and count are exact.
+// For integer pixels the loops are exact: they give what the per-pixel operations give, whatever the
+// lane layout. For floating pixels a run's sums are formed in eight lanes that are joined in a fixed
+// tree, so they round differently from pixel-by-pixel sums, but they are a function of the run's
+// pixels alone: the same run gives the same bits on every processor and at every optimisation level.
+// Callers that need the order of pixel-by-pixel sums use the functors' operator() instead (see
+// Band/ForEach2D.h); minimum, maximum and count are the same either way, the sign of a zero extreme
+// aside.
 //
 // The vector loops are written with GCC vector extensions rather than intrinsics: they compile on any
 // target GCC or Clang supports, and on x86-64 without -march flags they become SSE2 code (pminub,
@@ -83,13 +86,17 @@ inline void ScalarRow(const TPixel* pRow, std::size_t nLength, const TPredicate&
       TakeIn<bMinMax, bSums>(pRow[i], nCount, tMin, tMax, tSum, tSumSquares);
 }
 
-// ---- floating pixels: 4 pixels per step, sums in 4 partial double sums ---------------------------
+// ---- floating pixels: 8 lanes, each with its own double sums --------------------------------------
+//
+// Lane j takes the pixels j, j + 8, j + 16... of the run, in order. At the end of the run the eight
+// lanes are added in one fixed tree (FoldLanes), and the last nLength % 8 pixels follow one by one.
+// The lanes are the same whatever the instruction set (two SSE2 registers of four floats per step, or
+// one AVX2 register of eight), so a run gives the same bits on every x86-64 processor.
 
 typedef float TV4F __attribute__((vector_size(16)));
 typedef std::int32_t TV4I __attribute__((vector_size(16)));
 typedef double TV2D __attribute__((vector_size(16)));
 typedef std::int64_t TV2L __attribute__((vector_size(16)));
-typedef double TV4D __attribute__((vector_size(32)));
 
 template <class TVector, class TMask, class TPixel, class TPredicate>
 inline TMask ValidMask(TVector vValues, const TPredicate& oPredicate)
@@ -121,122 +128,151 @@ inline TMask RejectedMask(TVector vValues, const TPredicate& oPredicate)
     return TMask(vValues == TPixel(oPredicate.GetExcludedValue()));
 }
 
-// Float lanes of one step: 4 in SSE2 registers, 8 where AVX2 is there at run time.
-typedef float TV8F __attribute__((vector_size(32)));
-typedef std::int32_t TV8I __attribute__((vector_size(32)));
-
-struct SFloatLanes4
+inline double FoldLanes(const double* adLanes)
 {
-  using TFloats = TV4F;
-  using TMask = TV4I;
-  using THalf = TV2D; // half of the lanes widened to double
-  static constexpr std::size_t ms_nLanes = 4;
+  return ((adLanes[0] + adLanes[1]) + (adLanes[2] + adLanes[3])) + ((adLanes[4] + adLanes[5]) + (adLanes[6] + adLanes[7]));
+}
 
-  static void Widen(TV4F v, TV2D& vLow, TV2D& vHigh)
-  {
-    vLow = __builtin_convertvector(__builtin_shufflevector(v, v, 0, 1), TV2D);
-    vHigh = __builtin_convertvector(__builtin_shufflevector(v, v, 2, 3), TV2D);
-  }
-};
-
-#if defined(__x86_64__) && defined(__GNUC__)
-// Only usable inside a function compiled for AVX2 (FloatRowAvx2).
-struct SFloatLanes8
+// The end of a float run, shared by both instruction sets. Lanes arrive as plain arrays: no vector
+// crosses a call, so the kernels are right however much the compiler inlines (a Debug build too).
+template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
+inline void FinishFloatRow(const float* pRow, std::size_t nLength, std::size_t nVector, std::uint64_t nRejected,
+                           const float* afMin, const float* afMax, const double* adSum, const double* adSq,
+                           const TPredicate& oPredicate, std::uint64_t& nCount, float& tMin, float& tMax, TSum& tSum,
+                           TSumSquares& tSumSquares)
 {
-  using TFloats = TV8F;
-  using TMask = TV8I;
-  using THalf = TV4D;
-  static constexpr std::size_t ms_nLanes = 8;
-
-  // One vcvtps2pd per half: the generic conversion becomes four narrow ones and two inserts.
-  __attribute__((target("avx2"))) static void Widen(TV8F v, TV4D& vLow, TV4D& vHigh)
-  {
-    vLow = __builtin_ia32_cvtps2pd256(__builtin_shufflevector(v, v, 0, 1, 2, 3));
-    vHigh = __builtin_ia32_cvtps2pd256(__builtin_shufflevector(v, v, 4, 5, 6, 7));
-  }
-};
-#endif
-
-// The wide instance lives entirely inside FloatRowAvx2, which is compiled for AVX2 and inlines
-// everything it calls.
-template <class TLanes, bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
-inline void FloatLanesRow(const float* pRow, std::size_t nLength, const TPredicate& oPredicate, std::uint64_t& nCount,
-                          float& tMin, float& tMax, TSum& tSum, TSumSquares& tSumSquares)
-{
-  using TFloats = typename TLanes::TFloats;
-  using TMask = typename TLanes::TMask;
-  using THalf = typename TLanes::THalf;
-  constexpr std::size_t nLanes = TLanes::ms_nLanes;
-  TFloats vMin = TFloats{} + tMin, vMax = TFloats{} + tMax;
-  THalf vSum0 = {}, vSum1 = {}, vSq0 = {}, vSq1 = {};
-  TMask vRejected = {};
-  const std::size_t nVector = nLength - nLength % nLanes;
-  for (std::size_t i = 0; i < nVector; i += nLanes)
-  {
-    TFloats v;
-    std::memcpy(&v, pRow + i, sizeof v);
-    TMask vReject = {};
-    if constexpr (!std::is_same<TPredicate, SAcceptAll>::value)
-      vReject = TMask(v == oPredicate.GetExcludedValue());
-    vRejected -= vReject;
-    if constexpr (bMinMax)
-    {
-      const TFloats vCandidate = TFloats(TMask(v) | vReject);
-      vMin = vCandidate < vMin ? vCandidate : vMin;
-      vMax = vCandidate > vMax ? vCandidate : vMax;
-    }
-    if constexpr (bSums)
-    {
-      THalf v0, v1;
-      TLanes::Widen(TFloats(TMask(v) & ~vReject), v0, v1); // rejected lanes add +0.0
-      vSum0 += v0;
-      vSum1 += v1;
-      vSq0 += v0 * v0;
-      vSq1 += v1 * v1;
-    }
-  }
-  std::uint64_t nRejected = 0;
-  for (std::size_t j = 0; j < nLanes; ++j)
-    nRejected += std::uint64_t(vRejected[j]);
   nCount += nVector - nRejected;
   if constexpr (bMinMax)
-    for (std::size_t j = 0; j < nLanes; ++j)
+    for (int j = 0; j < 8; ++j)
     {
-      tMin = vMin[j] < tMin ? vMin[j] : tMin;
-      tMax = vMax[j] > tMax ? vMax[j] : tMax;
+      tMin = afMin[j] < tMin ? afMin[j] : tMin;
+      tMax = afMax[j] > tMax ? afMax[j] : tMax;
     }
   if constexpr (bSums)
   {
-    const THalf vSum = vSum0 + vSum1, vSq = vSq0 + vSq1;
-    double dSum = 0, dSq = 0;
-    for (std::size_t j = 0; j < nLanes / 2; ++j)
-    {
-      dSum += vSum[j];
-      dSq += vSq[j];
-    }
-    tSum += TSum(dSum);
-    tSumSquares += TSumSquares(dSq);
+    tSum += TSum(FoldLanes(adSum));
+    tSumSquares += TSumSquares(FoldLanes(adSq));
   }
   ScalarRow<bMinMax, bSums>(pRow + nVector, nLength - nVector, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
 }
 
+template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
+inline void FloatRowSse2(const float* pRow, std::size_t nLength, const TPredicate& oPredicate, std::uint64_t& nCount,
+                         float& tMin, float& tMax, TSum& tSum, TSumSquares& tSumSquares)
+{
+  TV4F vMin0 = TV4F{} + tMin, vMax0 = TV4F{} + tMax, vMin1 = vMin0, vMax1 = vMax0;
+  TV2D vSum0 = {}, vSum1 = {}, vSum2 = {}, vSum3 = {}, vSq0 = {}, vSq1 = {}, vSq2 = {}, vSq3 = {};
+  TV4I vRejected = {};
+  const std::size_t nVector = nLength & ~std::size_t(7);
+  for (std::size_t i = 0; i < nVector; i += 8)
+  {
+    TV4F v0, v1;
+    std::memcpy(&v0, pRow + i, sizeof v0);
+    std::memcpy(&v1, pRow + i + 4, sizeof v1);
+    const TV4I vReject0 = RejectedMask<TV4F, TV4I, float>(v0, oPredicate);
+    const TV4I vReject1 = RejectedMask<TV4F, TV4I, float>(v1, oPredicate);
+    vRejected -= vReject0 + vReject1;
+    if constexpr (bMinMax)
+    {
+      const TV4F vCandidate0 = TV4F(TV4I(v0) | vReject0), vCandidate1 = TV4F(TV4I(v1) | vReject1);
+      vMin0 = vCandidate0 < vMin0 ? vCandidate0 : vMin0;
+      vMax0 = vCandidate0 > vMax0 ? vCandidate0 : vMax0;
+      vMin1 = vCandidate1 < vMin1 ? vCandidate1 : vMin1;
+      vMax1 = vCandidate1 > vMax1 ? vCandidate1 : vMax1;
+    }
+    if constexpr (bSums)
+    {
+      const TV4F vTaken0 = TV4F(TV4I(v0) & ~vReject0), vTaken1 = TV4F(TV4I(v1) & ~vReject1); // rejected: +0.0
+      const TV2D vLane01 = __builtin_convertvector(__builtin_shufflevector(vTaken0, vTaken0, 0, 1), TV2D);
+      const TV2D vLane23 = __builtin_convertvector(__builtin_shufflevector(vTaken0, vTaken0, 2, 3), TV2D);
+      const TV2D vLane45 = __builtin_convertvector(__builtin_shufflevector(vTaken1, vTaken1, 0, 1), TV2D);
+      const TV2D vLane67 = __builtin_convertvector(__builtin_shufflevector(vTaken1, vTaken1, 2, 3), TV2D);
+      vSum0 += vLane01;
+      vSum1 += vLane23;
+      vSum2 += vLane45;
+      vSum3 += vLane67;
+      vSq0 += vLane01 * vLane01;
+      vSq1 += vLane23 * vLane23;
+      vSq2 += vLane45 * vLane45;
+      vSq3 += vLane67 * vLane67;
+    }
+  }
+  float afMin[8], afMax[8];
+  std::memcpy(afMin, &vMin0, 16);
+  std::memcpy(afMin + 4, &vMin1, 16);
+  std::memcpy(afMax, &vMax0, 16);
+  std::memcpy(afMax + 4, &vMax1, 16);
+  const TV2D avSum[4] = {vSum0, vSum1, vSum2, vSum3}, avSq[4] = {vSq0, vSq1, vSq2, vSq3};
+  double adSum[8], adSq[8];
+  std::memcpy(adSum, avSum, sizeof adSum);
+  std::memcpy(adSq, avSq, sizeof adSq);
+  FinishFloatRow<bMinMax, bSums>(pRow, nLength, nVector,
+                                 std::uint64_t(vRejected[0]) + vRejected[1] + vRejected[2] + vRejected[3], afMin, afMax,
+                                 adSum, adSq, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
+}
+
 #if defined(__x86_64__) && defined(__GNUC__)
 // The float loop adds two doubles per pixel, which keeps SSE2's add units busier than memory is.
-// Where the processor has AVX2 (asked once, at run time; nothing is built with -march) the same
-// loop runs 8 lanes wide. Only the lane count differs, so only the rounding of the sums can.
+// Where the processor has AVX2 (asked once, at run time; nothing is built with -march) the same lanes
+// run in one register. All vector code stays inside this one function compiled for AVX2; what it
+// calls takes plain arrays.
 inline bool HasAvx2()
 {
   static const bool s_bHasAvx2 = __builtin_cpu_supports("avx2");
   return s_bHasAvx2;
 }
 
+typedef float TV8F __attribute__((vector_size(32)));
+typedef std::int32_t TV8I __attribute__((vector_size(32)));
+typedef double TV4D __attribute__((vector_size(32)));
+
 template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
-__attribute__((target("avx2"), flatten)) void FloatRowAvx2(const float* pRow, std::size_t nLength,
-                                                            const TPredicate& oPredicate, std::uint64_t& nCount,
-                                                            float& tMin, float& tMax, TSum& tSum,
-                                                            TSumSquares& tSumSquares)
+__attribute__((target("avx2"))) void FloatRowAvx2(const float* pRow, std::size_t nLength,
+                                                  const TPredicate& oPredicate, std::uint64_t& nCount, float& tMin,
+                                                  float& tMax, TSum& tSum, TSumSquares& tSumSquares)
 {
-  FloatLanesRow<SFloatLanes8, bMinMax, bSums>(pRow, nLength, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
+  TV8F vMin = TV8F{} + tMin, vMax = TV8F{} + tMax;
+  TV4D vSum0 = {}, vSum1 = {}, vSq0 = {}, vSq1 = {};
+  TV8I vRejected = {};
+  const std::size_t nVector = nLength & ~std::size_t(7);
+  for (std::size_t i = 0; i < nVector; i += 8)
+  {
+    TV8F v;
+    std::memcpy(&v, pRow + i, sizeof v);
+    TV8I vReject = {};
+    if constexpr (!std::is_same<TPredicate, SAcceptAll>::value)
+      vReject = TV8I(v == float(oPredicate.GetExcludedValue()));
+    vRejected -= vReject;
+    if constexpr (bMinMax)
+    {
+      const TV8F vCandidate = TV8F(TV8I(v) | vReject);
+      vMin = vCandidate < vMin ? vCandidate : vMin;
+      vMax = vCandidate > vMax ? vCandidate : vMax;
+    }
+    if constexpr (bSums)
+    {
+      const TV8F vTaken = TV8F(TV8I(v) & ~vReject);
+      const TV4D vLow = __builtin_ia32_cvtps2pd256(__builtin_shufflevector(vTaken, vTaken, 0, 1, 2, 3));
+      const TV4D vHigh = __builtin_ia32_cvtps2pd256(__builtin_shufflevector(vTaken, vTaken, 4, 5, 6, 7));
+      vSum0 += vLow;
+      vSum1 += vHigh;
+      vSq0 += vLow * vLow;
+      vSq1 += vHigh * vHigh;
+    }
+  }
+  float afMin[8], afMax[8];
+  std::memcpy(afMin, &vMin, sizeof afMin);
+  std::memcpy(afMax, &vMax, sizeof afMax);
+  double adSum[8], adSq[8];
+  std::memcpy(adSum, &vSum0, 32);
+  std::memcpy(adSum + 4, &vSum1, 32);
+  std::memcpy(adSq, &vSq0, 32);
+  std::memcpy(adSq + 4, &vSq1, 32);
+  std::uint64_t nRejected = 0;
+  for (int j = 0; j < 8; ++j)
+    nRejected += std::uint32_t(vRejected[j]);
+  FinishFloatRow<bMinMax, bSums>(pRow, nLength, nVector, nRejected, afMin, afMax, adSum, adSq, oPredicate, nCount,
+                                 tMin, tMax, tSum, tSumSquares);
 }
 #endif
 
@@ -248,7 +284,7 @@ inline void FloatRow(const float* pRow, std::size_t nLength, const TPredicate& o
   if (HasAvx2())
     return FloatRowAvx2<bMinMax, bSums>(pRow, nLength, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
 #endif
-  FloatLanesRow<SFloatLanes4, bMinMax, bSums>(pRow, nLength, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
+  FloatRowSse2<bMinMax, bSums>(pRow, nLength, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
 }
 
 template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
