@@ -1,10 +1,20 @@
 #include "Band/BandRepBase.h"
 
+#include "Foundation/BadArgument.h"
+
 #include <algorithm>
 
 namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
 
 bool CBandRepBase::ms_bTraceAllocations = false;
+
+CBandRepBase::CBandRepBase(unsigned int nWidth, unsigned int nHeight) : m_nWidth(nWidth), m_nHeight(nHeight)
+{
+  // Refused here rather than left to wrap: every representation and iterator builds on this size.
+  if (nWidth >= ms_nMaxSide || nHeight >= ms_nMaxSide)
+    Harnel::ThrowBadArgument(__FILE__, __LINE__, "A band of %1% x %2% pixels is too large: each side must be below %3%",
+                             nWidth, nHeight, ms_nMaxSide);
+}
 
 std::pair<std::uint32_t, std::uint32_t> CBandRepBase::GetBlockHint() const
 {

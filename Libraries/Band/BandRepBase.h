@@ -16,7 +16,12 @@ class ORL_OSTREL_API CBandRepBase
 public:
   using TRect = Pravik::GraphObject2d::CRect<unsigned int>;
 
-  CBandRepBase(unsigned int nWidth, unsigned int nHeight) : m_nWidth(nWidth), m_nHeight(nHeight) {}
+  // Throws CBasicException for a side of ms_nMaxSide pixels or more: the iterators carry their
+  // position in an int, and the walks their extents.
+  CBandRepBase(unsigned int nWidth, unsigned int nHeight);
+
+  // width * height in 64 bits.
+  std::uint64_t GetPixelCount() const { return std::uint64_t(m_nWidth) * m_nHeight; }
 
   // Always (0, 0, width, height): representations hold every pixel of their band.
   TRect GetBoundingRect() const { return TRect(0, 0, m_nWidth, m_nHeight); }
@@ -34,6 +39,7 @@ public:
   // that a single window would miss. The result depends only on the size, so it is repeatable.
   std::vector<TRect> GetApproxRects() const;
 
+  static constexpr std::uint32_t ms_nMaxSide = 0x7fffffffu;
   static constexpr std::uint32_t ms_nBlockPixels = 1u << 15;
   static constexpr std::uint64_t ms_nApproxFullPixels = 1u << 22;
   static constexpr std::uint32_t ms_nApproxStrips = 32;

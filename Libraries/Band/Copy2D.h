@@ -3,6 +3,7 @@
 #include "Band/Detail/RowRuns.h"
 #include "Band/MemoryBandIterator.h"
 #include "Band/TileBandIterator.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
 #include "Foundation/PixelTypes.h"
 #include "Foundation/Point.h"
@@ -252,13 +253,27 @@ private:
 
 } // namespace Detail
 
+// Throws CBasicException when a copy of oExtent (the source's end minus begin; a negative axis counts
+// by its size) would not fit from itDestBegin to itDestEnd. An empty extent fits anywhere.
+template <class TDestIterator>
+void CheckCopy2DRoom(const Pravik::GraphObject2d::CPoint<int>& oExtent, const TDestIterator& itDestBegin,
+                     const TDestIterator& itDestEnd)
+{
+  const std::int64_t nColumns = std::abs(std::int64_t(oExtent.x)), nRows = std::abs(std::int64_t(oExtent.y));
+  const std::int64_t nRoomX = std::int64_t(itDestEnd.X) - itDestBegin.X, nRoomY = std::int64_t(itDestEnd.Y) - itDestBegin.Y;
+  if (nColumns != 0 && nRows != 0 && (nRoomX < nColumns || nRoomY < nRows))
+    Harnel::ThrowBadArgument(__FILE__, __LINE__,
+                             "Copy2D of %1% x %2% pixels into a destination of %3% x %4% pixels: it does not fit",
+                             nColumns, nRows, nRoomX, nRoomY);
+}
+
 // Copies the source's rectangle to the destination, pixel by pixel, on all processors.
 //
 // Required of both iterator types: the iterator contract (*it, X and Y movers, it += CPoint<int>,
 // GetBlockHintX(), GetBlockHintY()); the destination's *it is assignable from the source's.
 //
-// The extent is the source's end minus its begin; the destination must have room for it from its
-// begin on, and must not overlap the source. There is no serial path: the scheduler splits the
+// The extent is the source's end minus its begin; the destination pair must have room for it (else
+// CBasicException, before any pixel is written), and must not overlap the source. There is no serial path: the scheduler splits the
 // rectangle down to a grain of twice the smaller block hint of the two bands on each axis, so a
 // rectangle within the grain runs as one block. An exception from a block reaches the caller after
 // the running blocks have finished; the logger's layer then stays pushed.
@@ -271,6 +286,7 @@ void Copy2D(const boost::tuples::tuple<TSrcIterator, TSrcIterator>& oSource,
   const TSrcIterator& oSrcEnd = boost::get<1>(oSource);
   const TDestIterator& oDestBegin = boost::get<0>(oDest);
   const Pravik::GraphObject2d::CPoint<int> oExtent(int(oSrcEnd.X - oSrcBegin.X), int(oSrcEnd.Y - oSrcBegin.Y));
+  CheckCopy2DRoom(oExtent, oDestBegin, boost::get<1>(oDest));
 
   const std::uint32_t nHintX = std::min<std::uint32_t>(oSrcBegin.GetBlockHintX(), oDestBegin.GetBlockHintX());
   const std::uint32_t nHintY = std::min<std::uint32_t>(oSrcBegin.GetBlockHintY(), oDestBegin.GetBlockHintY());

@@ -21,7 +21,7 @@ CMemoryBandRep<TPixel>::CMemoryBandRep(unsigned int nWidth, unsigned int nHeight
 {
   if (nWidth != 0 && nHeight != 0)
   {
-    m_pData = new TPixel[std::uint64_t(nWidth) * nHeight]; // left uninitialised on purpose: Clear exists
+    m_pData = new TPixel[this->GetPixelCount()]; // left uninitialised on purpose: Clear exists
     if (Detail::CBandRepBase::ms_bTraceAllocations)
       _Trace(+1);
   }
@@ -55,14 +55,13 @@ void CMemoryBandRep<TPixel>::_Trace(std::int64_t nSign)
             << " bands with a total of : " << ms_nNumBytesAllocated << " allocated" << std::endl;
 }
 
-// The count is width * height in 32 bits, unlike the allocation: on a band of 2^32 pixels or more only
-// the pixels up to the truncated count are set. Kept that way deliberately.
+// The count is taken in 64 bits, as for the allocation: a band of 2^32 pixels or more is set whole.
 template <class TPixel>
 CMemoryBandRep<TPixel>& CMemoryBandRep<TPixel>::Clear(TPixel tValue)
 {
   this->InvalidateStatistics();
   if (m_pData)
-    std::fill_n(m_pData, std::uint32_t(this->m_nWidth * this->m_nHeight), tValue);
+    std::fill_n(m_pData, this->GetPixelCount(), tValue);
   this->InvalidateStatistics();
   return *this;
 }

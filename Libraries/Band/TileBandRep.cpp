@@ -254,11 +254,15 @@ typename CTileBandRep<TPixel>::TScanOrderIterator CTileBandRep<TPixel>::end()
 template <class TPixel>
 CTileBandRep<TPixel>& CTileBandRep<TPixel>::Clear(TPixel tValue)
 {
-  assert(this->m_nWidth != 0 || this->m_nHeight == 0);
   this->InvalidateStatistics();
-  const TScanOrderIterator itEnd = end();
-  for (TScanOrderIterator it = begin(); it != itEnd;)
-    it.FillToTileEdge(tValue);
+  // A band without pixels has nothing to set; its scan-order walk must not start (a zero width with
+  // some height would step on a tile that does not exist).
+  if (this->GetPixelCount() != 0)
+  {
+    const TScanOrderIterator itEnd = end();
+    for (TScanOrderIterator it = begin(); it != itEnd;)
+      it.FillToTileEdge(tValue);
+  }
   this->InvalidateStatistics();
   return *this;
 }

@@ -82,7 +82,8 @@ public:
   TScanOrderIterator begin();
   TScanOrderIterator end();
 
-  // Sets every pixel to tValue: makes every tile and marks all of them modified.
+  // Sets every pixel to tValue: makes every tile and marks all of them modified. A band without
+  // pixels (a zero side) only drops its cached statistics.
   CTileBandRep& Clear(TPixel tValue);
 
   // Twice the tile size: what the tile iterators give as their block hint.

@@ -26,9 +26,15 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // The mask comparator is SEqualComparator with the mask's no-data value (0 without one), or, with the
 // range constructor, SOutsideRangeComparator with the range in the mask's pixel type.
 //
-// The caller passes three bands of the same size (a smaller one narrows the work to the common
-// rectangle), a destination other than the source, and at least as many m_nMaxHolePixels as there
-// are holes.
+// The caller passes a source no larger than the destination and the mask (a larger destination or
+// mask narrows the work to the source's rectangle), a destination other than the source, and a
+// bound nMaxHolePixels of at least the number of holes; CountHoles gives that number. Apply throws
+// CBasicException, with the destination untouched, when any of these fails.
+//
+// The bound is a limit, not a size: the hole list grows in chunks as holes are met, so a generous
+// bound (width * height) costs nothing, while a source with more holes than the bound is refused
+// rather than given an unbounded list. A caller who set a bound meant it as a memory budget; one who
+// wants none passes width * height.
 template <class TLineData>
 class CLinearFillHoleFilter : public Detail::CBandFilterBase
 {
@@ -56,7 +62,18 @@ public:
   template <class TDest, class TSrc, class TMask>
   void Apply(TDest& oDest, const TSrc& oSrc, const TMask& oMask) const;
 
+  // The holes Apply would meet with these bands and this filter's settings: the bound to pass as
+  // nMaxHolePixels. Without a mask, the source's invalid pixels (no-data; for floating types also NaN
+  // and infinities, which band statistics count as valid); with one, the pixels the comparator
+  // selects. One read of the source (and of the mask, if used).
+  template <class TSrc, class TMask>
+  std::uint64_t CountHoles(const TSrc& oSrc, const TMask& oMask) const;
+
 private:
+  // Calls fn with the mask comparator of this filter for the mask's pixel type.
+  template <class TMask, class TFn>
+  void _WithComparator(const TMask& oMask, TFn&& fn) const;
+
   template <class TDest, class TSrc, class TMask, class TComparator>
   void _ApplyImpl(TDest& oDest, const TSrc& oSrc, const TMask& oMask, const TComparator& oComparator) const;
 
@@ -94,7 +111,14 @@ private:
                                                       Band::CBand<TMaskPixel, Tag>>(                   \
     Band::CBand<TPixel, Tag>&, const Band::CBand<TPixel, Tag>&, const Band::CBand<TMaskPixel, Tag>&) const;
 
-#define ORL_FILL_HOLE_EXTERN(TPixel, TMaskPixel, Tag) extern template ORL_FILL_HOLE_APPLY(TPixel, TMaskPixel, Tag)
+#define ORL_FILL_HOLE_COUNT(TPixel, TMaskPixel, Tag)                                                    \
+  std::uint64_t CLinearFillHoleFilter<SDefaultLineData>::CountHoles<Band::CBand<TPixel, Tag>,            \
+                                                                    Band::CBand<TMaskPixel, Tag>>(       \
+    const Band::CBand<TPixel, Tag>&, const Band::CBand<TMaskPixel, Tag>&) const;
+
+#define ORL_FILL_HOLE_EXTERN(TPixel, TMaskPixel, Tag)                                                   \
+  extern template ORL_FILL_HOLE_APPLY(TPixel, TMaskPixel, Tag)                                          \
+  extern template ORL_FILL_HOLE_COUNT(TPixel, TMaskPixel, Tag)
 ORL_FOR_EACH_FILL_HOLE_INSTANCE(ORL_FILL_HOLE_EXTERN, Band::SMemoryTag)
 ORL_FOR_EACH_FILL_HOLE_INSTANCE(ORL_FILL_HOLE_EXTERN, Band::SIPPTag)
 ORL_FOR_EACH_FILL_HOLE_INSTANCE(ORL_FILL_HOLE_EXTERN, Band::STileTag)

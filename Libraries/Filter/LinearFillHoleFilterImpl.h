@@ -6,11 +6,11 @@
 #include "Band/Copy2D.h"
 #include "Filter/Detail/LinearFillHoleSweeps.h"
 #include "Filter/LinearFillHoleFilter.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
 #include "Internationalisation/Translator.h"
 
 #include <algorithm>
-#include <cassert>
 #include <string>
 
 namespace Orl { namespace Ostrel { namespace Filter {
@@ -19,14 +19,52 @@ template <class TLineData>
 template <class TDest, class TSrc, class TMask>
 void CLinearFillHoleFilter<TLineData>::Apply(TDest& oDest, const TSrc& oSrc, const TMask& oMask) const
 {
+  // Both refused before anything is made. Writing into the source would read pixels already filled;
+  // a source larger than the destination or the mask would make the line tables, sized for the
+  // common rectangle, too small for the source's coordinates.
+  if (static_cast<const void*>(&oDest.GetRep()) == static_cast<const void*>(&oSrc.GetRep()))
+    Harnel::ThrowBadArgument(__FILE__, __LINE__, "The fill-hole filter cannot write into its source band");
+  if (oSrc.GetWidth() > std::min(oDest.GetWidth(), oMask.GetWidth()) ||
+      oSrc.GetHeight() > std::min(oDest.GetHeight(), oMask.GetHeight()))
+    Harnel::ThrowBadArgument(__FILE__, __LINE__,
+                             "The fill-hole filter's source of %1% x %2% pixels is larger than its destination "
+                             "(%3% x %4%) or its mask (%5% x %6%)",
+                             oSrc.GetWidth(), oSrc.GetHeight(), oDest.GetWidth(), oDest.GetHeight(), oMask.GetWidth(),
+                             oMask.GetHeight());
+  _WithComparator(oMask, [&](const auto& oComparator) { _ApplyImpl(oDest, oSrc, oMask, oComparator); });
+}
+
+template <class TLineData>
+template <class TSrc, class TMask>
+std::uint64_t CLinearFillHoleFilter<TLineData>::CountHoles(const TSrc& oSrc, const TMask& oMask) const
+{
+  using TRect = Pravik::GraphObject2d::CRect<unsigned int>;
+  const unsigned int nWidth = std::min(oSrc.GetWidth(), oMask.GetWidth());
+  const unsigned int nHeight = std::min(oSrc.GetHeight(), oMask.GetHeight());
+  const TRect oSrcRect = TRect(oSrc.GetRect()).SetWidth(nWidth).SetHeight(nHeight);
+  const TRect oMaskRect = TRect(oMask.GetRect()).SetWidth(nWidth).SetHeight(nHeight);
+  const Detail::SValidPixel<typename TSrc::TPixel> oValid(oSrc);
+  std::uint64_t nHoles = 0;
+  _WithComparator(oMask, [&](const auto& oComparator) {
+    const auto itSrc = boost::get<0>(oSrc.GetBandIterators(oSrcRect));
+    const auto itMask = boost::get<0>(oMask.GetBandIterators(oMaskRect));
+    nHoles = m_bUseMask ? Detail::CountFillHoles<true>(nWidth, nHeight, itSrc, itMask, oComparator, oValid)
+                        : Detail::CountFillHoles<false>(nWidth, nHeight, itSrc, itMask, oComparator, oValid);
+  });
+  return nHoles;
+}
+
+template <class TLineData>
+template <class TMask, class TFn>
+void CLinearFillHoleFilter<TLineData>::_WithComparator(const TMask& oMask, TFn&& fn) const
+{
   using TMaskPixel = typename TMask::TPixel;
   // Built whether or not the mask is used; cheap, and the same in every case.
   if (m_bUseRange)
-    _ApplyImpl(oDest, oSrc, oMask,
-               Detail::SOutsideRangeComparator<TMaskPixel>{Detail::RangeBound<TMaskPixel>(m_dRangeLow),
-                                                           Detail::RangeBound<TMaskPixel>(m_dRangeHigh)});
+    fn(Detail::SOutsideRangeComparator<TMaskPixel>{Detail::DoubleToPixel<TMaskPixel>(m_dRangeLow),
+                                                   Detail::DoubleToPixel<TMaskPixel>(m_dRangeHigh)});
   else
-    _ApplyImpl(oDest, oSrc, oMask, Detail::SEqualComparator<TMaskPixel>{Detail::GetMaskMarker(oMask)});
+    fn(Detail::SEqualComparator<TMaskPixel>{Detail::GetMaskMarker(oMask)});
 }
 
 template <class TLineData>
@@ -73,20 +111,16 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
   oMaskRect.SetWidth(nWidth).SetHeight(nHeight);
 
   // The line tables are indexed with the source's coordinates and representation height; they fit
-  // only when the source is no larger than the common rectangle.
+  // as the source is no larger than the common rectangle (Apply checks it).
   const std::ptrdiff_t nSrcRepHeight = oSrc.GetRep().m_nHeight;
-  assert(nWidth == 0 || nHeight == 0 ||
-         (oSrcRect.GetStart().x == 0 && oSrcRect.GetStart().y <= 1 &&
-          nSrcRepHeight <= std::ptrdiff_t(nHeight + oSrcRect.GetStart().y)));
 
   const typename TDest::TPixel tNoData = Detail::GetOutputNoDataValue(oDest);
 
   Detail::SFillHoleTables<TLineData> oTables(nWidth, nHeight, m_fMaxDistance);
-  Detail::SHoleList<TTag> oHoleList(m_nMaxHolePixels);
-  const Detail::SFillHoleSweepContext<TLineData> oContext{
-    oTables, nSrcRepHeight, nWidth, nHeight, m_nMinDirections, oHoleList.GetCapacity(), m_pLogger.get()};
+  Detail::CHoleList<TTag> oHoles(m_nMaxHolePixels);
+  const Detail::SFillHoleSweepContext<TLineData> oContext{oTables,         nSrcRepHeight, nWidth, nHeight,
+                                                          m_nMinDirections, m_pLogger.get()};
   const Detail::SValidPixel<typename TSrc::TPixel> oValid(oSrc);
-  auto oHoles = oHoleList.Begin();
 
   const bool bHoles = Detail::FillHoleForwardSweep<BUseMask>(oContext, oSrc.GetBandIterators(oSrcRect),
                                                              oMask.GetBandIterators(oMaskRect), oComparator, oValid,
@@ -99,6 +133,7 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
   }
 
   oTables.Reset();
+  oHoles.EndForward();
   const auto oSrcIts = oSrc.GetBandIterators(oSrcRect);
   const auto oMaskIts = oMask.GetBandIterators(oMaskRect);
   const auto oDestIts = oDest.GetBandIterators(oDestRect);

@@ -2,7 +2,9 @@
 
 namespace Orl { namespace Ostrel { namespace Filter {
 
-#define ORL_FILL_HOLE_INSTANTIATE(TPixel, TMaskPixel, Tag) template ORL_FILL_HOLE_APPLY(TPixel, TMaskPixel, Tag)
+#define ORL_FILL_HOLE_INSTANTIATE(TPixel, TMaskPixel, Tag)                                              \
+  template ORL_FILL_HOLE_APPLY(TPixel, TMaskPixel, Tag)                                                 \
+  template ORL_FILL_HOLE_COUNT(TPixel, TMaskPixel, Tag)
 ORL_FOR_EACH_FILL_HOLE_INSTANCE(ORL_FILL_HOLE_INSTANTIATE, Band::SMemoryTag)
 #undef ORL_FILL_HOLE_INSTANTIATE
 

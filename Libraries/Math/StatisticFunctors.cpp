@@ -1,6 +1,14 @@
 #include "Math/StatisticFunctors.h"
 
+#include "Foundation/BadArgument.h"
+
 namespace Orl { namespace Harnel { namespace Math {
+
+void CheckPercent(double dPercent)
+{
+  if (!(dPercent >= 0.0 && dPercent <= 100.0))
+    ThrowBadArgument(__FILE__, __LINE__, "A percentile must lie between 0 and 100, not %1%", dPercent);
+}
 
 #define ORL_STATISTIC_FUNCTORS_INSTANTIATE(T)                                                           \
   template class CCountFunctor<T>;                                                                      \

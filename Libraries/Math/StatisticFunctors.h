@@ -22,6 +22,7 @@
 // for 8- and 16-bit pixels and in 128 bits for 32-bit pixels. On a band of up to 2^32 pixels none of
 // them can overflow: |sum| <= 2^32 * 2^32, and a 32-bit square times 2^32 needs 96 bits.
 
+#include "Foundation/Export.h"
 #include "Foundation/PixelTypes.h"
 #include "Math/Detail/RowKernels.h"
 
@@ -36,6 +37,10 @@
 #include <vector>
 
 namespace Orl { namespace Harnel { namespace Math {
+
+// Throws CBasicException unless 0 <= dPercent <= 100 (NaN included). Refused rather than clamped: a
+// percent outside the range is a caller's mistake, and a clamped answer would hide it.
+ORL_HARNEL_API void CheckPercent(double dPercent);
 
 // Tag of the constructors that build the empty state of a split task.
 struct SEmptyState
@@ -280,7 +285,8 @@ public:
 
   // Linear interpolation between the order statistics floor(pos) and floor(pos) + 1, pos being
   // m_nCount * dPercent / 100, each placed inside its bin as if a bin's pixels spread evenly over its
-  // width. Percentiles that give pos < 1 return the low end of the range.
+  // width. Percentiles that give pos < 1 return the low end of the range. dPercent outside [0, 100]
+  // or NaN throws (CheckPercent).
   double GetPercentile(double dPercent) const;
 
   std::vector<std::uint64_t> m_vecBins;
@@ -380,7 +386,7 @@ void CHistoFunctor<TAcc, TPixel>::_FindBin(std::uint64_t nTarget, std::uint64_t&
 template <class TAcc, class TPixel>
 double CHistoFunctor<TAcc, TPixel>::GetPercentile(double dPercent) const
 {
-  assert(dPercent >= 0.0 && dPercent <= 100.0 && "percent out of range");
+  CheckPercent(dPercent);
   const double dPos = double(m_nCount) * dPercent / 100.0;
   const auto nLow = std::uint64_t(dPos);
   if (nLow == 0)

@@ -10,10 +10,13 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -66,7 +69,7 @@ TYPED_TEST(BandTest, NoDataHintIsAtTheFarEndUntilAValueIsSet)
   EXPECT_EQ(oBand.GetNoDataValueOrHint(), TypeParam(0));
 }
 
-// Sub-rectangles are clipped to the band (an empty one starts at the later start) and address through
+// Sub-rectangles are clipped to the band (an empty one lies on the band's border) and address through
 // the full band width; a walk (rows outside, columns inside, each row from a copy of its start) visits
 // exactly the clipped rectangle. Moves out of the band and back are covered by the tile iterator
 // walks, which compare against memory iterators.
@@ -78,8 +81,8 @@ TYPED_TEST(BandTest, IteratorWalkVisitsTheClippedRectangle)
                              CRect(36, 10, 1, 1), CRect(40, 0, 3, 3), CRect(0, 20, 3, 3), CRect(2, 2, 0, 5),
                              CRect(0, 0, 1000, 1)})
   {
-    const unsigned nX0 = oRect.GetStart().x, nX1 = std::max(nX0, std::min(oRect.GetEnd().x, nWidth));
-    const unsigned nY0 = oRect.GetStart().y, nY1 = std::max(nY0, std::min(oRect.GetEnd().y, nHeight));
+    const unsigned nX0 = std::min(oRect.GetStart().x, nWidth), nX1 = std::max(nX0, std::min(oRect.GetEnd().x, nWidth));
+    const unsigned nY0 = std::min(oRect.GetStart().y, nHeight), nY1 = std::max(nY0, std::min(oRect.GetEnd().y, nHeight));
     std::vector<TypeParam> vecExpected, vecSeen;
     for (unsigned y = nY0; y < nY1; ++y)
       for (unsigned x = nX0; x < nX1; ++x)
@@ -264,6 +267,149 @@ TEST(Copy2D, AnExceptionFromABlockReachesTheCaller)
   // The failing row was begun and stopped at the failing pixel.
   EXPECT_EQ(At(oDest, 99, 1500), At(oSrc, 99, 1500));
   EXPECT_EQ(At(oDest, 100, 1500), 0);
+}
+
+// --- Caller mistakes, on memory and tile bands --------------------------------------------------------
+
+template <class TTag>
+class BandGuardTest : public ::testing::Test
+{
+};
+using TTags = ::testing::Types<SMemoryTag, STileTag>;
+TYPED_TEST_SUITE(BandGuardTest, TTags);
+
+using Orl::Harnel::CBasicException;
+
+// Sides the iterators cannot address are refused at construction; bands without pixels clear to
+// nothing. The pixel count is 64-bit (Clear relies on it).
+TYPED_TEST(BandGuardTest, SizesAtTheLimits)
+{
+  struct SRow
+  {
+    const char* m_pName;
+    unsigned m_nWidth, m_nHeight;
+    bool m_bRefused;
+  } const aRows[] = {
+    {"width 2^31", 1u << 31, 1, true},
+    {"height UINT_MAX", 1, UINT_MAX, true},
+    {"width 2^31 - 1", 0x7fffffffu, 0, true},
+    {"width 2^31 - 2, no rows", 0x7ffffffeu, 0, false},
+    {"no columns", 0, 5, false},
+    {"no rows", 5, 0, false},
+  };
+  for (const SRow& o : aRows)
+  {
+    if (o.m_bRefused)
+    {
+      EXPECT_THROW((CBand<unsigned char, TypeParam>(o.m_nWidth, o.m_nHeight)), CBasicException) << o.m_pName;
+      continue;
+    }
+    CBand<unsigned char, TypeParam> oBand(o.m_nWidth, o.m_nHeight);
+    oBand.Clear(1);
+    EXPECT_EQ(oBand.GetRep().GetPixelCount(), 0u) << o.m_pName;
+  }
+  EXPECT_EQ((CBand<float, STileTag>(70000, 70000).GetRep().GetPixelCount()), 4900000000u);
+}
+
+// Rectangles from their corners: a start far beyond the band walks nothing, and UINT_MAX as a size
+// reaches the band's end instead of wrapping.
+TYPED_TEST(BandGuardTest, RectanglesClipWithoutWrapping)
+{
+  struct SRow
+  {
+    const char* m_pName;
+    CRect m_oRect;
+    unsigned m_nWidth, m_nHeight; // of the walk
+  } const aRows[] = {
+    {"to the end", CRect(5, 7, UINT_MAX, UINT_MAX), 1095, 593},
+    {"start near UINT_MAX", CRect(UINT_MAX - 5, 3, 3, 3), 0, 3},
+    {"both near UINT_MAX", CRect(UINT_MAX - 1, UINT_MAX - 1, 5, 5), 0, 0},
+    {"start beyond, to the end", CRect(2000, 700, UINT_MAX, UINT_MAX), 0, 0},
+  };
+  CBand<int, TypeParam> oSrc(1100, 600);
+  oSrc.Clear(1);
+  for (const SRow& o : aRows)
+  {
+    const auto oIts = std::as_const(oSrc).GetBandIterators(o.m_oRect);
+    EXPECT_EQ(boost::get<1>(oIts).X - boost::get<0>(oIts).X, int(o.m_nWidth)) << o.m_pName;
+    EXPECT_EQ(boost::get<1>(oIts).Y - boost::get<0>(oIts).Y, int(o.m_nHeight)) << o.m_pName;
+    CBand<int, TypeParam> oDest(1100, 600);
+    oDest.Clear(0);
+    Copy2D(oIts, oDest.GetBandIterators(oDest), Orl::Test::TLoggerPtr(), SAllowParallelFor());
+    const auto vecPixels = Orl::Test::ReadPixels(oDest);
+    EXPECT_EQ(std::count(vecPixels.begin(), vecPixels.end(), 1), std::ptrdiff_t(o.m_nWidth) * o.m_nHeight)
+      << o.m_pName;
+  }
+}
+
+// Copy2D refuses a destination pair without room for the source's extent, before a pixel is written.
+TYPED_TEST(BandGuardTest, Copy2DIntoTooSmallADestinationIsRefused)
+{
+  struct SRow
+  {
+    const char* m_pName;
+    CRect m_oSrcRect;
+    unsigned m_nDestWidth, m_nDestHeight;
+    CRect m_oDestRect;
+  } const aRows[] = {
+    {"narrower", CRect(0, 0, 10, 4), 9, 4, CRect(0, 0, 9, 4)},
+    {"shorter", CRect(0, 0, 10, 4), 10, 3, CRect(0, 0, 10, 3)},
+    {"too little room after the offset", CRect(2, 2, 10, 4), 12, 6, CRect(3, 3, 12, 6)},
+    {"empty destination", CRect(0, 0, 1, 1), 0, 0, CRect(0, 0, 1, 1)},
+  };
+  CBand<short, TypeParam> oSrc(20, 20);
+  oSrc.Clear(1);
+  for (const SRow& o : aRows)
+  {
+    CBand<short, TypeParam> oDest(o.m_nDestWidth, o.m_nDestHeight);
+    oDest.Clear(0);
+    EXPECT_THROW(Copy2D(std::as_const(oSrc).GetBandIterators(o.m_oSrcRect), oDest.GetBandIterators(o.m_oDestRect),
+                        Orl::Test::TLoggerPtr(), SAllowParallelFor()),
+                 CBasicException)
+      << o.m_pName;
+    const auto vecPixels = Orl::Test::ReadPixels(oDest);
+    EXPECT_EQ(std::count(vecPixels.begin(), vecPixels.end(), short(0)), std::ptrdiff_t(vecPixels.size())) << o.m_pName;
+  }
+}
+
+// Statistics parameters outside their range are refused; what was set before stays.
+TYPED_TEST(BandGuardTest, StatisticsParametersOutOfRangeAreRefused)
+{
+  CBand<float, TypeParam> oBand(30, 20);
+  oBand.Clear(2.0f);
+  EXPECT_THROW(oBand.SetHistogramBins(0), CBasicException);
+  EXPECT_EQ(oBand.GetHistogramBins(), 1024u);
+  struct SRow
+  {
+    const char* m_pName;
+    double m_dPercent;
+    bool m_bRefused;
+  } const aRows[] = {
+    {"below 0", -1.0, true},  {"above 100", 150.0, true}, {"NaN", NAN, true},
+    {"minus zero", -0.0, false}, {"0", 0.0, false},        {"100", 100.0, false},
+  };
+  const Orl::Harnel::Math::CHistoFunctor<double, float> oHisto(0.0f, 10.0f, 4);
+  for (const SRow& o : aRows)
+    if (o.m_bRefused)
+    {
+      EXPECT_THROW(oBand.GetPercentile(o.m_dPercent), CBasicException) << o.m_pName;
+      EXPECT_THROW(oHisto.GetPercentile(o.m_dPercent), CBasicException) << o.m_pName;
+    }
+    else
+      EXPECT_NO_THROW(oBand.GetPercentile(o.m_dPercent)) << o.m_pName;
+}
+
+// Clear of a memory band of more than 2^32 pixels sets them all. 4.3 GB: runs only when
+// ORL_LARGE_TESTS is set.
+TEST(LargeBand, ClearSetsPixelsBeyond2To32)
+{
+  if (!std::getenv("ORL_LARGE_TESTS"))
+    GTEST_SKIP() << "set ORL_LARGE_TESTS to run";
+  TMemBand<unsigned char> oBand(65536, 65537);
+  oBand.Clear(1);
+  const unsigned char* pData = std::as_const(oBand).GetRep().GetDataLocation();
+  EXPECT_EQ(pData[(std::uint64_t(1) << 32) + 5], 1);
+  EXPECT_EQ(pData[oBand.GetRep().GetPixelCount() - 1], 1);
 }
 
 } // namespace

@@ -9,9 +9,9 @@ namespace {
 
 using namespace Orl::Ostrel::Band;
 using namespace Orl::Test::FillHole;
+using CRect = Orl::Pravik::GraphObject2d::CRect<unsigned int>;
 
-// A memory band whose iterators are not the memory iterators: the sweeps reach its rows through the
-// generic SRowAccess, which tile bands use too, instead of the memory specialisation.
+// A memory band whose iterators have no row runs: the sweeps reach its rows pixel by pixel.
 template <class TBase>
 struct SOtherIterator : TBase
 {
@@ -32,10 +32,8 @@ struct COtherIteratorBand : CBand<TPixel, SMemoryTag>
   auto GetBandIterators(const typename TBase::TRect& oRect) { return Wrapped(TBase::GetBandIterators(oRect)); }
   auto GetBandIterators(const typename TBase::TRect& oRect) const { return Wrapped(TBase::GetBandIterators(oRect)); }
 };
-using Orl::Ostrel::Filter::Detail::SRowAccess;
-static_assert(!std::is_same<SRowAccess<SOtherIterator<Detail::CMemoryBandIterator<float, int>>>::TBuffer,
-                            SRowAccess<Detail::CMemoryBandIterator<float, int>>::TBuffer>::value,
-              "the generic row access is under test");
+static_assert(!Detail::SRowRuns<SOtherIterator<Detail::CMemoryBandIterator<float, int>>>::value,
+              "the row access without runs is under test");
 
 template <class TPair>
 class LinearFillHoleReferenceTest : public ::testing::Test
@@ -48,13 +46,13 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBitOnEveryBandKi
   using TPixel = typename TypeParam::first_type;
   using TMask = typename TypeParam::second_type;
   ForEachRandomCase<TPixel, TMask>([](const SCase<TPixel, TMask>& oCase, const SParams& oParams,
-                                      unsigned int nMaxHoles, const std::string& strWhat) {
+                                      const std::string& strWhat) {
     const auto oExpected = Reference(oCase, oParams);
-    ExpectSame(oExpected, RunFilter<SMemoryTag>(oCase, oParams, nMaxHoles), strWhat);
-    ExpectSame(oExpected, RunFilter<SIPPTag>(oCase, oParams, nMaxHoles), strWhat + " (IPP)");
+    ExpectSame(oExpected, RunFilter<SMemoryTag>(oCase, oParams), strWhat);
+    ExpectSame(oExpected, RunFilter<SIPPTag>(oCase, oParams), strWhat + " (IPP)");
     const auto fnOther = RunFilter<SMemoryTag, TPixel, TMask, COtherIteratorBand<TPixel>, COtherIteratorBand<TMask>>;
-    ExpectSame(oExpected, fnOther(oCase, oParams, nMaxHoles), strWhat + " (generic row access)");
-    ExpectSame(oExpected, RunFilter<STileTag>(oCase, oParams, nMaxHoles), strWhat + " (tiles)");
+    ExpectSame(oExpected, fnOther(oCase, oParams), strWhat + " (row access without runs)");
+    ExpectSame(oExpected, RunFilter<STileTag>(oCase, oParams), strWhat + " (tiles)");
   });
 
   // About twenty tiles per band under a budget of four: rows cross tile borders, the hole list runs over
@@ -65,8 +63,7 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBitOnEveryBandKi
   std::mt19937 oRng(sizeof(TPixel) * 31 + sizeof(TMask));
   const SParams oParams{2, 40.0f, sizeof(TMask) != 1, false, 0.0, 0.0};
   const auto oCase = MakeCase<TPixel, TMask>(oRng, nWidth, nHeight, eScattered, oParams);
-  const unsigned nMaxHoles = nWidth * nHeight / 6; // scattered: a tenth of the pixels
-  ExpectSame(RunFilter<SMemoryTag>(oCase, oParams, nMaxHoles), RunFilter<STileTag>(oCase, oParams, nMaxHoles), "spilling");
+  ExpectSame(RunFilter<SMemoryTag>(oCase, oParams), RunFilter<STileTag>(oCase, oParams), "spilling");
   EXPECT_GT(Orl::Test::TileCache().GetCounters().m_nRecordsRead, nReadBefore);
 }
 
@@ -86,7 +83,7 @@ SCase<TPixel, unsigned char> Row(std::vector<TPixel> vecSrc, TPixel tNoData, uns
 template <class TPixel>
 SResult<TPixel> Fill(const SCase<TPixel, unsigned char>& oCase, unsigned nMin, float fMaxDistance, bool bMask = false)
 {
-  return RunFilter<SMemoryTag>(oCase, SParams{nMin, fMaxDistance, bMask, false, 0, 0}, 0);
+  return RunFilter<SMemoryTag>(oCase, SParams{nMin, fMaxDistance, bMask, false, 0, 0});
 }
 
 TEST(LinearFillHoleFilter, ReachMinimumDirectionsAndBorders)
@@ -139,7 +136,7 @@ TEST(LinearFillHoleFilter, CommonRectangleAndLogger)
   oSrc.GetRep().GetDataLocation()[5] = NAN;
   oMask.Clear(1.0f);
   oDest.Clear(9.0f);
-  CFilter oFilter(0, 1, 10.0f, false);
+  CFilter oFilter(1, 1, 10.0f, false);
   const auto pLogger = boost::make_shared<Orl::Harnel::Progress::CLogger>();
   oFilter.SetLogger(pLogger);
   oFilter.Apply(oDest, oSrc, oMask);
@@ -147,6 +144,73 @@ TEST(LinearFillHoleFilter, CommonRectangleAndLogger)
   for (unsigned int n = 0; n < 30; ++n)
     EXPECT_EQ(oDest.GetRep().GetDataLocation()[n], n % 6 < 4 && n < 18 ? 2.0f : 9.0f) << n;
   EXPECT_FALSE(oDest.HasNoDataValue());
+}
+
+template <class TTag>
+class LinearFillHoleTagTest : public ::testing::Test
+{
+};
+using TTags = ::testing::Types<SMemoryTag, STileTag>;
+TYPED_TEST_SUITE(LinearFillHoleTagTest, TTags);
+
+// Each mistake is refused with CBasicException before the destination is touched.
+TYPED_TEST(LinearFillHoleTagTest, BadArgumentsAreRefusedBeforeAPixelIsWritten)
+{
+  using TBand = CBand<float, TypeParam>;
+  struct SRow
+  {
+    const char* m_pName;
+    unsigned m_nSrcW, m_nSrcH, m_nDestW, m_nDestH, m_nMaskW, m_nMaskH;
+    int m_nBoundBelowHoles; // the bound is the number of holes minus this
+    bool m_bDestIsSrc;
+  };
+  const SRow aRows[] = {
+    {"one hole more than the bound", 40, 30, 40, 30, 40, 30, 1, false},
+    {"holes but a bound of 0", 40, 30, 40, 30, 40, 30, 30, false},
+    {"source taller than the destination", 40, 31, 40, 30, 40, 31, 0, false},
+    {"source wider than the mask", 41, 30, 41, 30, 40, 30, 0, false},
+    {"destination is the source", 40, 30, 40, 30, 40, 30, 0, true},
+  };
+  for (const SRow& o : aRows)
+  {
+    TBand oSrc(o.m_nSrcW, o.m_nSrcH), oDest(o.m_nDestW, o.m_nDestH), oMask(o.m_nMaskW, o.m_nMaskH);
+    oSrc.Clear(1.0f);
+    auto [itHole, itEnd] = oSrc.GetBandIterators(CRect(0, 2, 30, 1)); // thirty holes in row 2
+    for (; itHole.X != itEnd.X; ++itHole.X)
+      *itHole = NAN;
+    oDest.Clear(7.0f);
+    const unsigned nBound = unsigned(30 - o.m_nBoundBelowHoles);
+    EXPECT_THROW(CFilter(nBound, 1, 5.0f, false).Apply(o.m_bDestIsSrc ? oSrc : oDest, oSrc, oMask),
+                 Orl::Harnel::CBasicException)
+      << o.m_pName;
+    const auto vecDest = Orl::Test::ReadPixels(oDest);
+    EXPECT_EQ(std::count(vecDest.begin(), vecDest.end(), 7.0f), std::ptrdiff_t(vecDest.size())) << o.m_pName;
+  }
+}
+
+// The list gives back what it took, in reverse, across rows and chunks, and makes chunks only as
+// holes come.
+TYPED_TEST(LinearFillHoleTagTest, HoleListGivesBackInReverseAndGrowsWithTheHoles)
+{
+  using TList = Orl::Ostrel::Filter::Detail::CHoleList<TypeParam>;
+  using Orl::Ostrel::Filter::Detail::SHoleSums;
+  for (const std::uint32_t nEntries : {0u, 1u, 1024u, 1025u, TList::ms_nWidth * TList::ms_nChunkRows + 3})
+  {
+    TList oList(std::numeric_limits<std::uint32_t>::max()); // a bound far beyond memory
+    for (std::uint32_t n = 0; n < nEntries; ++n)
+      oList.Append(SHoleSums{float(n), -float(n), n % 9});
+    EXPECT_EQ(oList.GetChunkCount(), (nEntries + TList::ms_nWidth * TList::ms_nChunkRows - 1) /
+                                       (TList::ms_nWidth * TList::ms_nChunkRows))
+      << nEntries;
+    oList.EndForward();
+    for (std::uint32_t n = nEntries; n-- != 0;)
+    {
+      const SHoleSums oSums = oList.TakeBack();
+      ASSERT_EQ(oSums.m_fWeights, float(n)) << nEntries;
+      ASSERT_EQ(oSums.m_fValues, -float(n)) << nEntries;
+      ASSERT_EQ(oSums.m_nCount, n % 9) << nEntries;
+    }
+  }
 }
 
 } // namespace

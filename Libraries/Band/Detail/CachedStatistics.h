@@ -18,6 +18,7 @@
 
 #include "Band/GrayValueStatistics.h"
 #include "Band/GrayValueStatisticsCalculator.h"
+#include "Foundation/BadArgument.h"
 #include "Math/StatisticFunctors.h"
 
 #include <boost/shared_ptr.hpp>
@@ -114,7 +115,8 @@ public:
   // From the cached histogram, as the median is; 0 when the histogram is unusable.
   double GetPercentile(double dPercent)
   {
-    assert(dPercent >= 0.0 && dPercent <= 100.0 && "percent out of range");
+    // Checked before the histogram is made; the functor checks it again for its own callers.
+    Harnel::Math::CheckPercent(dPercent);
     _EnsureHistogram();
     if (m_oRecord.m_vecHistogram.empty())
       return 0.0;
@@ -129,7 +131,8 @@ public:
   // Changing the bin count drops the cached histogram, median and mode, and only those.
   static void SetHistogramBins(CGrayValueStatistics<TPixel>& oRecord, unsigned int nBins)
   {
-    assert(nBins > 0 && "a histogram needs at least one bin");
+    if (nBins == 0)
+      Harnel::ThrowBadArgument(__FILE__, __LINE__, "A histogram needs at least one bin");
     if (nBins == oRecord.m_nBins)
       return;
     oRecord.m_nBins = nBins;

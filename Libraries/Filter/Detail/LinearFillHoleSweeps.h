@@ -2,36 +2,29 @@
 
 // The two sweeps of the linear fill-hole filter, written once for every storage kind.
 //
-// The algorithm never asks what kind of band it walks. It reaches pixels and hole-list entries only
-// through two small access traits:
-//
-//   SRowAccess<TIterator>      gives one row of a band, from an iterator on the row's first pixel, as
-//                              a plain array: Read for the source and the mask, BeginWrite / EndWrite
-//                              for the destination. The generic form copies the row through the
-//                              iterator's X mover into a buffer and back; tile iterators copy it a
-//                              tile's stretch at a time (LinearFillHoleTileAccess.h); memory iterators
-//                              are specialised to the row's own address.
-//   SHoleListAccess<TBand>     gives the cursor on the first entry of an auxiliary band: *c, ++c, --c
-//                              walk the entries in scan order. Memory bands give a pointer into the
-//                              pixel block; tile bands specialise it with their scan-order iterator.
-//
-// Rows are moved with the band iterators' own Y movers. Everything else (classification, the order
-// of the line updates and contributions, the float arithmetic, the conversion of the result, the
-// no-data bookkeeping) is in the function templates below and is shared by all instances; within a
-// row it works on plain arrays, so that the common case, a run of valid pixels, is a tight loop.
+// The algorithm never asks what kind of band it walks. It takes a band's rows as plain arrays through
+// the band layer's row access (Band/Detail/RowAccess.h: the row's own memory where it is one run,
+// else a row buffer), moves rows with the band iterators' own Y movers, and keeps its hole list in
+// CHoleList (LinearFillHoleList.h). Everything else (classification, the order of the line updates
+// and contributions, the float arithmetic, the conversion of the result, the no-data bookkeeping) is
+// in the function templates below and is shared by all instances; within a row it works on plain
+// arrays, so that the common case, a run of valid pixels, is a tight loop.
 
 #include "Band/Band.h"
-#include "Band/MemoryBandIterator.h"
+#include "Band/Detail/RowAccess.h"
 #include "Filter/DefaultLineData.h"
+#include "Filter/Detail/LinearFillHoleList.h"
+#include "Filter/Detail/PixelConversion.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
 
 #include <boost/tuple/tuple.hpp>
 
+#include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <type_traits>
 #include <vector>
@@ -41,151 +34,6 @@
 #endif
 
 namespace Orl { namespace Ostrel { namespace Filter { namespace Detail {
-
-// --- Reaching pixels -------------------------------------------------------------------------------
-
-// Gives the sweeps one row of a band as a plain array of its W pixels. The generic form copies the row
-// through the iterator, moving X, into a buffer, and writes a buffer back the same way; memory
-// iterators are specialised to the row's own address, computed from data pointer, stride, X and Y.
-template <class TIterator>
-struct SRowAccess
-{
-  using TPixel = std::remove_cv_t<std::remove_reference_t<decltype(*std::declval<const TIterator&>())>>;
-  using TBuffer = std::vector<TPixel>;
-
-  static const TPixel* Read(TIterator it, std::uint32_t nWidth, TBuffer& vecBuffer)
-  {
-    vecBuffer.resize(nWidth);
-    for (std::uint32_t n = 0; n < nWidth; ++n, ++it.X)
-      vecBuffer[n] = *it;
-    return vecBuffer.data();
-  }
-  static TPixel* BeginWrite(const TIterator&, std::uint32_t nWidth, TBuffer& vecBuffer)
-  {
-    vecBuffer.resize(nWidth);
-    return vecBuffer.data();
-  }
-  static void EndWrite(TIterator it, std::uint32_t nWidth, const TBuffer& vecBuffer)
-  {
-    for (std::uint32_t n = 0; n < nWidth; ++n, ++it.X)
-      *it = vecBuffer[n];
-  }
-};
-
-template <class TIterator, class TPixel>
-TPixel* MemoryAddress(const TIterator& it, TPixel* pData)
-{
-  return pData + (std::ptrdiff_t(it.Y) * std::ptrdiff_t(it.m_nWidth) + std::ptrdiff_t(it.X));
-}
-
-template <class TPixel_, class TCoord>
-struct SRowAccess<Band::Detail::CMemoryBandIterator<TPixel_, TCoord>>
-{
-  using TPixel = TPixel_;
-  struct TBuffer
-  {
-  };
-
-  static const TPixel* Read(const Band::Detail::CMemoryBandIterator<TPixel, TCoord>& it, std::uint32_t, TBuffer&)
-  {
-    return MemoryAddress(it, static_cast<const TPixel*>(it.m_pData));
-  }
-};
-
-template <class TPixel_, class TCoord>
-struct SRowAccess<Band::Detail::CMutableMemoryBandIterator<TPixel_, TCoord>>
-{
-  using TPixel = TPixel_;
-  struct TBuffer
-  {
-  };
-
-  static TPixel* BeginWrite(const Band::Detail::CMutableMemoryBandIterator<TPixel, TCoord>& it, std::uint32_t,
-                            TBuffer&)
-  {
-    return MemoryAddress(it, it.m_pData);
-  }
-  static void EndWrite(const Band::Detail::CMutableMemoryBandIterator<TPixel, TCoord>&, std::uint32_t, const TBuffer&)
-  {
-  }
-};
-
-// --- Reaching hole-list entries ----------------------------------------------------------------------
-
-template <class TBand, class TRep = typename TBand::TRep>
-struct SHoleListAccess; // STileTag bands specialise this with their scan-order iterators
-
-template <class TBand, class TPixel>
-struct SHoleListAccess<TBand, Band::CMemoryBandRep<TPixel>>
-{
-  using TCursor = TPixel*;
-  static TCursor Begin(TBand& oBand) { return oBand.GetRep().GetDataLocation(); }
-};
-
-// The hole list: per hole, in the order the forward sweep meets them, the sum of weights, the sum of
-// weighted values and the number of contributions. Held in bands of the filtered bands' storage kind
-// so that on tile bands it can leave memory like the bands themselves.
-template <class TTag>
-struct SHoleList
-{
-  static constexpr std::uint32_t ms_nWidth = 1024;
-
-  using TWeightBand = Band::CBand<float, TTag>;
-  using TCountBand = Band::CBand<unsigned char, TTag>;
-  using TWeightCursor = typename SHoleListAccess<TWeightBand>::TCursor;
-  using TCountCursor = typename SHoleListAccess<TCountBand>::TCursor;
-
-  // Room for ms_nWidth * ((nMaxHolePixels >> 10) + 1) entries, made and cleared in the order weights,
-  // values, counts.
-  explicit SHoleList(std::uint32_t nMaxHolePixels)
-    : m_oWeights(_Made<float>(nMaxHolePixels)), m_oValues(_Made<float>(nMaxHolePixels)),
-      m_oCounts(_Made<unsigned char>(nMaxHolePixels))
-  {
-  }
-
-  std::uint64_t GetCapacity() const { return std::uint64_t(ms_nWidth) * m_oCounts.GetHeight(); }
-
-  // The moving position in the list: the forward sweep steps it on after each hole, the backward
-  // sweep back before each hole, starting where the forward sweep ended.
-  struct SCursor
-  {
-    TWeightCursor m_itWeight;
-    TWeightCursor m_itValue;
-    TCountCursor m_itCount;
-
-    void operator++()
-    {
-      ++m_itWeight;
-      ++m_itValue;
-      ++m_itCount;
-    }
-    void operator--()
-    {
-      --m_itWeight;
-      --m_itValue;
-      --m_itCount;
-    }
-  };
-
-  SCursor Begin()
-  {
-    return SCursor{SHoleListAccess<TWeightBand>::Begin(m_oWeights), SHoleListAccess<TWeightBand>::Begin(m_oValues),
-                   SHoleListAccess<TCountBand>::Begin(m_oCounts)};
-  }
-
-  TWeightBand m_oWeights;
-  TWeightBand m_oValues;
-  TCountBand m_oCounts;
-
-private:
-  template <class TPixel>
-  static Band::CBand<TPixel, TTag> _Made(std::uint32_t nMaxHolePixels)
-  {
-    Band::CBand<TPixel, TTag> oBand(ms_nWidth, (nMaxHolePixels >> 10) + 1);
-    oBand.Clear(TPixel(0));
-    return oBand;
-  }
-};
 
 // --- Pixel classes -----------------------------------------------------------------------------------
 
@@ -223,79 +71,6 @@ struct SValidPixel<TPixel, true>
 
   TPixel m_tNoData;
 };
-
-// --- Float to pixel ----------------------------------------------------------------------------------
-
-// Truncation toward zero with the x86 result for NaN and out-of-range values (the smallest value of
-// the target type), so that every input has one defined answer on every platform.
-inline std::int32_t TruncateToInt32(float f)
-{
-#if defined(__x86_64__)
-  return _mm_cvtt_ss2si(_mm_set_ss(f));
-#else
-  return (f >= -2147483648.0f && f < 2147483648.0f) ? std::int32_t(f) : std::numeric_limits<std::int32_t>::min();
-#endif
-}
-
-inline std::int64_t TruncateToInt64(float f)
-{
-#if defined(__x86_64__)
-  return _mm_cvttss_si64(_mm_set_ss(f));
-#else
-  return (f >= -9223372036854775808.0f && f < 9223372036854775808.0f) ? std::int64_t(f)
-                                                                        : std::numeric_limits<std::int64_t>::min();
-#endif
-}
-
-inline std::int64_t TruncateToInt64(double d)
-{
-#if defined(__x86_64__)
-  return _mm_cvttsd_si64(_mm_set_sd(d));
-#else
-  return (d >= -9223372036854775808.0 && d < 9223372036854775808.0) ? std::int64_t(d)
-                                                                      : std::numeric_limits<std::int64_t>::min();
-#endif
-}
-
-// The interpolated value in the destination's type. Not rounded, not clamped: integers keep the low
-// bits of the truncated value. Results of bands written this way depend on it.
-template <class TPixel>
-struct SFillValue
-{
-  static_assert(sizeof(TPixel) < 4, "wider types have their own conversion");
-  static TPixel From(float f) { return TPixel(TruncateToInt32(f)); }
-};
-template <>
-struct SFillValue<int>
-{
-  static int From(float f) { return TruncateToInt32(f); }
-};
-template <>
-struct SFillValue<unsigned int>
-{
-  static unsigned int From(float f) { return static_cast<unsigned int>(std::uint64_t(TruncateToInt64(f))); }
-};
-template <>
-struct SFillValue<float>
-{
-  static float From(float f) { return f; }
-};
-template <>
-struct SFillValue<double>
-{
-  static double From(float f) { return f; }
-};
-
-// A mask range bound in the mask's type: integers truncate toward zero and keep the low bits, float
-// rounds to nearest, double stays.
-template <class TPixel>
-TPixel RangeBound(double d)
-{
-  if constexpr (std::is_floating_point<TPixel>::value)
-    return TPixel(d);
-  else
-    return static_cast<TPixel>(std::uint64_t(TruncateToInt64(d)));
-}
 
 // --- Lines -------------------------------------------------------------------------------------------
 
@@ -367,14 +142,6 @@ struct SValidLineSetter<SDefaultLineData>
   __m128 m_vecConstant;
 };
 #endif
-
-// The accumulating half of a hole-list entry while its hole is being worked on.
-struct SHoleSums
-{
-  float m_fWeights;
-  float m_fValues;
-  unsigned int m_nCount;
-};
 
 // One line's contribution to a hole. The distance grows whatever the line's state; a line that is out
 // of reach (or has a NaN maximum: the comparison fails) turns invalid until a valid pixel sets it again.
@@ -549,24 +316,33 @@ struct SFillHoleSweepContext
   std::uint32_t m_nWidth;         // W of the common rectangle
   std::uint32_t m_nHeight;        // H of the common rectangle
   std::uint32_t m_nMinDirections;
-  std::uint64_t m_nHoleCapacity;
   Harnel::Progress::CLogger* m_pLogger;
 };
 
 // Reads the mask row only when there is a mask.
 template <bool BUseMask, class TMaskIterator>
-const typename SRowAccess<TMaskIterator>::TPixel* ReadMaskRow(const TMaskIterator& itRow, std::uint32_t nWidth,
-                                                              typename SRowAccess<TMaskIterator>::TBuffer& oBuffer)
+const Band::Detail::TRowPixel<TMaskIterator>* ReadMaskRow(const TMaskIterator& itRow, std::uint32_t nWidth,
+                                                          Band::Detail::CRowReader<TMaskIterator>& oReader)
 {
   if constexpr (BUseMask)
-    return SRowAccess<TMaskIterator>::Read(itRow, nWidth, oBuffer);
+    return oReader.Read(itRow, nWidth);
   else
   {
     (void)itRow;
     (void)nWidth;
-    (void)oBuffer;
+    (void)oReader;
     return nullptr;
   }
+}
+
+// The forward sweep's refusal of a hole beyond the bound; out of line, as it is never taken in a
+// correct call.
+[[noreturn]] inline void ThrowTooManyHoles(std::uint32_t nMaxHoles)
+{
+  Harnel::ThrowBadArgument(__FILE__, __LINE__,
+                           "The source has more holes than the fill-hole filter's maximum of %1%; "
+                           "the filter's CountHoles gives the number to pass",
+                           nMaxHoles);
 }
 
 // One row of the source as the sweeps see it: its pixels and their classes. Two of them alternate,
@@ -576,21 +352,21 @@ struct SFillHoleSrcRow
 {
   explicit SFillHoleSrcRow(std::uint32_t nWidth) : m_oClasses(nWidth) {}
 
-  using TPixel = typename SRowAccess<TSrcIterator>::TPixel;
+  using TPixel = Band::Detail::TRowPixel<TSrcIterator>;
 
   // With pCopy, the pixels are also copied there in the same pass.
   template <bool BUseMask, class TMaskIterator, class TComparator, class TValid>
   void Read(const TSrcIterator& itSrcRow, const TMaskIterator& itMaskRow, std::uint32_t nWidth,
-            typename SRowAccess<TMaskIterator>::TBuffer& oMaskBuffer, const TComparator& oComparator,
+            Band::Detail::CRowReader<TMaskIterator>& oMaskReader, const TComparator& oComparator,
             const TValid& oValid, TPixel* pCopy = nullptr)
   {
-    m_pPixels = SRowAccess<TSrcIterator>::Read(itSrcRow, nWidth, m_oBuffer);
-    m_oClasses.template Classify<BUseMask>(m_pPixels, ReadMaskRow<BUseMask>(itMaskRow, nWidth, oMaskBuffer),
+    m_pPixels = m_oReader.Read(itSrcRow, nWidth);
+    m_oClasses.template Classify<BUseMask>(m_pPixels, ReadMaskRow<BUseMask>(itMaskRow, nWidth, oMaskReader),
                                            oComparator, oValid, pCopy);
   }
 
   const TPixel* m_pPixels = nullptr;
-  typename SRowAccess<TSrcIterator>::TBuffer m_oBuffer;
+  Band::Detail::CRowReader<TSrcIterator> m_oReader;
   CFillHoleRowClasses m_oClasses;
 };
 
@@ -640,28 +416,32 @@ void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, cons
 // later pixel may read them (SetValidLines). Each table entry is touched by one pixel per row, so the
 // order of the two within a row does not matter.
 //
-// Required of the iterators: X and Y, ++it.Y, and SRowAccess for their type.
+// Throws CBasicException, before the destination is touched, at the first hole beyond the list's
+// bound.
+//
+// Required of the iterators: X and Y, ++it.Y, and what CRowReader asks.
 template <bool BUseMask, class TLineData, class TSrcIterator, class TMaskIterator, class TComparator, class TValid,
-          class THoleCursor>
+          class THoleTag>
 bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
                           const boost::tuples::tuple<TSrcIterator, TSrcIterator>& oSrc,
                           const boost::tuples::tuple<TMaskIterator, TMaskIterator>& oMask,
-                          const TComparator& oComparator, const TValid& oValid, THoleCursor& oHoles)
+                          const TComparator& oComparator, const TValid& oValid, CHoleList<THoleTag>& oHoles)
 {
   SFillHoleTables<TLineData>& oTables = oContext.m_oTables;
   const float fMaxDistance = oTables.m_oFresh.m_fMaxDistance;
   const SValidLineSetter<TLineData> oSetLines(fMaxDistance);
   const std::uint32_t nWidth = oContext.m_nWidth;
   const std::uint32_t nHeight = oContext.m_nHeight;
-  typename SRowAccess<TMaskIterator>::TBuffer oMaskBuffer;
+  Band::Detail::CRowReader<TMaskIterator> oMaskReader;
   SFillHoleSrcRow<TSrcIterator> aRows[2] = {SFillHoleSrcRow<TSrcIterator>(nWidth),
                                             SFillHoleSrcRow<TSrcIterator>(nWidth)};
+  const std::uint64_t nMaxHoles = oHoles.GetMaxHoles();
   std::uint64_t nHoles = 0;
 
   TSrcIterator itSrcRow = boost::get<0>(oSrc);
   TMaskIterator itMaskRow = boost::get<0>(oMask);
   if (nHeight != 0)
-    aRows[0].template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskBuffer, oComparator, oValid);
+    aRows[0].template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskReader, oComparator, oValid);
   for (std::uint32_t nRow = 0; nRow < nHeight; ++nRow)
   {
     const SFillHoleSrcRow<TSrcIterator>& oRow = aRows[nRow % 2];
@@ -671,7 +451,7 @@ bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
     if constexpr (BUseMask)
       ++itMaskRow.Y;
     if (nRow + 1 < nHeight)
-      oNext.template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskBuffer, oComparator, oValid);
+      oNext.template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskReader, oComparator, oValid);
     else
       oNext.m_oClasses.SetOutside();
 
@@ -688,17 +468,15 @@ bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
         oHorizontal.SetIf(pClass[n - 1] == eFillHoleValid, float(pSrc[n - (n != 0)]));
         if (pClass[n] != eFillHoleHole)
           continue; // skipped
-        assert(nHoles < oContext.m_nHoleCapacity && "more holes than the filter's maximum");
+        if (nHoles == nMaxHoles)
+          ThrowTooManyHoles(std::uint32_t(nMaxHoles));
         ++nHoles;
-        SHoleSums oSums{*oHoles.m_itWeight, *oHoles.m_itValue, 0};
+        SHoleSums oSums{0.0f, 0.0f, 0};
         oHorizontal.Contribute(oSums);
         Contribute(oTableRow.m_pVertical[n], oSums);
         Contribute(oTableRow.m_pMain[n], oSums);
         Contribute(oTableRow.m_pAnti[n], oSums);
-        *oHoles.m_itWeight = oSums.m_fWeights;
-        *oHoles.m_itValue = oSums.m_fValues;
-        *oHoles.m_itCount = static_cast<unsigned char>(oSums.m_nCount);
-        ++oHoles;
+        oHoles.Append(oSums);
       }
 
     if (oContext.m_pLogger)
@@ -716,17 +494,18 @@ bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
 // As in the forward sweep, only holes and skipped pixels are visited one by one; the destination row
 // is first the source row, and they overwrite their pixels in it.
 //
-// Required of the iterators: X and Y, --it.Y, it += CPoint<int>, and SRowAccess for their type.
+// Required of the iterators: X and Y, --it.Y, it += CPoint<int>, and what CRowReader and CRowWriter
+// ask.
 template <bool BUseMask, class TLineData, class TSrcIterator, class TMaskIterator, class TDestIterator,
-          class TComparator, class TValid, class THoleCursor>
+          class TComparator, class TValid, class THoleTag>
 bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
                            const boost::tuples::tuple<TSrcIterator, TSrcIterator>& oSrc,
                            const boost::tuples::tuple<TMaskIterator, TMaskIterator>& oMask,
                            const boost::tuples::tuple<TDestIterator, TDestIterator>& oDest,
-                           const TComparator& oComparator, const TValid& oValid, THoleCursor& oHoles,
-                           typename SRowAccess<TDestIterator>::TPixel tNoData)
+                           const TComparator& oComparator, const TValid& oValid, CHoleList<THoleTag>& oHoles,
+                           Band::Detail::TRowPixel<TDestIterator> tNoData)
 {
-  using TDestPixel = typename SRowAccess<TDestIterator>::TPixel;
+  using TDestPixel = Band::Detail::TRowPixel<TDestIterator>;
 
   SFillHoleTables<TLineData>& oTables = oContext.m_oTables;
   const float fMaxDistance = oTables.m_oFresh.m_fMaxDistance;
@@ -734,8 +513,8 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
   const unsigned int nMinDirections = oContext.m_nMinDirections;
   const std::uint32_t nWidth = oContext.m_nWidth;
   const std::uint32_t nHeight = oContext.m_nHeight;
-  typename SRowAccess<TMaskIterator>::TBuffer oMaskBuffer;
-  typename SRowAccess<TDestIterator>::TBuffer aDestBuffers[2];
+  Band::Detail::CRowReader<TMaskIterator> oMaskReader;
+  Band::Detail::CRowWriter<TDestIterator> aDestWriters[2];
   TDestPixel* apDest[2] = {nullptr, nullptr};
   SFillHoleSrcRow<TSrcIterator> aRows[2] = {SFillHoleSrcRow<TSrcIterator>(nWidth),
                                             SFillHoleSrcRow<TSrcIterator>(nWidth)};
@@ -753,8 +532,8 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
     if constexpr (BUseMask)
       itMaskRow += oToLast;
     itDestRow += oToLast;
-    apDest[0] = SRowAccess<TDestIterator>::BeginWrite(itDestRow, nWidth, aDestBuffers[0]);
-    aRows[0].template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskBuffer, oComparator, oValid, apDest[0]);
+    apDest[0] = aDestWriters[0].BeginWrite(itDestRow, nWidth);
+    aRows[0].template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskReader, oComparator, oValid, apDest[0]);
   }
   for (std::uint32_t nRow = 0; nRow < nHeight; ++nRow)
   {
@@ -769,8 +548,8 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
       if constexpr (BUseMask)
         --itMaskRow.Y;
       --itDestNext.Y;
-      apDest[(nRow + 1) % 2] = SRowAccess<TDestIterator>::BeginWrite(itDestNext, nWidth, aDestBuffers[(nRow + 1) % 2]);
-      oNext.template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskBuffer, oComparator, oValid,
+      apDest[(nRow + 1) % 2] = aDestWriters[(nRow + 1) % 2].BeginWrite(itDestNext, nWidth);
+      oNext.template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskReader, oComparator, oValid,
                                     apDest[(nRow + 1) % 2]);
     }
     else
@@ -794,14 +573,13 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
           bWroteNoData = true;
           continue;
         }
-        --oHoles;
-        SHoleSums oSums{*oHoles.m_itWeight, *oHoles.m_itValue, *oHoles.m_itCount};
+        SHoleSums oSums = oHoles.TakeBack();
         oHorizontal.Contribute(oSums);
         Contribute(oTableRow.m_pVertical[n], oSums);
         Contribute(oTableRow.m_pAnti[n], oSums);
         Contribute(oTableRow.m_pMain[n], oSums);
         if (oSums.m_nCount >= nMinDirections)
-          pDest[n] = SFillValue<TDestPixel>::From(oSums.m_fValues / oSums.m_fWeights);
+          pDest[n] = FloatToPixel<TDestPixel>(oSums.m_fValues / oSums.m_fWeights);
         else
         {
           pDest[n] = tNoData;
@@ -809,7 +587,7 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
         }
       }
 
-    SRowAccess<TDestIterator>::EndWrite(itDestRow, nWidth, aDestBuffers[nRow % 2]);
+    aDestWriters[nRow % 2].EndWrite();
     itDestRow = itDestNext;
     if (oContext.m_pLogger)
       oContext.m_pLogger->IncrementProgress();
@@ -817,6 +595,29 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
   return bWroteNoData;
 }
 
+// The holes of the nWidth x nHeight rectangles from the begin iterators, classified as the sweeps
+// classify them.
+template <bool BUseMask, class TSrcIterator, class TMaskIterator, class TComparator, class TValid>
+std::uint64_t CountFillHoles(std::uint32_t nWidth, std::uint32_t nHeight, TSrcIterator itSrcRow,
+                             TMaskIterator itMaskRow, const TComparator& oComparator, const TValid& oValid)
+{
+  SFillHoleSrcRow<TSrcIterator> oRow(nWidth);
+  Band::Detail::CRowReader<TMaskIterator> oMaskReader;
+  std::uint64_t nHoles = 0;
+  for (std::uint32_t nRow = 0; nRow < nHeight; ++nRow)
+  {
+    if (nRow != 0)
+    {
+      ++itSrcRow.Y;
+      if constexpr (BUseMask)
+        ++itMaskRow.Y;
+    }
+    oRow.template Read<BUseMask>(itSrcRow, itMaskRow, nWidth, oMaskReader, oComparator, oValid);
+    const unsigned char* pClass = oRow.m_oClasses.GetClasses();
+    nHoles += std::uint64_t(std::count(pClass, pClass + nWidth, static_cast<unsigned char>(eFillHoleHole)));
+  }
+  return nHoles;
+}
+
 }}}} // namespace Orl::Ostrel::Filter::Detail
 
-#include "Filter/Detail/LinearFillHoleTileAccess.h"
