@@ -49,6 +49,12 @@ inline std::string ReadBytes(const std::string& strPath)
   return std::string(std::istreambuf_iterator<char>(oStream), std::istreambuf_iterator<char>());
 }
 
+inline void WriteBytes(const std::string& strPath, const std::string& strBytes)
+{
+  if (!(std::ofstream(strPath, std::ios::binary | std::ios::trunc) << strBytes).flush())
+    throw std::runtime_error("cannot write " + strPath);
+}
+
 // Writes <directory>/<name><language>.trl, naming pFileName as its module where given.
 inline bool WriteModule(const std::string& strDirectory, const std::string& strName, const std::string& strLanguage,
                         std::initializer_list<std::string> listBases,

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <iostream>
 #include <sstream>
@@ -43,11 +45,6 @@ std::pair<bool, std::string> Read(const std::string& strPath, CTranslatorData& o
   const bool bResult = CTranslatorFile(strPath).Read(oData);
   std::cerr.rdbuf(pOld);
   return {bResult, oCapture.str()};
-}
-
-void WriteBytes(const std::string& strPath, const std::string& strBytes)
-{
-  ASSERT_TRUE((std::ofstream(strPath, std::ios::binary | std::ios::trunc) << strBytes).flush()) << strPath;
 }
 
 } // namespace
@@ -237,17 +234,19 @@ TEST(TranslatorFile, GrammarAcceptsAndRefuses)
   }
 }
 
-TEST(TranslatorFile, DirectoriesAndMissingFilesAreRefusedQuietly)
+// Only regular files are there; anything else is refused quietly, a FIFO without waiting for a writer.
+TEST(TranslatorFile, OnlyRegularFilesExist)
 {
   CTempDirectory oDir;
-  const std::string strDirectory = oDir.Sub("dirGerman.trl", true);
-  EXPECT_TRUE(CTranslatorFile::Exists(strDirectory));
-  EXPECT_FALSE(CTranslatorFile::Exists(oDir.Sub("missing.trl")));
-  for (const std::string& strPath : {strDirectory, oDir.Sub("missing.trl")})
+  const std::string strFifo = oDir.Sub("fifo.trl");
+  ASSERT_EQ(mkfifo(strFifo.c_str(), 0644), 0);
+  for (const std::string& strPath : {oDir.Sub("dirGerman.trl", true), oDir.Sub("missing.trl"), strFifo})
   {
+    EXPECT_FALSE(CTranslatorFile::Exists(strPath)) << strPath;
     CTranslatorData oData;
     EXPECT_EQ(Read(strPath, oData), std::make_pair(false, std::string()));
     EXPECT_FALSE(oData.IsModified());
+    EXPECT_EQ(CTranslatorFile(strPath).Write(oData), strPath == oDir.Sub("missing.trl"));
   }
 }
 

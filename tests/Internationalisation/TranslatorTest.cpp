@@ -6,7 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
+#include <future>
 #include <list>
 #include <memory>
 #include <stdexcept>
@@ -111,6 +117,72 @@ TEST(Translator, SetLanguageWritesTheOldLanguageFirst)
   // Init drops a modified table without writing it.
   CTranslator::Init(oDir.Path(), "mod", "French");
   EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("modGerman.trl")));
+}
+
+// The module's file is there but fails to read: its bytes stay, and what is learnt goes beside it.
+TEST(Translator, AFileThatFailsToReadIsNeverWrittenOver)
+{
+  const std::string strTruncated = "TF(1)\nSettings(ModuleName(\"mod\")Language(\"de\")BaseModules())\nTranslations(\"k\"=\"v\"\n";
+  const struct
+  {
+    const char* pWhat;
+    std::string strBytes;
+    mode_t nMode;
+    const char* pValueOfK; // parsed before the fault, or learnt
+  } aCases[] = {
+    {"wrong version", "TF(2)" + strTruncated.substr(5) + ")", 0644, "k"},
+    {"truncated", strTruncated, 0644, "v"},
+    {"bad escape", strTruncated + "\"x\"=\"\\q\")", 0644, "v"},
+    {"no permission", strTruncated + ")", 0, "k"},
+  };
+  for (const auto& oCase : aCases)
+  {
+    SCOPED_TRACE(oCase.pWhat);
+    CTempDirectory oDir;
+    const std::string strFile = oDir.Sub("modde.trl");
+    WriteBytes(strFile, oCase.strBytes);
+    chmod(strFile.c_str(), oCase.nMode);
+    if (oCase.nMode == 0 && access(strFile.c_str(), R_OK) == 0)
+      continue; // run by root, who reads the file all the same
+    CTranslator::Init(oDir.Path(), "mod", "de");
+    EXPECT_FALSE(CTranslator::GetTranslatorData().IsModified()); // nothing to write yet
+    EXPECT_EQ(CTranslator::Translate("k"), oCase.pValueOfK);
+    CTranslator::Translate("learnt");
+    CTranslator::SetLanguage("fr"); // writes what the old language learnt
+    chmod(strFile.c_str(), 0644);
+    EXPECT_EQ(ReadBytes(strFile), oCase.strBytes);
+    CTranslatorData oLearnt;
+    ASSERT_TRUE(CTranslatorFile(strFile + CTranslator::ms_pLearntSuffix).Read(oLearnt));
+    EXPECT_EQ(oLearnt.GetTranslatorMap().count("learnt"), 1u);
+    EXPECT_EQ(oLearnt.GetTranslatorMap().at("k"), oCase.pValueOfK);
+  }
+}
+
+// A FIFO named like the module's file is passed over without being opened, and never replaced. A
+// regression would block in open: the guard then opens the FIFO itself, which lets the reader go.
+TEST(Translator, AFifoNamedLikeTheFileNeverBlocks)
+{
+  CTempDirectory oDir;
+  const std::string strFifo = oDir.Sub("modde.trl");
+  ASSERT_EQ(mkfifo(strFifo.c_str(), 0644), 0);
+  std::future<std::string> oResult = std::async(std::launch::async, [&] {
+    CTranslator::Init(oDir.Path(), "mod", "de");
+    CTranslatorData oData;
+    const bool bRead = CTranslatorFile(strFifo).Read(oData);
+    return CTranslator::Translate("x") + (bRead || CTranslatorFile::Exists(strFifo) ? " found" : "");
+  });
+  if (oResult.wait_for(std::chrono::seconds(20)) != std::future_status::ready)
+  {
+    ADD_FAILURE() << "blocked on a FIFO";
+    const int nWriter = open(strFifo.c_str(), O_RDWR | O_NONBLOCK);
+    oResult.wait();
+    close(nWriter);
+  }
+  EXPECT_EQ(oResult.get(), "x");
+  CTranslator::SetLanguage("fr"); // the write of "x" is refused
+  struct stat oStat;
+  ASSERT_EQ(stat(strFifo.c_str(), &oStat), 0);
+  EXPECT_TRUE(S_ISFIFO(oStat.st_mode));
 }
 
 // Missing bases and files naming another module are dropped; the own file under another name keeps it.
