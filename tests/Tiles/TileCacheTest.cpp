@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <thread>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -312,17 +313,56 @@ TEST_F(CTileCacheTest, ShortReadReportsBothEntriesAndTheNextGetTileTriesAgain)
   EXPECT_TRUE(AllIntact(vecTiles));
 }
 
+// The environment sets the budget only when it holds a byte count; anything else falls back to the
+// default with a line on std::cerr.
 TEST(TileCacheBudgetTest, EnvironmentSetsTheBudgetWhenItIsAByteCount)
 {
-  const std::uint64_t nDefault = CTileCache::GetUsableMemory() / 4;
+  const std::uint64_t nDefault = Orl::Ostrel::Band::GetUsableMemory() / 4;
   EXPECT_GT(nDefault, 0u);
-  const std::pair<const char*, std::uint64_t> aCases[] = {
-    {"123", 123}, {"64M", 64u << 20}, {"2g", 2ull << 30}, {"7K", 7168}, {"12X", nDefault}, {"-5", nDefault}};
+  const struct
+  {
+    const char* pValue;
+    std::uint64_t nBudget;
+    bool bMessage;
+  } aCases[] = {
+    {"123", 123, false},       {"64M", 64u << 20, false}, {"2g", 2ull << 30, false}, {"7K", 7168, false},
+    {"12X", nDefault, true},   {"-5", nDefault, true},    {" -5", nDefault, true},   {" 5", nDefault, true},
+    {"+5", nDefault, true},    {"5 ", nDefault, true},    {"5KB", nDefault, true},   {"", nDefault, true},
+    {"18446744073709551616", nDefault, true},             {"17179869184G", nDefault, true},
+  };
   for (const auto& oCase : aCases)
   {
-    ::setenv("ORL_TILE_CACHE_BYTES", oCase.first, 1);
-    EXPECT_EQ(oCase.second, CTileCache().GetMemoryBudget()) << oCase.first;
+    SCOPED_TRACE(std::string("\"") + oCase.pValue + "\"");
+    ::setenv("ORL_TILE_CACHE_BYTES", oCase.pValue, 1);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(oCase.nBudget, CTileCache().GetMemoryBudget());
+    EXPECT_EQ(oCase.bMessage, !::testing::internal::GetCapturedStderr().empty());
   }
   ::unsetenv("ORL_TILE_CACHE_BYTES");
   EXPECT_EQ(nDefault, CTileCache().GetMemoryBudget());
+}
+
+// The global cache is made once, also by threads that ask at the same time, and a scoped budget
+// restores the one it found, in nested scopes too.
+TEST(TileCacheBudgetTest, GlobalCacheAndScopedBudgets)
+{
+  std::vector<boost::shared_ptr<CTileCache>> vecSeen(4);
+  std::vector<std::thread> vecThreads;
+  for (auto& pSeen : vecSeen)
+    vecThreads.emplace_back([&pSeen] { pSeen = CTileCache::GetGlobal(); });
+  for (std::thread& oThread : vecThreads)
+    oThread.join();
+  EXPECT_EQ(vecSeen, std::vector<boost::shared_ptr<CTileCache>>(4, CTileCache::GetGlobal()));
+
+  CTileCache& oCache = *CTileCache::GetGlobal();
+  const std::uint64_t nBefore = oCache.GetMemoryBudget();
+  {
+    const Orl::Ostrel::Band::CScopedTileCacheBudget oOuter(5 << 20);
+    {
+      const Orl::Ostrel::Band::CScopedTileCacheBudget oInner(1 << 20);
+      EXPECT_EQ(oCache.GetMemoryBudget(), 1u << 20);
+    }
+    EXPECT_EQ(oCache.GetMemoryBudget(), 5u << 20);
+  }
+  EXPECT_EQ(oCache.GetMemoryBudget(), nBefore);
 }
