@@ -17,7 +17,6 @@
 #include <vector>
 
 using namespace Orl::Test;
-using Orl::Harnel::Fileio::CFailHandler;
 using Orl::Harnel::Fileio::g_oFailHandler;
 using Orl::Ostrel::Band::CTileCache;
 using Orl::Ostrel::Band::STileCacheCounters;
@@ -33,26 +32,6 @@ struct STileRecord
   unsigned int m_nId;
   std::uint64_t m_nSeed;
   EContent m_eContent;
-};
-
-// Counts its calls, lifts a file size cap if it has one, and answers as told.
-class CFaultHandler : public CFailHandler
-{
-public:
-  CFaultHandler(bool bAnswer, CFileSizeLimit* pLimit) : m_bAnswer(bAnswer), m_pLimit(pLimit) {}
-  bool OnWriteFailed(int nFile) override
-  {
-    ++m_nCalls;
-    m_nFile = nFile;
-    if (m_pLimit)
-      m_pLimit->Lift();
-    return m_bAnswer;
-  }
-  int m_nCalls = 0, m_nFile = -1;
-
-private:
-  bool m_bAnswer;
-  CFileSizeLimit* m_pLimit;
 };
 
 class CTileCacheTest : public ::testing::Test
@@ -255,7 +234,7 @@ TEST_F(CTileCacheTest, FailedSpillKeepsTheTileModifiedInMemoryAndReportsBothEntr
   {
     NewCache(g_nFullBlock);
     CFileSizeLimit oLimit(static_cast<rlim_t>(oFault.nCap));
-    const auto pHandler = boost::make_shared<CFaultHandler>(false, nullptr);
+    const auto pHandler = boost::make_shared<CCountingFailHandler>(0, nullptr);
     if (oFault.bHandler)
       g_oFailHandler = pHandler;
     std::vector<STileRecord> vecTiles{Add()};
@@ -282,7 +261,7 @@ TEST_F(CTileCacheTest, FailHandlerThatMakesRoomRescuesTheSpill)
 {
   m_pCache->SetMemoryBudget(g_nFullBlock);
   CFileSizeLimit oLimit(static_cast<rlim_t>(g_nSlot + 1000));
-  const auto pHandler = boost::make_shared<CFaultHandler>(true, &oLimit);
+  const auto pHandler = boost::make_shared<CCountingFailHandler>(1, &oLimit);
   g_oFailHandler = pHandler;
   std::vector<STileRecord> vecTiles;
   for (int i = 0; i < 4; ++i)
