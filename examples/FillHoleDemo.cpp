@@ -12,7 +12,8 @@
 //   FillHoleDemo [--size N] [--hole-density F] [--large-holes N] [--max-distance F]
 //                [--min-directions N] [--seed N] [--out DIR] [--tile-budget SIZE]
 #include "Band/Band.h"
-#include "Band/Detail/RowRuns.h"
+#include "Band/Copy2D.h"
+#include "Band/MemorySize.h"
 #include "Band/TileCache.h"
 #include "Filter/LinearFillHoleFilter.h"
 #include "Foundation/ConsoleProgressSink.h"
@@ -36,6 +37,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -106,16 +108,8 @@ SOptions ParseOptions(int argc, char** argv)
       oOptions.m_strOut = strValue;
     else if (strName == "--tile-budget")
     {
-      std::size_t nEnd = 0;
-      oOptions.m_nTileBudget = std::stoull(strValue, &nEnd);
-      const std::string strSuffix = strValue.substr(nEnd);
-      const unsigned int nShift = strSuffix == "K" || strSuffix == "k" ? 10
-                                  : strSuffix == "M" || strSuffix == "m" ? 20
-                                  : strSuffix == "G" || strSuffix == "g" ? 30
-                                                                          : 0;
-      if (!strSuffix.empty() && nShift == 0)
+      if (!ParseByteCount(strValue.c_str(), oOptions.m_nTileBudget))
         throw std::invalid_argument("tile budget must be a byte count with K, M or G");
-      oOptions.m_nTileBudget <<= nShift;
       if (oOptions.m_nTileBudget == 0)
         throw std::invalid_argument("tile budget must be above 0");
     }
@@ -328,20 +322,31 @@ double Seconds(std::chrono::steady_clock::time_point oStart)
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - oStart).count();
 }
 
-// Copies between bands of the same size and any storage, one row run (a tile's stretch) at a time.
+// Copies between bands of the same size and any storage kind, on all processors.
 template <class TTo, class TFrom>
 void CopyPixels(TTo& oTo, const TFrom& oFrom)
 {
-  Orl::Ostrel::Band::Detail::WalkRectRuns(boost::get<0>(oFrom.GetBandIterators(oFrom)), boost::get<0>(oTo.GetBandIterators(oTo)),
-                       int(oFrom.GetWidth()), int(oFrom.GetHeight()),
-                       [](const float* pFrom, float* pTo, int nRun) { std::copy(pFrom, pFrom + nRun, pTo); });
+  Copy2D(oFrom.GetBandIterators(oFrom), oTo.GetBandIterators(oTo), {}, SAllowParallelFor());
   if (oFrom.HasNoDataValue())
     oTo.SetNoDataValue(oFrom.GetNoDataValue());
 }
 
+// The pixels of a band that are still no-data, by a read-only walk. std::as_const asks for the const
+// iterators, which keep the band's cached statistics; the same loop serves memory and tile bands.
+template <class TBand>
+std::uint64_t CountNoData(TBand& oBand)
+{
+  std::uint64_t nCount = 0;
+  const auto [itBegin, itEnd] = std::as_const(oBand).GetBandIterators(oBand);
+  for (auto itRow = itBegin; itRow.Y != itEnd.Y; ++itRow.Y)
+    for (auto it = itRow; it.X != itEnd.X; ++it.X)
+      nCount += *it == g_fNoData;
+  return nCount;
+}
+
 void PrintTileCache()
 {
-  const STileCacheCounters oCounters = g_oTileCache->GetCounters();
+  const STileCacheCounters oCounters = CTileCache::GetGlobal()->GetCounters();
   const auto fnMiB = [](std::uint64_t n) { return double(n) / 1048576.0; };
   std::cout << "Tile cache: budget " << fnMiB(oCounters.m_nBudgetBytes) << " MiB, " << oCounters.m_nTiles
             << " tiles, " << oCounters.m_nResidentTiles << " in memory (" << fnMiB(oCounters.m_nResidentBytes)
@@ -390,9 +395,7 @@ int Run(const SOptions& oOptions)
   else
   {
     // The same on tile bands, made and filled under the small budget, so that they spill from the start.
-    if (!g_oTileCache)
-      CTileCache::InitGlobalTileCache();
-    g_oTileCache->SetMemoryBudget(oOptions.m_nTileBudget);
+    const CScopedTileCacheBudget oBudget(oOptions.m_nTileBudget);
     CBand<float, STileTag> oTileSrc(nSize, nSize), oTileDest(nSize, nSize);
     CopyPixels(oTileSrc, oSrc);
     oTileDest.SetNoDataValue(g_fNoData);
@@ -405,6 +408,7 @@ int Run(const SOptions& oOptions)
     oFilter.Apply(oTileDest, oTileSrc, oTileSrc);
     dSeconds = Seconds(oStart);
     PrintTileCache();
+    std::cout << "Unfilled on the tile band: " << CountNoData(oTileDest) << " pixels" << std::endl;
     CopyPixels(oDest, oTileDest);
   }
 

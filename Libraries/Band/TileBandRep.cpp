@@ -101,12 +101,7 @@ unsigned int CTileBandRep<TPixel>::_AllocateNewTile(unsigned int nX, unsigned in
       std::min(this->m_nWidth - nX0, m_nTileSizeX), std::min(m_nTileSizeY, this->m_nHeight - nY0), nX0, nY0,
       m_pSourceInfo);
   if (!m_pTileCache)
-  {
-    // Under this band's lock only: the process's first tile is to be made by one band at a time.
-    if (!g_oTileCache)
-      CTileCache::InitGlobalTileCache();
-    m_pTileCache = g_oTileCache;
-  }
+    m_pTileCache = CTileCache::GetGlobal();
   return m_pTileCache->RegisterTile(pTile);
 }
 

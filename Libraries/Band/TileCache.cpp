@@ -8,65 +8,43 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cerrno>
+#include <boost/thread/lock_guard.hpp>
+
 #include <cstdlib>
-#include <fcntl.h>
-#include <fstream>
 #include <iostream>
-#include <limits>
 #include <new>
-#include <sstream>
-#include <unistd.h>
+
+// Design notes.
+//
+// Policy. CLOCK over the resident tiles: a hit sets the tile's reference bit, the hand clears bits as it
+// passes and takes the first tile without one that only the cache holds. New and reloaded tiles come in
+// without a bit, just behind the hand, so a scan of tiles that are touched once goes out again before
+// tiles that are being reused; a hit is a bit set under the one lock GetTile takes anyway. Before a tile
+// comes into memory (registered or reloaded) the cache spills until it fits.
+//
+// Slots. Each tile gets a slot of its longest buffered record (GetRecordCapacity) at its first spill and
+// keeps it until ReleaseTile; a clean tile with a record leaves memory without a write. The rest of a
+// slot is a hole, and space is given back as it falls free (holes punched in freed or shrunk records,
+// the file cut at the end): see CSpillFile.
+//
+// Reading and writing use pread/pwrite (CTileBase::WriteBinaryWithBufferAt, ReadBinaryWithBufferAt over
+// Fileio::WriteFileAt, ReadFileAt), not the seek-and-write primitives: records of different tiles move
+// at once without a lock, and a write retried by the fail handler goes back to its own slot. The
+// seek-and-write retry seeks back from the end of the file, which would put a record of a reused slot in
+// the middle of the file in the wrong place.
+//
+// Locking. The cache's lock comes after a band's and before the allocator's. Disk I/O runs outside the
+// cache's lock: the tile is marked as busy, and a GetTile or ReleaseTile of a busy tile waits until its
+// I/O is over. So a tile that is re-acquired while its record is being written is never written into or
+// handed out during the write; once the write is done it stays in memory, clean, and the waiter gets it
+// without a reload. Nothing that the waiter holds (its band's lock) is needed to finish the I/O.
+//
+// The global cache is made under a mutex of its own, a leaf taken after a band's lock: two bands that
+// make the process's first tiles at once get the same cache.
 
 namespace Orl { namespace Ostrel { namespace Band {
 
 boost::shared_ptr<CTileCache> g_oTileCache;
-
-namespace Detail {
-
-std::int64_t CSpillSlots::Take(unsigned long nSize)
-{
-  const auto itFree = m_oFree.find(nSize);
-  if (itFree != m_oFree.end() && !itFree->second.empty())
-  {
-    const std::int64_t nOffset = *itFree->second.begin();
-    itFree->second.erase(itFree->second.begin());
-    m_oSlots[nOffset].m_bFree = false;
-    return nOffset;
-  }
-  const std::int64_t nOffset = m_nEnd;
-  m_oSlots.emplace(nOffset, SSlot{nSize, false});
-  m_nEnd += static_cast<std::int64_t>(nSize);
-  return nOffset;
-}
-
-bool CSpillSlots::Give(std::int64_t nOffset)
-{
-  const auto itSlot = m_oSlots.find(nOffset);
-  assert(itSlot != m_oSlots.end() && !itSlot->second.m_bFree);
-  itSlot->second.m_bFree = true;
-  m_oFree[itSlot->second.m_nSize].insert(nOffset);
-
-  bool bShrunk = false;
-  while (!m_oSlots.empty() && m_oSlots.rbegin()->second.m_bFree)
-  {
-    const auto itLast = std::prev(m_oSlots.end());
-    m_oFree[itLast->second.m_nSize].erase(itLast->first);
-    m_nEnd = itLast->first;
-    m_oSlots.erase(itLast);
-    bShrunk = true;
-  }
-  return bShrunk;
-}
-
-unsigned long CSpillSlots::GetSize(std::int64_t nOffset) const
-{
-  const auto itSlot = m_oSlots.find(nOffset);
-  assert(itSlot != m_oSlots.end());
-  return itSlot->second.m_nSize;
-}
-
-} // namespace Detail
 
 namespace {
 
@@ -74,135 +52,65 @@ using Harnel::Internationalisation::CTranslator;
 
 constexpr unsigned long g_nFullTileRecord = Detail::GetTileRecordCapacity(524288);
 
-// "123", "64K", "512M", "2G" (binary multiples); false for anything else.
-bool _ParseBytes(const char* pText, std::uint64_t& nBytes)
-{
-  if (!pText || !*pText)
-    return false;
-  char* pEnd = nullptr;
-  errno = 0;
-  const unsigned long long nValue = std::strtoull(pText, &pEnd, 10);
-  if (errno != 0 || pEnd == pText || *pText == '-')
-    return false;
-  unsigned int nShift = 0;
-  switch (*pEnd)
-  {
-  case '\0':
-    break;
-  case 'k': case 'K':
-    nShift = 10;
-    break;
-  case 'm': case 'M':
-    nShift = 20;
-    break;
-  case 'g': case 'G':
-    nShift = 30;
-    break;
-  default:
-    return false;
-  }
-  if (*pEnd && pEnd[1] != '\0')
-    return false;
-  if (nValue > (std::numeric_limits<std::uint64_t>::max() >> nShift))
-    return false;
-  nBytes = static_cast<std::uint64_t>(nValue) << nShift;
-  return true;
-}
-
-// A limit file of a memory cgroup: a number, or "max" (v2) or a huge value (v1) for none.
-void _ApplyLimitFile(const std::string& strPath, std::uint64_t& nLimit)
-{
-  std::ifstream oFile(strPath);
-  std::string strValue;
-  if (!(oFile >> strValue))
-    return;
-  std::uint64_t nValue = 0;
-  if (_ParseBytes(strValue.c_str(), nValue) && nValue > 0)
-    nLimit = std::min(nLimit, nValue);
-}
-
-// The limits of the process's memory cgroup and of its ancestors, v2 and v1.
-std::uint64_t _GetCgroupLimit()
-{
-  std::uint64_t nLimit = std::numeric_limits<std::uint64_t>::max();
-  std::ifstream oCgroups("/proc/self/cgroup");
-  std::string strLine;
-  while (std::getline(oCgroups, strLine))
-  {
-    // "hierarchy-id:controllers:path"; v2 has id 0 and no controllers.
-    const std::string::size_type nFirst = strLine.find(':');
-    const std::string::size_type nSecond = nFirst == std::string::npos ? nFirst : strLine.find(':', nFirst + 1);
-    if (nSecond == std::string::npos)
-      continue;
-    const std::string strControllers = strLine.substr(nFirst + 1, nSecond - nFirst - 1);
-    std::string strPath = strLine.substr(nSecond + 1);
-    std::string strRoot, strFile;
-    if (strControllers.empty())
-    {
-      strRoot = "/sys/fs/cgroup";
-      strFile = "/memory.max";
-    }
-    else
-    {
-      std::istringstream oList(strControllers);
-      std::string strController;
-      bool bMemory = false;
-      while (std::getline(oList, strController, ','))
-        bMemory = bMemory || strController == "memory";
-      if (!bMemory)
-        continue;
-      strRoot = "/sys/fs/cgroup/memory";
-      strFile = "/memory.limit_in_bytes";
-    }
-    // A container often sees its own cgroup as the root, where the path from /proc does not exist; the
-    // walk up to the root covers both views.
-    for (;;)
-    {
-      _ApplyLimitFile(strRoot + (strPath == "/" ? std::string() : strPath) + strFile, nLimit);
-      if (strPath.empty() || strPath == "/")
-        break;
-      const std::string::size_type nSlash = strPath.find_last_of('/');
-      strPath = nSlash == 0 || nSlash == std::string::npos ? std::string("/") : strPath.substr(0, nSlash);
-    }
-  }
-  return nLimit;
-}
-
 } // namespace
 
 CTileCache::CTileCache() : m_nBudget(GetDefaultMemoryBudget()), m_strDirectory(GetDefaultSpillDirectory())
 {
 }
 
-CTileCache::~CTileCache()
+// Tiles that others still hold all have their memory (only tiles held by nobody else are ever
+// spilled), so the spill file can go with the cache.
+CTileCache::~CTileCache() = default;
+
+namespace {
+
+// Made on first use, so that a band built by another module's static initialiser finds it.
+boost::mutex& _GlobalCacheMutex()
 {
-  // Tiles that others still hold all have their memory: only tiles held by nobody else are ever spilled.
-  if (m_nFile >= 0)
-    ::close(m_nFile);
+  static boost::mutex s_oMutex;
+  return s_oMutex;
+}
+
+} // namespace
+
+boost::shared_ptr<CTileCache> CTileCache::GetGlobal()
+{
+  boost::lock_guard<boost::mutex> oLock(_GlobalCacheMutex());
+  if (!g_oTileCache)
+    g_oTileCache = boost::make_shared<CTileCache>();
+  return g_oTileCache;
 }
 
 void CTileCache::InitGlobalTileCache()
 {
-  g_oTileCache = boost::make_shared<CTileCache>();
+  boost::shared_ptr<CTileCache> pNew = boost::make_shared<CTileCache>();
+  boost::lock_guard<boost::mutex> oLock(_GlobalCacheMutex());
+  g_oTileCache.swap(pNew); // the old cache dies outside the lock if nobody holds it
 }
 
-std::uint64_t CTileCache::GetUsableMemory()
+CScopedTileCacheBudget::CScopedTileCacheBudget(std::uint64_t nBytes)
+  : m_pCache(CTileCache::GetGlobal()), m_nPrevious(m_pCache->GetMemoryBudget())
 {
-  const long nPages = ::sysconf(_SC_PHYS_PAGES);
-  const long nPageSize = ::sysconf(_SC_PAGE_SIZE);
-  std::uint64_t nMemory = std::numeric_limits<std::uint64_t>::max();
-  if (nPages > 0 && nPageSize > 0)
-    nMemory = static_cast<std::uint64_t>(nPages) * static_cast<std::uint64_t>(nPageSize);
-  nMemory = std::min(nMemory, _GetCgroupLimit());
-  // Neither source known: assume a small machine rather than an unlimited one.
-  return nMemory == std::numeric_limits<std::uint64_t>::max() ? std::uint64_t(1) << 31 : nMemory;
+  m_pCache->SetMemoryBudget(nBytes);
+}
+
+CScopedTileCacheBudget::~CScopedTileCacheBudget()
+{
+  try
+  {
+    m_pCache->SetMemoryBudget(m_nPrevious);
+  }
+  catch (...)
+  {
+    // The budget is set before the spill that failed; the next tile to come in spills and reports.
+  }
 }
 
 std::uint64_t CTileCache::GetDefaultMemoryBudget()
 {
   const char* pText = std::getenv("ORL_TILE_CACHE_BYTES");
   std::uint64_t nBytes = 0;
-  if (pText && _ParseBytes(pText, nBytes))
+  if (pText && ParseByteCount(pText, nBytes))
     return nBytes;
   if (pText)
     std::cerr << "ORL_TILE_CACHE_BYTES=\"" << pText << "\" is not a byte count; the default budget applies\n";
@@ -252,7 +160,7 @@ STileCacheCounters CTileCache::GetCounters() const
   boost::unique_lock<boost::mutex> oLock(m_oMutex);
   STileCacheCounters oCounters = m_oCounters;
   oCounters.m_nBudgetBytes = m_nBudget;
-  oCounters.m_nFileBytes = static_cast<std::uint64_t>(m_oSlots.GetEnd());
+  oCounters.m_nFileBytes = static_cast<std::uint64_t>(m_oSpillFile.GetEnd());
   return oCounters;
 }
 
@@ -393,7 +301,7 @@ void CTileCache::ReleaseTile(unsigned int nId)
     else
       --m_oCounters.m_nSpilledTiles;
     if (oEntry.m_nSlot >= 0)
-      _FreeSlot(oEntry.m_nSlot, oEntry.m_nRecordBytes);
+      m_oSpillFile.FreeSlot(oEntry.m_nSlot, oEntry.m_nRecordBytes);
     --m_oCounters.m_nTiles;
     // The tile dies outside the lock if nobody else holds it.
     pDying.swap(oEntry.m_pTile);
@@ -474,7 +382,7 @@ void CTileCache::_MakeRoom(std::uint64_t nIncoming)
 
 void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nId)
 {
-  if (m_nFile < 0)
+  if (!m_oSpillFile.IsOpen())
     _OpenSpillFile(oLock);
 
   const boost::shared_ptr<Detail::CTileBase> pTile = _GetEntry(nId).m_pTile;
@@ -484,8 +392,8 @@ void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nI
   SEntry& oEntry = _GetEntry(nId);
   if (oEntry.m_nSlot < 0)
   {
-    oEntry.m_nSlot = m_oSlots.Take(nCapacity);
-    pTile->SetFileLocation(m_nFile, oEntry.m_nSlot);
+    oEntry.m_nSlot = m_oSpillFile.TakeSlot(nCapacity);
+    pTile->SetFileLocation(m_oSpillFile.GetDescriptor(), oEntry.m_nSlot);
   }
   const std::int64_t nSlot = oEntry.m_nSlot;
   const unsigned long nOldRecord = oEntry.m_nRecordBytes;
@@ -503,7 +411,7 @@ void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nI
     nRecord = Detail::g_nTileRecordAlign + Detail::GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize());
     // A shorter record than the last leaves its tail behind: give that space back.
     if (nRecord < nOldRecord)
-      _PunchHole(nSlot + static_cast<std::int64_t>(nRecord), static_cast<std::int64_t>(nOldRecord - nRecord));
+      m_oSpillFile.PunchHole(nSlot + static_cast<std::int64_t>(nRecord), static_cast<std::int64_t>(nOldRecord - nRecord));
   }
   catch (...)
   {
@@ -546,22 +454,10 @@ void CTileCache::_Evict(SEntry& oEntry)
 
 void CTileCache::_OpenSpillFile(boost::unique_lock<boost::mutex>& oLock)
 {
-  const std::string strDirectory = m_strDirectory;
-  int nFile = ::open(strDirectory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-  if (nFile < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL))
-  {
-    // No anonymous files on this file system: a named one, unlinked before anybody can see it stay.
-    std::string strPath = strDirectory + "/orl-tiles-XXXXXX";
-    nFile = ::mkostemp(&strPath[0], O_CLOEXEC);
-    if (nFile >= 0)
-      ::unlink(strPath.c_str());
-  }
-  if (nFile >= 0)
-  {
-    m_nFile = nFile;
+  const int nError = m_oSpillFile.Open(m_strDirectory);
+  if (nError == 0)
     return;
-  }
-  const int nError = errno;
+  const std::string strDirectory = m_strDirectory;
   // Raised outside the lock: translating takes locks of its own.
   oLock.unlock();
   throw Harnel::Fileio::CFileioError(
@@ -570,25 +466,6 @@ void CTileCache::_OpenSpillFile(boost::unique_lock<boost::mutex>& oLock)
      strDirectory)
       .str(),
     nError, CTranslator::Translate(""));
-}
-
-void CTileCache::_FreeSlot(std::int64_t nSlot, unsigned long nRecordBytes)
-{
-  const unsigned long nSize = m_oSlots.GetSize(nSlot);
-  if (m_oSlots.Give(nSlot))
-  {
-    // Giving space back is best effort; a file that stays longer costs only disk.
-    if (::ftruncate(m_nFile, m_oSlots.GetEnd()) != 0)
-      return;
-  }
-  else if (nRecordBytes != 0)
-    _PunchHole(nSlot, static_cast<std::int64_t>(std::min(nSize, nRecordBytes)));
-}
-
-void CTileCache::_PunchHole(std::int64_t nOffset, std::int64_t nLength) const
-{
-  // Best effort as well: not every file system punches holes.
-  (void)::fallocate(m_nFile, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, nOffset, nLength);
 }
 
 void CTileCache::_WaitForIo(boost::unique_lock<boost::mutex>& oLock, SEntry& oEntry)

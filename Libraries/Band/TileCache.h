@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Band/MemorySize.h"
+#include "Band/SpillFile.h"
 #include "Band/Tile.h"
 
 #include <boost/shared_ptr.hpp>
@@ -7,42 +9,11 @@
 #include <boost/thread/mutex.hpp>
 
 #include <cstdint>
-#include <map>
-#include <set>
 #include <string>
 #include <vector>
 
 namespace Orl { namespace Ostrel { namespace Band {
 
-namespace Detail {
-
-// The slots of a spill file. A slot keeps its offset and size for the life of its tile; a free slot is
-// reused by the next tile of the same size, lowest offset first, so that the file stays packed towards
-// its start and free slots gather at its end, where they are cut off. Not locked: its owner locks.
-class ORL_OSTREL_API CSpillSlots
-{
-public:
-  // The offset of a slot of nSize bytes: a free one if there is one, else a new one at the end.
-  std::int64_t Take(unsigned long nSize);
-  // Frees the slot at nOffset. Returns true when the end of the file moved back: every free slot that
-  // reached the end has been dropped.
-  bool Give(std::int64_t nOffset);
-  unsigned long GetSize(std::int64_t nOffset) const;
-  // The offset just behind the last slot that is taken.
-  std::int64_t GetEnd() const { return m_nEnd; }
-
-private:
-  struct SSlot
-  {
-    unsigned long m_nSize;
-    bool m_bFree;
-  };
-  std::map<std::int64_t, SSlot> m_oSlots;
-  std::map<unsigned long, std::set<std::int64_t> > m_oFree;
-  std::int64_t m_nEnd = 0;
-};
-
-} // namespace Detail
 
 // What a user can read of a tile cache, taken at one moment.
 struct STileCacheCounters
@@ -63,44 +34,26 @@ struct STileCacheCounters
 // tiles that only it holds out to a spill file when the tiles in memory exceed its budget.
 //
 // Budget. The blocks of resident tiles (their rounded allocation) count against a budget of bytes: by
-// default a quarter of the usable memory, the smaller of the physical memory and the limit of the
-// process's memory cgroup, or ORL_TILE_CACHE_BYTES from the environment (bytes, or with a suffix K, M
-// or G). Before a tile comes into memory (registered or reloaded) the cache spills until it fits. The
-// budget is soft: tiles that others hold cannot leave, and when only such tiles are left the cache goes
-// over the budget rather than fail.
-//
-// Policy. CLOCK over the resident tiles: a hit sets the tile's reference bit, the hand clears bits as it
-// passes and takes the first tile without one that only the cache holds. New and reloaded tiles come in
-// without a bit, just behind the hand, so a scan of tiles that are touched once goes out again before
-// tiles that are being reused; a hit is a bit set under the one lock GetTile takes anyway.
+// default a quarter of GetUsableMemory(), or ORL_TILE_CACHE_BYTES from the environment (a byte count as
+// ParseByteCount reads it; any other value falls back to the default with one line on std::cerr).
+// The budget is soft: tiles that others hold (iterators, a band's local cache) cannot leave, and when
+// only such tiles are left the cache goes over the budget rather than fail. Set the process's budget
+// with CScopedTileCacheBudget, or through GetGlobal().SetMemoryBudget.
 //
 // Spill file. One per cache, made at the first spill in the spill directory (ORL_TILE_CACHE_DIR, else
-// TMPDIR, else /tmp; SetSpillDirectory before the first spill) as an anonymous O_TMPFILE, or, where the
-// file system has none, made and unlinked at once: nothing is ever left behind, also after a crash.
-// Each tile gets a slot of its longest buffered record (GetRecordCapacity) at its first spill and keeps
-// it until ReleaseTile; a clean tile with a record leaves memory without a write. Records are buffered
-// (LZ4), so constant or smooth tiles write one 512-byte block; the rest of a slot is a hole, and space
-// is given back as it falls free (holes punched in freed or shrunk records, the file cut at the end).
+// TMPDIR, else /tmp; SetSpillDirectory before the first spill). It is anonymous: nothing is ever left
+// behind, also after a crash. Records are LZ4-compressed, so constant or smooth tiles cost little disk.
 //
-// Reading and writing use pread/pwrite (CTileBase::WriteBinaryWithBufferAt, ReadBinaryWithBufferAt
-// over Fileio::WriteFileAt, ReadFileAt), not the seek-and-write primitives: records of different tiles
-// move at once without a lock, and a write retried by the fail handler goes back to its own slot. The
-// seek-and-write retry seeks back from the end of the file, which would put a record of a reused slot
-// in the middle of the file in the wrong place. The failure model is the same: the fail handler is
-// asked, and failures carry the primitive's entry first and the tile's behind it.
+// Threads. Every operation may be called from any thread; the cache is called with a band's lock held
+// and takes its own lock after it. A tile whose record is being written or read is waited for.
 //
-// Locking. Called with a band's lock held; the cache's lock comes next, then the allocator's. Disk I/O
-// runs outside the cache's lock: the tile is marked as busy, and a GetTile or ReleaseTile of a busy
-// tile waits until its I/O is over. So a tile that is re-acquired while its record is being written
-// is never written into or handed out during the write; once the write is done it stays in memory,
-// clean, and the waiter gets it without a reload. Nothing that the waiter holds (its band's lock) is
-// needed to finish the I/O.
-//
-// Failures. A failed write leaves the tile in memory and modified; the CFileioError reaches the caller
-// of the operation that needed room (RegisterTile, GetTile, SetMemoryBudget) with the primitive's entry
-// first and the tile's behind it, and the registration or reload it was making room for does not
-// happen. A failed read leaves the tile on disk (its record is still the truth) and surfaces the same
-// way; the next GetTile tries again.
+// Failures. A failed write leaves the tile in memory and modified, so no pixel is lost; the
+// CFileioError reaches the caller of the operation that needed room (RegisterTile, GetTile,
+// SetMemoryBudget) with the file primitive's entry first and the tile's behind it, and the
+// registration or reload it was making room for does not happen. The fail handler of the file
+// primitives is asked first, as for any write. A failed read leaves the tile on disk (its record is
+// still the truth) and surfaces the same way; the next GetTile tries again. A spill directory where no
+// file can be made raises "Failed to create the spill file of the tile cache in ...".
 class ORL_OSTREL_API CTileCache
 {
 public:
@@ -116,7 +69,11 @@ public:
   // Gives up the cache's ownership and the tile's slot; the id is dead afterwards.
   void ReleaseTile(unsigned int nId);
 
-  // Replaces g_oTileCache by a new cache without looking at the old one.
+  // The process's cache, made at the first call by exactly one thread; the same cache until
+  // InitGlobalTileCache replaces it. Tile bands take theirs from here.
+  static boost::shared_ptr<CTileCache> GetGlobal();
+  // Replaces the process's cache by a new one without looking at the old one, which lives on in the
+  // bands that hold it. Not for use while another thread makes its first tile band.
   static void InitGlobalTileCache();
 
   std::uint64_t GetMemoryBudget() const;
@@ -124,8 +81,6 @@ public:
   void SetMemoryBudget(std::uint64_t nBytes);
   // ORL_TILE_CACHE_BYTES if it is set and valid, else a quarter of GetUsableMemory().
   static std::uint64_t GetDefaultMemoryBudget();
-  // The smaller of the physical memory and the memory limit of the process's cgroup.
-  static std::uint64_t GetUsableMemory();
 
   std::string GetSpillDirectory() const;
   // Takes effect when the spill file is made, at the first spill.
@@ -170,8 +125,6 @@ private:
   void _Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nId);
   void _Evict(SEntry& oEntry);
   void _OpenSpillFile(boost::unique_lock<boost::mutex>& oLock);
-  void _FreeSlot(std::int64_t nSlot, unsigned long nRecordBytes);
-  void _PunchHole(std::int64_t nOffset, std::int64_t nLength) const;
   void _WaitForIo(boost::unique_lock<boost::mutex>& oLock, SEntry& oEntry);
   void _IoDone(SEntry& oEntry);
 
@@ -187,14 +140,38 @@ private:
   std::uint64_t m_nLeavingBytes = 0;     // resident bytes whose records are being written
   unsigned int m_nWaiters = 0;
   std::string m_strDirectory;
-  int m_nFile = -1;
-  Detail::CSpillSlots m_oSlots;
+  Detail::CSpillFile m_oSpillFile;
   std::vector<std::vector<char> > m_vecBuffers;  // work buffers not in use
   STileCacheCounters m_oCounters;
 };
 
-// The process's tile cache; empty until the first tile is made. Bands keep their own pointer to it, so
-// the cache lives until the last of them.
+// The process's tile cache; empty until the first tile band makes a tile or GetGlobal is called.
+// Bands keep their own pointer to it, so the cache lives until the last of them. Read it through
+// CTileCache::GetGlobal, which makes it race-free.
 extern ORL_OSTREL_API boost::shared_ptr<CTileCache> g_oTileCache;
+
+// Sets the memory budget of the process's tile cache for the life of the object and restores the one
+// before at its end, in the manner of tbb::global_control:
+//
+//   {
+//     CScopedTileCacheBudget oBudget(256 << 20); // 256 MiB while this scope runs
+//     ...
+//   }
+//
+// Scopes nest; each restores what it found, so end them in reverse order. A lower budget spills at
+// once, and the constructor raises what spilling raises. The restore at the end does not throw: a
+// spill that it would need and that fails is left to the next tile that comes into memory.
+class ORL_OSTREL_API CScopedTileCacheBudget
+{
+public:
+  explicit CScopedTileCacheBudget(std::uint64_t nBytes);
+  ~CScopedTileCacheBudget();
+  CScopedTileCacheBudget(const CScopedTileCacheBudget&) = delete;
+  CScopedTileCacheBudget& operator=(const CScopedTileCacheBudget&) = delete;
+
+private:
+  boost::shared_ptr<CTileCache> m_pCache; // the cache whose budget was set, even if it was replaced since
+  std::uint64_t m_nPrevious;
+};
 
 }}} // namespace Orl::Ostrel::Band

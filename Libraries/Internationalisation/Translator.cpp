@@ -301,8 +301,15 @@ void CTranslator::_Init(const std::list<std::string>& listSearchPath, const std:
   m_strBaseFilePath = m_listSearchPath.front();
   // The old tables go without a write: only SetLanguage and the destructor write back.
   m_oData.Init(strName, strLanguage);
+  m_strUnreadFile.clear();
   if (_FindFile(m_oData.GetName(), m_oData.GetLanguage(), m_strBaseFilePath))
-    _Read(m_strBaseFilePath, m_oData);
+  {
+    // A file that is there but cannot be read (no permission, a wrong version, a parse error) would
+    // lose everything behind its fault if it were written back. It stays as it is; what was parsed
+    // before the fault is kept, and only texts learnt from now on make a write, beside it.
+    if (!_Read(m_strBaseFilePath, m_oData) && !m_strUnreadFile.empty())
+      m_oData.SetModifiedFlag(false);
+  }
   else
     m_oData.SetModifiedFlag(true); // so that the first write creates the file in the first directory
 }
@@ -336,8 +343,13 @@ bool CTranslator::_Read(const std::string& strDirectory, CTranslatorData& oData,
 {
   TLock oLock(m_oMutex);
   const std::string strName(oData.GetName()), strLanguage(oData.GetLanguage());
-  if (!CTranslatorFile(CTranslatorFile::BuildFileName(strDirectory, strName, strLanguage)).Read(oData))
+  const std::string strFile = CTranslatorFile::BuildFileName(strDirectory, strName, strLanguage);
+  if (!CTranslatorFile(strFile).Read(oData))
+  {
+    if (vecPath.empty()) // the module's own file; base modules are never written
+      m_strUnreadFile = strFile;
     return false;
+  }
   // A file that calls itself something else keeps its names in oData, and its bases stay unread.
   if (oData.GetName() != strName || oData.GetLanguage() != strLanguage)
     return false;
@@ -367,8 +379,10 @@ bool CTranslator::_Read(const std::string& strDirectory, CTranslatorData& oData,
 void CTranslator::_Write()
 {
   TLock oLock(m_oMutex);
-  CTranslatorFile(CTranslatorFile::BuildFileName(m_strBaseFilePath, m_oData.GetName(), m_oData.GetLanguage()))
-    .Write(m_oData); // a translator that cannot write its file says nothing
+  const std::string strFile =
+    m_strUnreadFile.empty() ? CTranslatorFile::BuildFileName(m_strBaseFilePath, m_oData.GetName(), m_oData.GetLanguage())
+                            : m_strUnreadFile + ms_pLearntSuffix;
+  CTranslatorFile(strFile).Write(m_oData); // a translator that cannot write its file says nothing
 }
 
 // --- registry client ------------------------------------------------------------------------

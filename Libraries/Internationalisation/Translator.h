@@ -26,6 +26,12 @@ namespace Orl { namespace Harnel { namespace Internationalisation {
 // new. It starts in the language "Default", or in the one set for all modules through
 // CTranslatorRegistry.
 //
+// A file that is found but fails to read (no permission, a wrong version, a parse error) is never
+// written over: what was parsed before the fault is used, and the texts learnt on top of it are
+// written beside it, to <file>.learnt (for instance "coreGerman.trl.learnt"), which the search never
+// reads. Merge it by hand once the file is repaired. Only regular files are found: a FIFO or device
+// named like a translation file is passed over without being opened, and never replaced.
+//
 // Init and SetLanguage drop the table: references returned earlier by Translate and by the getters
 // are then dangling. Change the language while no translated text is in use.
 class ORL_HIDDEN CTranslator
@@ -84,6 +90,8 @@ public:
   // Base module files read at most for one module file. Without a limit a valid set of files could
   // still take exponential time: every file may name the same base module many times.
   static const unsigned int ms_nMaxBaseModuleReads = 256;
+  // Appended to the name of a file that failed to read, for the write of what was learnt meanwhile.
+  static constexpr const char* ms_pLearntSuffix = ".learnt";
 
 private:
   // Forwards the registry's calls; the registry lives in the shared library and cannot see this
@@ -121,6 +129,7 @@ private:
   bool m_bSearchMode; // passed as bDeep to CTranslatorData::Translate
   std::list<std::string> m_listSearchPath;
   std::string m_strBaseFilePath;
+  std::string m_strUnreadFile; // the module's own file if it was found but failed to read
   mutable boost::recursive_mutex m_oMutex;
   CRegistryClient m_oRegistryClient;
 

@@ -20,17 +20,15 @@
 #include <boost/spirit/include/classic_actor.hpp>
 #include <boost/spirit/include/classic_chset.hpp>
 #include <boost/spirit/include/classic_core.hpp>
-#include <boost/spirit/include/classic_file_iterator.hpp>
 
 #include <cstdint>
 #include <iostream>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
-
-#ifndef BOOST_SPIRIT_FILEITERATOR_POSIX
-#error "the translation file reader parses from a read-only memory mapping (the POSIX file_iterator)"
-#endif
 
 namespace Orl { namespace Harnel { namespace Internationalisation {
 
@@ -152,6 +150,46 @@ struct STranslatorFileGrammar : public sp::grammar<STranslatorFileGrammar>
   const std::string m_strEscapeTargets{'\b', '\r', '\n', '\t', '\f', '\\', '"', '\''};
 };
 
+// A shared read-only mapping of a whole regular file. The file is opened with O_NONBLOCK: a FIFO or
+// device that took the file's name after the caller looked (or that the caller never looked at)
+// answers at once instead of waiting for a writer, and is then refused as not regular. An empty file
+// cannot be mapped and is refused as well.
+class CReadOnlyMapping
+{
+public:
+  explicit CReadOnlyMapping(const std::string& strFileName)
+  {
+    const int nFile = ::open(strFileName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (nFile < 0)
+      return;
+    struct stat oStat;
+    if (::fstat(nFile, &oStat) == 0 && S_ISREG(oStat.st_mode) && oStat.st_size > 0)
+    {
+      void* const pData = ::mmap(nullptr, static_cast<std::size_t>(oStat.st_size), PROT_READ, MAP_SHARED, nFile, 0);
+      if (pData != MAP_FAILED)
+      {
+        m_pFirst = static_cast<const char*>(pData);
+        m_nSize = static_cast<std::size_t>(oStat.st_size);
+      }
+    }
+    ::close(nFile);
+  }
+  ~CReadOnlyMapping()
+  {
+    if (m_pFirst)
+      ::munmap(const_cast<char*>(m_pFirst), m_nSize);
+  }
+  CReadOnlyMapping(const CReadOnlyMapping&) = delete;
+  CReadOnlyMapping& operator=(const CReadOnlyMapping&) = delete;
+
+  const char* First() const { return m_pFirst; }
+  const char* Last() const { return m_pFirst + m_nSize; }
+
+private:
+  const char* m_pFirst = nullptr;
+  std::size_t m_nSize = 0;
+};
+
 } // namespace
 
 CTranslatorFile::CTranslatorFile(const std::string& strFileName) : m_strFileName(strFileName) {}
@@ -171,21 +209,21 @@ std::string CTranslatorFile::BuildFileName(const std::string& strDirectory, cons
   return strResult;
 }
 
+// Opening a FIFO for reading waits for a writer, possibly forever: only stat is asked.
 bool CTranslatorFile::Exists(const std::string& strFileName)
 {
-  boost::filesystem::ifstream oStream(boost::filesystem::path(strFileName), std::ios::in | std::ios::binary);
-  return oStream.is_open();
+  struct stat oStat;
+  return ::stat(strFileName.c_str(), &oStat) == 0 && S_ISREG(oStat.st_mode);
 }
 
 bool CTranslatorFile::Read(CTranslatorData& oData)
 {
-  // A shared read-only mapping of the whole file; it fails for a missing file, anything that is not
-  // a regular file, and an empty file. The mapping goes with the last iterator copy.
-  typedef sp::file_iterator<char> TIterator;
-  TIterator itFirst(m_strFileName);
-  if (!itFirst)
+  // Parsed straight from the mapping, with no copy of the file.
+  const CReadOnlyMapping oMapping(m_strFileName);
+  if (!oMapping.First())
     return false;
-  const TIterator itLast = itFirst.make_end();
+  typedef const char* TIterator;
+  const TIterator itFirst = oMapping.First(), itLast = oMapping.Last();
 
   std::uint32_t nVersion = 0;
   const sp::parse_info<TIterator> oHeader = sp::parse(
@@ -214,6 +252,9 @@ bool CTranslatorFile::Read(CTranslatorData& oData)
 // failed write leaves the old file as it was.
 bool CTranslatorFile::Write(const CTranslatorData& oData) const
 {
+  struct stat oStat;
+  if (::stat(m_strFileName.c_str(), &oStat) == 0 && !S_ISREG(oStat.st_mode))
+    return false; // a FIFO, device or directory of that name is not ours to replace
   const boost::filesystem::path oFinal(m_strFileName);
   boost::filesystem::path oTemp(oFinal);
   oTemp += ".tmp" + std::to_string(::getpid());

@@ -26,14 +26,17 @@ public:
   // so an empty directory yields a path from the root.
   static std::string BuildFileName(const std::string& strDirectory, const std::string& strName,
                                    const std::string& strLanguage);
-  // True when the file can be opened for reading; a directory can be.
+  // True for a regular file (or a link to one), found without opening it: a FIFO or device of that
+  // name never blocks the caller. A regular file that cannot be read still counts as there.
   static bool Exists(const std::string& strFileName);
 
   // Merges the file into oData through its mutators; the caller hands in a freshly initialised
   // object. Never throws for a bad file: false, and for a file with a valid header one line on
-  // std::cerr. What was parsed before an error stays in oData.
+  // std::cerr. What was parsed before an error stays in oData. Anything but a non-empty regular file
+  // is refused without waiting: a FIFO is opened without blocking.
   bool Read(CTranslatorData& oData);
-  // Truncates or creates the file. False when the stream did not end in a good state; no message.
+  // Creates or replaces the file (written beside it and renamed over it). False when the stream did
+  // not end in a good state, or when something other than a regular file has the name; no message.
   bool Write(const CTranslatorData& oData) const;
 
   const std::string& GetFileName() const { return m_strFileName; }

@@ -113,31 +113,38 @@ TEST(TileBandRepTest, ScanOrderForwardAndBack)
   EXPECT_TRUE(oFlat.begin() == oFlat.end());
 }
 
-// The tiles a pattern names come into memory through the prefetch thread; an index beyond the last
-// tile is ignored; a band whose queue is full at its end still stops its thread.
+// The tiles a pattern names come into memory through the prefetch thread, in the order asked for; an
+// index beyond the last tile makes nothing; a band whose queue is full at its end still stops its
+// thread (a regression hangs and meets the test's timeout).
 TEST(TileBandRepTest, PrefetchThread)
 {
+  // Walks on tile (nX, nY) until the thread has made tile nIndex: every step asks again, and a fuller
+  // queue wakes the thread.
+  const auto WalkUntilMade = [](CTileBandRep<float>& oRep, unsigned nX, unsigned nY, unsigned nIndex) {
+    for (const auto tEnd = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+         oRep.GetTileId(nIndex) == 0 && std::chrono::steady_clock::now() < tEnd;)
+      oRep.GetTile(nX, nY, false);
+    return oRep.GetTileId(nIndex) != 0;
+  };
   {
+    const auto nTilesBefore = Orl::Test::TileCache().GetCounters().m_nTiles;
     CTileBandRep<float> oRep(512 * 3, 256 * 3);
     oRep.SetPrefetchPattern(ePrefetchNextRow);
-    for (unsigned i = 0; i < 3; ++i) // tiles 3, 4, 5 asked for three times: the seventh wakes the thread
-      oRep.GetTile(512 * i, 0, false);
-    for (const auto tEnd = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-         oRep.GetTileId(5) == 0 && std::chrono::steady_clock::now() < tEnd;)
-      boost::this_thread::sleep_for(boost::chrono::milliseconds(1));
-    for (unsigned i = 0; i < 9; ++i)
-      EXPECT_EQ(oRep.GetTileId(i) != 0, i < 6) << i;
+    ASSERT_TRUE(WalkUntilMade(oRep, 0, 0, 5)); // tile 0 names the row below: 3, 4, 5
     oRep.SetPrefetchPattern(ePrefetchNextTile);
     for (int i = 0; i < 20; ++i)
-      oRep.GetTile(512 * 2, 256 * 2, false); // asks for index 9
-    boost::this_thread::sleep_for(boost::chrono::milliseconds(20));
-    EXPECT_EQ(oRep.GetTileId(6), 0u);
+      oRep.GetTile(512 * 2, 256 * 2, false); // tile 8 names index 9, behind the band
+    ASSERT_TRUE(WalkUntilMade(oRep, 512 * 2, 256, 6)); // asked after every 9: those are done
+    std::string strMade;
+    for (unsigned i = 0; i < oRep.GetTileCount(); ++i)
+      strMade += oRep.GetTileId(i) != 0 ? 'x' : '.';
+    EXPECT_EQ(strMade, "x..xxxx.x");
+    EXPECT_EQ(Orl::Test::TileCache().GetCounters().m_nTiles, nTilesBefore + 6);
   }
   CTileBandRep<unsigned char> oFull(1024 * 20, 512);
   oFull.SetPrefetchPattern(ePrefetchRestOfRow);
-  oFull.GetTile(0, 0, false); // nine tiles at once
+  oFull.GetTile(0, 0, false); // nineteen tiles named at once
 }
-
 
 // Random walks through the supported moves over a band whose sizes are not multiples of the tile
 // size, against a memory iterator on the same pixels and a model of the attached state: positions

@@ -31,20 +31,6 @@ TEST(BasicExceptionTest, PrintsTheChainOldestFirstWithPositionsDetailAndError)
 
 namespace {
 
-// Answers true nTrue times, lifting the file size cap on the last of them, then false.
-struct SCountingHandler : CFailHandler
-{
-  SCountingHandler(int nTrue, CFileSizeLimit& oLimit) : m_nTrue(nTrue), m_oLimit(oLimit) {}
-  bool OnWriteFailed(int) override
-  {
-    if (++m_nCalls == m_nTrue)
-      m_oLimit.Lift();
-    return m_nCalls <= m_nTrue;
-  }
-  int m_nTrue, m_nCalls = 0;
-  CFileSizeLimit& m_oLimit;
-};
-
 // fnBody must raise a CFileioError of one entry with this message and, unless -1, this error code.
 void ExpectRaised(const std::function<void()>& fnBody, const std::string& strMessage, int nErrorCode = -1)
 {
@@ -80,13 +66,13 @@ protected:
   void WriteWithHandler(rlim_t nLimit, int nTrue, const std::function<void()>& fnWrite)
   {
     CFileSizeLimit oLimit(nLimit);
-    g_oFailHandler = m_pHandler = boost::make_shared<SCountingHandler>(nTrue, oLimit);
+    g_oFailHandler = m_pHandler = boost::make_shared<Orl::Test::CCountingFailHandler>(nTrue, &oLimit);
     fnWrite();
   }
 
   Orl::Test::CScratchDirectory m_oDirectory;
   int m_nFile = ::open((m_oDirectory.GetPath() + "/f").c_str(), O_RDWR | O_CREAT, 0600);
-  boost::shared_ptr<SCountingHandler> m_pHandler;
+  boost::shared_ptr<Orl::Test::CCountingFailHandler> m_pHandler;
 };
 
 } // namespace

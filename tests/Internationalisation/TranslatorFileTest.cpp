@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <iostream>
 #include <sstream>
@@ -43,11 +45,6 @@ std::pair<bool, std::string> Read(const std::string& strPath, CTranslatorData& o
   const bool bResult = CTranslatorFile(strPath).Read(oData);
   std::cerr.rdbuf(pOld);
   return {bResult, oCapture.str()};
-}
-
-void WriteBytes(const std::string& strPath, const std::string& strBytes)
-{
-  ASSERT_TRUE((std::ofstream(strPath, std::ios::binary | std::ios::trunc) << strBytes).flush()) << strPath;
 }
 
 } // namespace
@@ -127,7 +124,7 @@ TEST(TranslatorFile, EveryByteSurvivesWriteAndRead)
   for (int c = 0; c < 256; ++c) // each byte alone, and next to a quote and a backslash
     oData.SetTranslation(std::string(1, static_cast<char>(c)) + "\"\\", std::string(1, static_cast<char>(c)));
 
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   const std::string strPath = oDir.Sub("allBytes.trl");
   ASSERT_TRUE(CTranslatorFile(strPath).Write(oData));
   CTranslatorData oRead;
@@ -156,7 +153,7 @@ TEST(TranslatorFile, WriterLayoutIsExact)
     oData.AddBaseModule(MakeModule(pBase, {{"not", "written"}}));
   oData.SetTranslation("b\tkey", "it's");
   oData.SetTranslation("a", "\b\f\r");
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   const std::string strPath = oDir.Sub("coreGerman.trl");
   WriteBytes(strPath, std::string(1000, 'x')); // truncated, not overwritten in place
   ASSERT_TRUE(CTranslatorFile(strPath).Write(oData));
@@ -222,13 +219,15 @@ TEST(TranslatorFile, GrammarAcceptsAndRefuses)
     {"unclosed block", "TF(1)" + strMissingClose, false, Position(strMissingClose, strMissingClose.size()), 0, 2, nullptr},
     {"text after the end", "TF(0001)" + strTrailing, false, Position(strTrailing, strTrailing.size() - 1), 0, 1, "v"},
   };
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   for (const auto& oCase : aCases)
   {
     SCOPED_TRACE(oCase.pWhat);
     WriteBytes(oDir.Sub("case.trl"), oCase.strBytes);
     CTranslatorData oData;
-    EXPECT_EQ(Read(oDir.Sub("case.trl"), oData), std::make_pair(oCase.bResult, oCase.strError));
+    const auto [bResult, strError] = Read(oDir.Sub("case.trl"), oData);
+    EXPECT_EQ(bResult, oCase.bResult);
+    EXPECT_EQ(strError, oCase.strError);
     EXPECT_EQ(oData.GetNumBaseModules(), oCase.nBases);
     EXPECT_EQ(oData.GetTranslatorMap().size(), oCase.nEntries);
     const auto& mapTable = oData.GetTranslatorMap();
@@ -237,17 +236,19 @@ TEST(TranslatorFile, GrammarAcceptsAndRefuses)
   }
 }
 
-TEST(TranslatorFile, DirectoriesAndMissingFilesAreRefusedQuietly)
+// Only regular files are there; anything else is refused quietly, a FIFO without waiting for a writer.
+TEST(TranslatorFile, OnlyRegularFilesExist)
 {
-  CTempDirectory oDir;
-  const std::string strDirectory = oDir.Sub("dirGerman.trl", true);
-  EXPECT_TRUE(CTranslatorFile::Exists(strDirectory));
-  EXPECT_FALSE(CTranslatorFile::Exists(oDir.Sub("missing.trl")));
-  for (const std::string& strPath : {strDirectory, oDir.Sub("missing.trl")})
+  CScratchDirectory oDir;
+  const std::string strFifo = oDir.Sub("fifo.trl");
+  ASSERT_EQ(mkfifo(strFifo.c_str(), 0644), 0);
+  for (const std::string& strPath : {oDir.Sub("dirGerman.trl", true), oDir.Sub("missing.trl"), strFifo})
   {
+    EXPECT_FALSE(CTranslatorFile::Exists(strPath)) << strPath;
     CTranslatorData oData;
     EXPECT_EQ(Read(strPath, oData), std::make_pair(false, std::string()));
     EXPECT_FALSE(oData.IsModified());
+    EXPECT_EQ(CTranslatorFile(strPath).Write(oData), strPath == oDir.Sub("missing.trl"));
   }
 }
 
@@ -278,13 +279,13 @@ extern "C" const char* __tsan_default_suppressions()
 // Modules of one process may read their files at the same time; the parser keeps no shared state.
 TEST(TranslatorFile, ConcurrentReads)
 {
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   std::vector<int> vecFailures(4, 0);
   std::vector<std::thread> vecThreads;
   for (int n = 0; n < 4; ++n)
   {
     const std::string strName = "m" + std::to_string(n);
-    ASSERT_TRUE(WriteModule(oDir.Path(), strName, "L", {}, {{"7", strName.c_str()}, {"8", "x"}, {"9", "y"}}));
+    ASSERT_TRUE(WriteModule(oDir.GetPath(), strName, "L", {}, {{"7", strName.c_str()}, {"8", "x"}, {"9", "y"}}));
     vecThreads.emplace_back([&, n, strName] {
       for (int nRound = 0; nRound < 50; ++nRound)
       {

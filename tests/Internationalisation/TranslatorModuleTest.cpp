@@ -23,7 +23,7 @@ typedef std::map<std::string, std::string> TTable;
 // The probe copied to <dir>/bin/probe, run in <dir>/work.
 struct SProbe
 {
-  explicit SProbe(const CTempDirectory& oDir)
+  explicit SProbe(const CScratchDirectory& oDir)
     : m_strDirectory(oDir.Sub("bin", true)), m_strProgram(m_strDirectory + "/probe"), m_strWorking(oDir.Sub("work", true))
   {
     fs::copy_file(ORL_TEST_PROBE, m_strProgram);
@@ -69,7 +69,7 @@ std::pair<std::string, TTable> ReadModule(const std::string& strPath)
 
 TEST(TranslatorModule, LeavesItsFileBesideTheProgramAndReadsItBack)
 {
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   const SProbe oProbe(oDir);
   EXPECT_EQ(oProbe.Run("info tr hello"), oProbe.Info() + "hello\n");
   const std::string strFile = oProbe.m_strDirectory + "/probeDefault.trl";
@@ -88,7 +88,7 @@ TEST(TranslatorModule, LeavesItsFileBesideTheProgramAndReadsItBack)
 
 TEST(TranslatorModule, FindsBaseModulesAlongTheSearchPath)
 {
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   const SProbe oProbe(oDir);
   const std::string strLanguages = oDir.Sub("languages", true);
   ASSERT_TRUE(WriteModule(oProbe.m_strDirectory, "probe", "German", {"common", "missing"}, {{"own", "eigen"}, {"shared", "probe"}}));
@@ -107,7 +107,7 @@ TEST(TranslatorModule, FindsBaseModulesAlongTheSearchPath)
 // LANGUAGEPATH is one more directory, after the program's own and the working directory.
 TEST(TranslatorModule, LanguagePathComesLastAndIsOneDirectory)
 {
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   const SProbe oProbe(oDir);
   const std::string strLanguages = oDir.Sub("languages", true);
   for (const auto& oStep : {std::make_pair(strLanguages, "languages"), std::make_pair(oProbe.m_strWorking, "work"),
@@ -127,7 +127,7 @@ TEST(TranslatorModule, LanguagePathComesLastAndIsOneDirectory)
 
 TEST(TranslatorModule, LibraryWithAVersionedFileName)
 {
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   const SProbe oProbe(oDir);
   const std::string strLibrary = oDir.Sub("lib", true) + "/libX.so.1.2";
   fs::copy_file(ORL_TEST_VERSIONED_MODULE, strLibrary);

@@ -4,9 +4,16 @@
 #include "TestFiles.h"
 #include "TranslatorModule.h"
 
+#include <boost/algorithm/string/join.hpp>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
+#include <future>
 #include <list>
 #include <memory>
 #include <stdexcept>
@@ -25,15 +32,15 @@ class CTranslatorEnvironment : public ::testing::Environment
 public:
   void SetUp() override
   {
-    m_pDirectory.reset(new CTempDirectory);
-    CTranslator::Init(m_pDirectory->Path(), "TranslatorTest", "Default");
-    InitModuleA(m_pDirectory->Path().c_str());
-    InitModuleB(m_pDirectory->Path().c_str());
+    m_pDirectory.reset(new CScratchDirectory);
+    CTranslator::Init(m_pDirectory->GetPath(), "TranslatorTest", "Default");
+    InitModuleA(m_pDirectory->GetPath().c_str());
+    InitModuleB(m_pDirectory->GetPath().c_str());
   }
   void TearDown() override { m_pDirectory.reset(); }
 
 private:
-  std::unique_ptr<CTempDirectory> m_pDirectory;
+  std::unique_ptr<CScratchDirectory> m_pDirectory;
 };
 
 const ::testing::Environment* const g_pEnvironment = ::testing::AddGlobalTestEnvironment(new CTranslatorEnvironment);
@@ -93,9 +100,9 @@ TEST(Translator, EachModuleHasItsOwnTranslatorAndTable)
 
 TEST(Translator, SetLanguageWritesTheOldLanguageFirst)
 {
-  CTempDirectory oDir;
-  CTranslator::Init(oDir.Path(), "mod", "English");
-  EXPECT_EQ(CTranslator::GetBaseFilePath(), oDir.Path()); // without a file, the target of the write
+  CScratchDirectory oDir;
+  CTranslator::Init(oDir.GetPath(), "mod", "English");
+  EXPECT_EQ(CTranslator::GetBaseFilePath(), oDir.GetPath()); // without a file, the target of the write
   CTranslator::Translate("a");
   CTranslator::SetLanguage("English");
   EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("modEnglish.trl")));
@@ -109,14 +116,75 @@ TEST(Translator, SetLanguageWritesTheOldLanguageFirst)
   EXPECT_TRUE(CTranslator::GetTranslatorData().IsModified());
 
   // Init drops a modified table without writing it.
-  CTranslator::Init(oDir.Path(), "mod", "French");
+  CTranslator::Init(oDir.GetPath(), "mod", "French");
   EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("modGerman.trl")));
+}
+
+// What the module's file is when Init looks for it, and where the texts learnt meanwhile go when the
+// language changes. A file that fails to read keeps its bytes, and the texts go beside it; a FIFO is
+// passed over without being opened and stays. A regression would block in open: the guard then opens
+// the FIFO itself, which lets the reader go.
+TEST(Translator, LearntTextsNeverReplaceAFileThatFailedToRead)
+{
+  const std::string strOpen = "TF(1)\nSettings(ModuleName(\"mod\")Language(\"de\")BaseModules())\nTranslations(\"k\"=\"v\"\n";
+  const struct
+  {
+    const char* pWhat;
+    const char* pBytes; // nullptr: no file, "fifo": a FIFO
+    std::string strBytes;
+    mode_t nMode;
+    const char* pValueOfK; // read, parsed before the fault, or learnt
+    const char* pFiles;    // the directory afterwards
+  } aCases[] = {
+    {"no file", nullptr, "", 0644, "k", "modde.trl"},
+    {"valid", "", strOpen + ")", 0644, "v", "modde.trl"},
+    {"wrong version", "", "TF(2)" + strOpen.substr(5) + ")", 0644, "k", "modde.trl modde.trl.learnt"},
+    {"truncated", "", strOpen, 0644, "v", "modde.trl modde.trl.learnt"},
+    {"bad escape", "", strOpen + "\"x\"=\"\\q\")", 0644, "v", "modde.trl modde.trl.learnt"},
+    {"no permission", "", strOpen + ")", 0, "k", "modde.trl modde.trl.learnt"},
+    {"FIFO", "fifo", "", 0644, "k", "modde.trl"},
+  };
+  for (const auto& oCase : aCases)
+  {
+    SCOPED_TRACE(oCase.pWhat);
+    CScratchDirectory oDir;
+    const std::string strFile = oDir.Sub("modde.trl");
+    const bool bFifo = oCase.pBytes && *oCase.pBytes, bRegular = oCase.pBytes && !bFifo;
+    if (bFifo)
+      ASSERT_EQ(mkfifo(strFile.c_str(), 0644), 0);
+    else if (bRegular)
+      WriteBytes(strFile, oCase.strBytes);
+    chmod(strFile.c_str(), oCase.nMode);
+    if (oCase.nMode == 0 && access(strFile.c_str(), R_OK) == 0)
+      continue; // run by root, who reads the file all the same
+    std::future<void> oInit = std::async(std::launch::async, [&] { CTranslator::Init(oDir.GetPath(), "mod", "de"); });
+    if (oInit.wait_for(std::chrono::seconds(20)) != std::future_status::ready)
+    {
+      ADD_FAILURE() << "blocked in Init";
+      const int nWriter = open(strFile.c_str(), O_RDWR | O_NONBLOCK);
+      oInit.wait();
+      close(nWriter);
+    }
+    EXPECT_EQ(CTranslator::GetTranslatorData().IsModified(), !bRegular); // only a new file is worth writing yet
+    EXPECT_EQ(CTranslator::Translate("k"), oCase.pValueOfK);
+    CTranslator::Translate("learnt");
+    CTranslator::SetLanguage("fr"); // writes what the old language learnt
+    chmod(strFile.c_str(), 0644);
+    std::vector<std::string> vecFiles = oDir.GetEntries();
+    std::sort(vecFiles.begin(), vecFiles.end());
+    EXPECT_EQ(boost::algorithm::join(vecFiles, " "), oCase.pFiles);
+    const std::string strLearnt = oDir.Sub(vecFiles.back());
+    CTranslatorData oLearnt;
+    EXPECT_EQ(CTranslatorFile(strLearnt).Read(oLearnt), !bFifo);
+    EXPECT_EQ(oLearnt.GetTranslatorMap().count("learnt"), oLearnt.GetTranslatorMap().count("k"));
+    EXPECT_TRUE(strLearnt == strFile || ReadBytes(strFile) == oCase.strBytes);
+  }
 }
 
 // Missing bases and files naming another module are dropped; the own file under another name keeps it.
 TEST(Translator, UnreadableBaseModulesAreDropped)
 {
-  CTempDirectory oDir;
+  CScratchDirectory oDir;
   const std::string strFirst = oDir.Sub("first", true), strSecond = oDir.Sub("second", true);
   ASSERT_TRUE(WriteModule(strFirst, "mod", "de", {"gone", "common", "renamed"}, {{"own", "eigen"}}));
   ASSERT_TRUE(WriteModule(strSecond, "common", "de", {"deep"}, {{"c", "gemeinsam"}}));
@@ -138,20 +206,20 @@ TEST(Translator, UnreadableBaseModulesAreDropped)
 // Invalid sets of files must end and keep what can be kept; legal but repeated bases are bounded.
 TEST(Translator, CyclesAndRepeatsOfBaseModulesEnd)
 {
-  CTempDirectory oDir;
-  ASSERT_TRUE(WriteModule(oDir.Path(), "a", "de", {"b", "a"}, {{"ka", "a"}}));
-  ASSERT_TRUE(WriteModule(oDir.Path(), "b", "de", {"a", "c"}, {{"kb", "b"}}));
-  ASSERT_TRUE(WriteModule(oDir.Path(), "c", "de", {"c", "b"}, {{"kc", "c"}}));
-  CTranslator::Init(oDir.Path(), "a", "de");
+  CScratchDirectory oDir;
+  ASSERT_TRUE(WriteModule(oDir.GetPath(), "a", "de", {"b", "a"}, {{"ka", "a"}}));
+  ASSERT_TRUE(WriteModule(oDir.GetPath(), "b", "de", {"a", "c"}, {{"kb", "b"}}));
+  ASSERT_TRUE(WriteModule(oDir.GetPath(), "c", "de", {"c", "b"}, {{"kc", "c"}}));
+  CTranslator::Init(oDir.GetPath(), "a", "de");
   EXPECT_EQ(Tree(CTranslator::GetTranslatorData()), "a(b(c))");
   EXPECT_FALSE(CTranslator::GetTranslatorData().IsModified());
   EXPECT_EQ(CTranslator::Translate("kc"), "c");
 
   // Each file names the next one twice: 2^40 reads without a limit.
   for (int n = 0; n < 40; ++n)
-    ASSERT_TRUE(WriteModule(oDir.Path(), "m" + std::to_string(n), "de", {"m" + std::to_string(n + 1), "m" + std::to_string(n + 1)}, {}));
-  ASSERT_TRUE(WriteModule(oDir.Path(), "m40", "de", {}, {{"bottom", "found"}}));
-  CTranslator::Init(oDir.Path(), "m0", "de");
+    ASSERT_TRUE(WriteModule(oDir.GetPath(), "m" + std::to_string(n), "de", {"m" + std::to_string(n + 1), "m" + std::to_string(n + 1)}, {}));
+  ASSERT_TRUE(WriteModule(oDir.GetPath(), "m40", "de", {}, {{"bottom", "found"}}));
+  CTranslator::Init(oDir.GetPath(), "m0", "de");
   const std::string strTree = Tree(CTranslator::GetTranslatorData());
   EXPECT_LE(static_cast<std::size_t>(std::count(strTree.begin(), strTree.end(), 'm')), CTranslator::ms_nMaxBaseModuleReads + 1u);
   EXPECT_EQ(CTranslator::Translate("bottom"), "found"); // the first chain down is complete
@@ -160,19 +228,19 @@ TEST(Translator, CyclesAndRepeatsOfBaseModulesEnd)
 // The module name is the file name without its last extension; the file's directory is searched first.
 TEST(Translator, InitFromAFileName)
 {
-  CTempDirectory oDir;
-  ASSERT_TRUE(WriteModule(oDir.Path(), "tool.bin", "de", {}, {{"k", "aus der Datei"}}));
+  CScratchDirectory oDir;
+  ASSERT_TRUE(WriteModule(oDir.GetPath(), "tool.bin", "de", {}, {{"k", "aus der Datei"}}));
   CTranslator::Init(oDir.Sub("tool.bin.exe"), "de");
-  EXPECT_EQ(CTranslator::GetApplicationName() + " " + CTranslator::GetSearchPathList().front(), "tool.bin " + oDir.Path());
+  EXPECT_EQ(CTranslator::GetApplicationName() + " " + CTranslator::GetSearchPathList().front(), "tool.bin " + oDir.GetPath());
   EXPECT_EQ(CTranslator::Translate("k"), "aus der Datei");
 }
 
 TEST(TranslatorRegistry, SetsOneLanguageForEveryModule)
 {
-  CTempDirectory oDir;
-  InitModuleA(oDir.Path().c_str());
-  InitModuleB(oDir.Path().c_str());
-  CTranslator::Init(oDir.Path(), "TranslatorTest", "Default");
+  CScratchDirectory oDir;
+  InitModuleA(oDir.GetPath().c_str());
+  InitModuleB(oDir.GetPath().c_str());
+  CTranslator::Init(oDir.GetPath(), "TranslatorTest", "Default");
   const void* pTranslator = nullptr;
   std::size_t nEntries = 0;
   TranslateInModuleA("learnt in A", &pTranslator, &nEntries);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Fileio/FileioUnix.h"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -11,7 +13,8 @@
 
 namespace Orl { namespace Test {
 
-// A fresh directory under TMPDIR (or /tmp), removed with whatever is left in it.
+// A fresh directory under TMPDIR (or /tmp), removed with whatever is left in it. Its path has no
+// links in it, the way /proc names it.
 class CScratchDirectory
 {
 public:
@@ -20,7 +23,7 @@ public:
     const char* pBase = std::getenv("TMPDIR");
     std::string strTemplate = std::string(pBase && *pBase ? pBase : "/tmp") + "/orl-test-XXXXXX";
     if (::mkdtemp(&strTemplate[0]))
-      m_strPath = strTemplate;
+      m_strPath = std::filesystem::canonical(strTemplate).string();
     EXPECT_FALSE(m_strPath.empty());
   }
   ~CScratchDirectory()
@@ -32,6 +35,13 @@ public:
   CScratchDirectory& operator=(const CScratchDirectory&) = delete;
 
   const std::string& GetPath() const { return m_strPath; }
+  // The path of strName in this directory; with bCreate it is made as a directory.
+  std::string Sub(const std::string& strName, bool bCreate = false) const
+  {
+    if (bCreate)
+      std::filesystem::create_directories(m_strPath + "/" + strName);
+    return m_strPath + "/" + strName;
+  }
 
   std::vector<std::string> GetEntries() const
   {
@@ -76,6 +86,26 @@ public:
 private:
   void (*m_pOldHandler)(int);
   rlimit m_oOld{};
+};
+
+// A fail handler that answers true nTrue times, lifting the size cap (if it has one) on the last of
+// them, then false. It counts its calls and keeps the descriptor of the last.
+class CCountingFailHandler : public Harnel::Fileio::CFailHandler
+{
+public:
+  CCountingFailHandler(int nTrue, CFileSizeLimit* pLimit) : m_nTrue(nTrue), m_pLimit(pLimit) {}
+  bool OnWriteFailed(int nFile) override
+  {
+    m_nFile = nFile;
+    if (++m_nCalls == m_nTrue && m_pLimit)
+      m_pLimit->Lift();
+    return m_nCalls <= m_nTrue;
+  }
+  int m_nCalls = 0, m_nFile = -1;
+
+private:
+  int m_nTrue;
+  CFileSizeLimit* m_pLimit;
 };
 
 }} // namespace Orl::Test

@@ -9,26 +9,11 @@
 
 namespace Orl { namespace Test {
 
-inline Ostrel::Band::CTileCache& TileCache()
-{
-  if (!Ostrel::Band::g_oTileCache)
-    Ostrel::Band::CTileCache::InitGlobalTileCache();
-  return *Ostrel::Band::g_oTileCache;
-}
+inline Ostrel::Band::CTileCache& TileCache() { return *Ostrel::Band::CTileCache::GetGlobal(); }
 
 // The process's tile cache with another budget for the life of the object, so that small bands
 // really spill.
-class CTileBudget
-{
-public:
-  explicit CTileBudget(std::uint64_t nBytes) : m_nOld(TileCache().GetMemoryBudget()) { TileCache().SetMemoryBudget(nBytes); }
-  ~CTileBudget() { TileCache().SetMemoryBudget(m_nOld); }
-  CTileBudget(const CTileBudget&) = delete;
-  CTileBudget& operator=(const CTileBudget&) = delete;
-
-private:
-  std::uint64_t m_nOld;
-};
+using CTileBudget = Ostrel::Band::CScopedTileCacheBudget;
 
 // A value for pixel (x, y) that tells positions apart within any pixel type.
 template <class TPixel>

@@ -11,12 +11,12 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <thread>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 using namespace Orl::Test;
-using Orl::Harnel::Fileio::CFailHandler;
 using Orl::Harnel::Fileio::g_oFailHandler;
 using Orl::Ostrel::Band::CTileCache;
 using Orl::Ostrel::Band::STileCacheCounters;
@@ -32,26 +32,6 @@ struct STileRecord
   unsigned int m_nId;
   std::uint64_t m_nSeed;
   EContent m_eContent;
-};
-
-// Counts its calls, lifts a file size cap if it has one, and answers as told.
-class CFaultHandler : public CFailHandler
-{
-public:
-  CFaultHandler(bool bAnswer, CFileSizeLimit* pLimit) : m_bAnswer(bAnswer), m_pLimit(pLimit) {}
-  bool OnWriteFailed(int nFile) override
-  {
-    ++m_nCalls;
-    m_nFile = nFile;
-    if (m_pLimit)
-      m_pLimit->Lift();
-    return m_bAnswer;
-  }
-  int m_nCalls = 0, m_nFile = -1;
-
-private:
-  bool m_bAnswer;
-  CFileSizeLimit* m_pLimit;
 };
 
 class CTileCacheTest : public ::testing::Test
@@ -254,7 +234,7 @@ TEST_F(CTileCacheTest, FailedSpillKeepsTheTileModifiedInMemoryAndReportsBothEntr
   {
     NewCache(g_nFullBlock);
     CFileSizeLimit oLimit(static_cast<rlim_t>(oFault.nCap));
-    const auto pHandler = boost::make_shared<CFaultHandler>(false, nullptr);
+    const auto pHandler = boost::make_shared<CCountingFailHandler>(0, nullptr);
     if (oFault.bHandler)
       g_oFailHandler = pHandler;
     std::vector<STileRecord> vecTiles{Add()};
@@ -281,7 +261,7 @@ TEST_F(CTileCacheTest, FailHandlerThatMakesRoomRescuesTheSpill)
 {
   m_pCache->SetMemoryBudget(g_nFullBlock);
   CFileSizeLimit oLimit(static_cast<rlim_t>(g_nSlot + 1000));
-  const auto pHandler = boost::make_shared<CFaultHandler>(true, &oLimit);
+  const auto pHandler = boost::make_shared<CCountingFailHandler>(1, &oLimit);
   g_oFailHandler = pHandler;
   std::vector<STileRecord> vecTiles;
   for (int i = 0; i < 4; ++i)
@@ -312,17 +292,56 @@ TEST_F(CTileCacheTest, ShortReadReportsBothEntriesAndTheNextGetTileTriesAgain)
   EXPECT_TRUE(AllIntact(vecTiles));
 }
 
+// The environment sets the budget only when it holds a byte count; anything else falls back to the
+// default with a line on std::cerr.
 TEST(TileCacheBudgetTest, EnvironmentSetsTheBudgetWhenItIsAByteCount)
 {
-  const std::uint64_t nDefault = CTileCache::GetUsableMemory() / 4;
+  const std::uint64_t nDefault = Orl::Ostrel::Band::GetUsableMemory() / 4;
   EXPECT_GT(nDefault, 0u);
-  const std::pair<const char*, std::uint64_t> aCases[] = {
-    {"123", 123}, {"64M", 64u << 20}, {"2g", 2ull << 30}, {"7K", 7168}, {"12X", nDefault}, {"-5", nDefault}};
+  const struct
+  {
+    const char* pValue;
+    std::uint64_t nBudget;
+    bool bMessage;
+  } aCases[] = {
+    {"123", 123, false},       {"64M", 64u << 20, false}, {"2g", 2ull << 30, false}, {"7K", 7168, false},
+    {"12X", nDefault, true},   {"-5", nDefault, true},    {" -5", nDefault, true},   {" 5", nDefault, true},
+    {"+5", nDefault, true},    {"5 ", nDefault, true},    {"5KB", nDefault, true},   {"", nDefault, true},
+    {"18446744073709551616", nDefault, true},             {"17179869184G", nDefault, true},
+  };
   for (const auto& oCase : aCases)
   {
-    ::setenv("ORL_TILE_CACHE_BYTES", oCase.first, 1);
-    EXPECT_EQ(oCase.second, CTileCache().GetMemoryBudget()) << oCase.first;
+    SCOPED_TRACE(std::string("\"") + oCase.pValue + "\"");
+    ::setenv("ORL_TILE_CACHE_BYTES", oCase.pValue, 1);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(oCase.nBudget, CTileCache().GetMemoryBudget());
+    EXPECT_EQ(oCase.bMessage, !::testing::internal::GetCapturedStderr().empty());
   }
   ::unsetenv("ORL_TILE_CACHE_BYTES");
   EXPECT_EQ(nDefault, CTileCache().GetMemoryBudget());
+}
+
+// The global cache is made once, also by threads that ask at the same time, and a scoped budget
+// restores the one it found, in nested scopes too.
+TEST(TileCacheBudgetTest, GlobalCacheAndScopedBudgets)
+{
+  std::vector<boost::shared_ptr<CTileCache>> vecSeen(4);
+  std::vector<std::thread> vecThreads;
+  for (auto& pSeen : vecSeen)
+    vecThreads.emplace_back([&pSeen] { pSeen = CTileCache::GetGlobal(); });
+  for (std::thread& oThread : vecThreads)
+    oThread.join();
+  EXPECT_EQ(vecSeen, std::vector<boost::shared_ptr<CTileCache>>(4, CTileCache::GetGlobal()));
+
+  CTileCache& oCache = *CTileCache::GetGlobal();
+  const std::uint64_t nBefore = oCache.GetMemoryBudget();
+  {
+    const Orl::Ostrel::Band::CScopedTileCacheBudget oOuter(5 << 20);
+    {
+      const Orl::Ostrel::Band::CScopedTileCacheBudget oInner(1 << 20);
+      EXPECT_EQ(oCache.GetMemoryBudget(), 1u << 20);
+    }
+    EXPECT_EQ(oCache.GetMemoryBudget(), 5u << 20);
+  }
+  EXPECT_EQ(oCache.GetMemoryBudget(), nBefore);
 }

@@ -108,9 +108,18 @@ TEST(TileRecordTest, PayloadsUpTo508BytesTakeOneBlockAndLongerOnesMore)
     const unsigned long nLength = EncodeTileRecord(pTile->GetDataLocation(), pTile->GetMemorySize(), vecBuffer.data());
     mapLengthAndRest[_Header(vecBuffer)] = {nLength, GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize())};
   }
-  ASSERT_TRUE(mapLengthAndRest.count(508) && mapLengthAndRest.count(509)) << "no such noise length found";
-  EXPECT_EQ(std::make_pair(512ul, 0ul), mapLengthAndRest[508]);
-  EXPECT_EQ(std::make_pair(1024ul, 512ul), mapLengthAndRest[509]);
+  const struct
+  {
+    std::int32_t nPayload;
+    unsigned long nLength, nRest; // of the record, and what is read after its first block
+  } aRows[] = {{508, 512, 0}, {509, 1024, 512}};
+  for (const auto& oRow : aRows)
+  {
+    SCOPED_TRACE(oRow.nPayload);
+    ASSERT_TRUE(mapLengthAndRest.count(oRow.nPayload)) << "no such noise length found";
+    EXPECT_EQ(oRow.nLength, mapLengthAndRest[oRow.nPayload].first);
+    EXPECT_EQ(oRow.nRest, mapLengthAndRest[oRow.nPayload].second);
+  }
 
   const auto pFull = MakeTile<float>(512, 256);
   Fill(*pFull, 9, EContent::eNoise);
