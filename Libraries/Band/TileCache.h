@@ -14,7 +14,6 @@
 
 namespace Orl { namespace Ostrel { namespace Band {
 
-
 // What a user can read of a tile cache, taken at one moment.
 struct STileCacheCounters
 {
