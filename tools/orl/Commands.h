@@ -84,12 +84,22 @@ Ostrel::Band::CBand<TPixel, TTag> ReadInput(const CInput& oInput, const TLoggerP
     Note(Text("%1%: the no-data value %2% does not fit the pixel type and is ignored", oInput.m_strPath,
               oInput.m_dNoData));
   nInvalid = 0;
+  constexpr bool BFloating = std::is_floating_point<TPixel>::value;
   ReadBand(oInput, oBand, pLogger, [&](const TPixel* pData, std::size_t nPixels) {
-    std::uint64_t nCount = 0;
+    if (!bNoData && !BFloating)
+      return;
+    // Branch-free, so that it vectorises: a pixel is invalid when it equals the no-data value, or is
+    // NaN or infinite (no comparison holds for NaN).
+    const TPixel tCompare = bNoData ? tNoData : TPixel();
+    std::uint32_t nCount = 0; // a strip holds far fewer than 2^32 pixels
     for (std::size_t i = 0; i < nPixels; ++i)
-      nCount += std::uint64_t((bNoData && pData[i] == tNoData) |
-                              (std::is_floating_point<TPixel>::value &&
-                               !(std::fabs(double(pData[i])) <= double(std::numeric_limits<TPixel>::max()))));
+    {
+      const TPixel t = pData[i];
+      if constexpr (BFloating)
+        nCount += std::uint32_t((bNoData & (t == tCompare)) | !(std::abs(t) <= std::numeric_limits<TPixel>::max()));
+      else
+        nCount += std::uint32_t(t == tCompare);
+    }
     nInvalid += nCount;
   });
   if (bNoData)
