@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,11 +16,14 @@ namespace Orl { namespace Tools {
 
 namespace {
 
+// GDAL's worker threads (compression, decoding) report through the same handler.
+std::mutex g_oGdalErrorMutex;
 std::string g_strGdalError;
 bool g_bQuiet = false;
 
 void CPL_STDCALL GdalErrorHandler(CPLErr eClass, CPLErrorNum, const char* szMessage)
 {
+  const std::lock_guard<std::mutex> oLock(g_oGdalErrorMutex);
   if (eClass >= CE_Failure)
   {
     if (g_strGdalError.empty())
@@ -62,11 +66,19 @@ void InstallGdalErrorHandler(bool bQuiet)
 
 void ResetGdalError()
 {
+  const std::lock_guard<std::mutex> oLock(g_oGdalErrorMutex);
   g_strGdalError.clear();
+}
+
+bool HasGdalError()
+{
+  const std::lock_guard<std::mutex> oLock(g_oGdalErrorMutex);
+  return !g_strGdalError.empty();
 }
 
 std::string GetGdalError()
 {
+  const std::lock_guard<std::mutex> oLock(g_oGdalErrorMutex);
   return g_strGdalError.empty() ? Text("unknown GDAL error") : g_strGdalError;
 }
 
@@ -247,7 +259,7 @@ void COutput::Commit()
   ResetGdalError();
   GDALClose(m_hDataset); // flushes the cache and the file: disk-full errors come out here
   m_hDataset = nullptr;
-  if (!g_strGdalError.empty())
+  if (HasGdalError())
     throw CToolError(Text("cannot write %1%: %2%", m_strPath, GetGdalError()));
   if (GDALRenameDataset(m_hDriver, m_strPath.c_str(), m_strTempPath.c_str()) != CE_None)
     throw CToolError(Text("cannot rename the finished file to %1%: %2%", m_strPath, GetGdalError()));

@@ -50,6 +50,7 @@ std::string Text(const char* szText, const TArgs&... args)
 // handler keeps GDAL's own printing off the terminal; warnings are printed unless quiet.
 void InstallGdalErrorHandler(bool bQuiet);
 void ResetGdalError();
+bool HasGdalError();
 std::string GetGdalError();
 // Prints a note on stderr unless quiet ("orl: note: ...").
 void Note(const std::string& strText);

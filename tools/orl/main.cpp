@@ -87,6 +87,7 @@ int main(int argc, char** argv)
   for (const SCommand& oCommand : g_aCommands)
   {
     CLI::App* pSub = oApp.add_subcommand(oCommand.m_szName, oCommand.m_szSummary);
+    pSub->footer(Text("Also -q (no progress bar, no notes) and --memory SIZE (see orl --help)."));
     vecCommands.emplace_back(pSub, oCommand.m_fnDefine(*pSub));
   }
   // GDAL's tools spell these with one dash, which CLI11 takes for a cluster of short options.
