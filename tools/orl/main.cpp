@@ -41,8 +41,9 @@ bool UseTileBands(std::uint64_t nBytes, std::uint64_t nBudget)
   if (!g_oTileCache)
     Ostrel::Band::CTileCache::InitGlobalTileCache();
   g_oTileCache->SetMemoryBudget(nBudget);
-  Note(Text("the bands take %1% MiB, more than the memory budget of %2% MiB: they are held in tiles that spill to %3%",
-            nBytes >> 20, nBudget >> 20, g_oTileCache->GetSpillDirectory()));
+  const auto fnKiB = [](std::uint64_t n) { return (n + 1023) >> 10; };
+  Note(Text("the bands take %1% KiB, more than the memory budget of %2% KiB: they are held in tiles that spill to %3%",
+            fnKiB(nBytes), fnKiB(nBudget), g_oTileCache->GetSpillDirectory()));
   return true;
 }
 
