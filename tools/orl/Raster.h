@@ -1,0 +1,226 @@
+#pragma once
+
+// GDAL access for the orl tool: inputs opened with clear errors, pixels moved between GDAL bands and
+// Orl bands strip by strip, and outputs that appear under their name only when complete.
+
+#include "Band/Band.h"
+#include "Band/Copy2D.h"
+#include "Foundation/Logger.h"
+#include "Internationalisation/Translator.h"
+
+#include <boost/format.hpp>
+#include <gdal.h>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace Orl { namespace Tools {
+
+using TLoggerPtr = boost::shared_ptr<Harnel::Progress::CLogger>;
+using TRect = Pravik::GraphObject2d::CRect<unsigned int>;
+
+// A failure reported as one line. Exit status 2 for bad arguments, 1 for everything else.
+class CToolError : public std::runtime_error
+{
+public:
+  explicit CToolError(const std::string& strText, int nExitStatus = 1)
+    : std::runtime_error(strText), m_nExitStatus(nExitStatus)
+  {
+  }
+  int GetExitStatus() const { return m_nExitStatus; }
+
+private:
+  int m_nExitStatus;
+};
+
+// A translated text with its %1%, %2%, ... filled in.
+template <class... TArgs>
+std::string Text(const char* szText, const TArgs&... args)
+{
+  boost::format oFormat(Harnel::Internationalisation::CTranslator::Translate(szText));
+  (void)std::initializer_list<int>{((void)(oFormat % args), 0)...};
+  return oFormat.str();
+}
+
+// The message of GDAL's last failure since ResetGdalError(), or an empty string. The tool's error
+// handler keeps GDAL's own printing off the terminal; warnings are printed unless quiet.
+void InstallGdalErrorHandler(bool bQuiet);
+void ResetGdalError();
+bool HasGdalError();
+std::string GetGdalError();
+// Prints a note on stderr unless quiet ("orl: note: ...").
+void Note(const std::string& strText);
+
+// A byte count with an optional K, M, G or T suffix (powers of 1024), e.g. 256M.
+std::uint64_t ParseSize(const std::string& strText);
+
+template <class TPixel>
+struct SGdalType;
+template <> struct SGdalType<unsigned char> { static constexpr GDALDataType ms_eType = GDT_Byte; };
+template <> struct SGdalType<unsigned short> { static constexpr GDALDataType ms_eType = GDT_UInt16; };
+template <> struct SGdalType<short> { static constexpr GDALDataType ms_eType = GDT_Int16; };
+template <> struct SGdalType<unsigned int> { static constexpr GDALDataType ms_eType = GDT_UInt32; };
+template <> struct SGdalType<int> { static constexpr GDALDataType ms_eType = GDT_Int32; };
+template <> struct SGdalType<float> { static constexpr GDALDataType ms_eType = GDT_Float32; };
+template <> struct SGdalType<double> { static constexpr GDALDataType ms_eType = GDT_Float64; };
+
+// The pixel type that holds eType: its own for the seven band types, Float64 for 64-bit integers
+// (with a note, since large values lose precision), Int16 for signed bytes. Complex types throw.
+GDALDataType GetWorkingType(GDALDataType eType, const std::string& strWhat);
+
+// Calls fn(TPixel()) for the band pixel type of eType, which must be one of the seven.
+template <class TFunction>
+decltype(auto) DispatchPixelType(GDALDataType eType, TFunction&& fn)
+{
+  switch (eType)
+  {
+  case GDT_Byte: return fn((unsigned char)0);
+  case GDT_UInt16: return fn((unsigned short)0);
+  case GDT_Int16: return fn(short(0));
+  case GDT_UInt32: return fn(0u);
+  case GDT_Int32: return fn(0);
+  case GDT_Float32: return fn(0.0f);
+  default: return fn(0.0);
+  }
+}
+
+// One band of an opened raster. The constructor checks the file, the dataset and the band number.
+class CInput
+{
+public:
+  CInput(const std::string& strPath, int nBand);
+  ~CInput();
+  CInput(const CInput&) = delete;
+  CInput& operator=(const CInput&) = delete;
+
+  const std::string m_strPath;
+  const int m_nBand;
+  GDALDatasetH m_hDataset = nullptr;
+  GDALRasterBandH m_hBand = nullptr;
+  unsigned int m_nWidth = 0;
+  unsigned int m_nHeight = 0;
+  GDALDataType m_eType = GDT_Unknown; // the file's
+  GDALDataType m_eWorkingType = GDT_Unknown; // what the tool reads it as
+  bool m_bHasNoData = false;
+  double m_dNoData = 0.0;
+  unsigned int m_nStripRows = 0; // rows per strip: whole GDAL blocks, at least 256 rows
+
+  std::uint64_t GetPixels() const { return std::uint64_t(m_nWidth) * m_nHeight; }
+};
+
+// Where the output goes: the target, its driver and creation options. The constructor checks what
+// can be checked before any work (driver, directory, an existing target); Create makes a temporary
+// dataset beside the target, Commit closes it and renames it to the target. A COutput destroyed
+// without Commit removes the temporary file.
+struct SOutputOptions
+{
+  std::string m_strFormat = "GTiff";
+  std::vector<std::string> m_vecCreationOptions; // NAME=VALUE, over the defaults for GeoTIFF
+  bool m_bOverwrite = false;
+};
+
+class COutput
+{
+public:
+  COutput(const std::string& strPath, const SOutputOptions& oOptions);
+  ~COutput();
+  COutput(const COutput&) = delete;
+  COutput& operator=(const COutput&) = delete;
+
+  // One band of eType and the input's size, with its georeferencing, projection, band description,
+  // unit, scale and offset; the no-data value when bNoData.
+  GDALRasterBandH Create(const CInput& oLike, GDALDataType eType, bool bNoData, double dNoData);
+  void Commit();
+  const std::string& GetPath() const { return m_strPath; }
+
+private:
+  void _Discard();
+
+  std::string m_strPath;
+  std::string m_strTempPath;
+  SOutputOptions m_oOptions;
+  GDALDriverH m_hDriver = nullptr;
+  GDALDatasetH m_hDataset = nullptr;
+};
+
+// Reads the input's band into oBand (of the input's size) strip by strip, converted by GDAL to
+// TPixel. fnVisit(const TPixel* p, std::size_t n) sees each strip right after it is read. Memory
+// bands are read in place; tile bands through one strip of memory.
+template <class TPixel, class TTag, class TVisit>
+void ReadBand(const CInput& oInput, Ostrel::Band::CBand<TPixel, TTag>& oBand, const TLoggerPtr& pLogger,
+              TVisit&& fnVisit)
+{
+  using namespace Ostrel::Band;
+  const unsigned int nWidth = oInput.m_nWidth, nHeight = oInput.m_nHeight;
+  if (pLogger)
+    pLogger->Push(Text("Read %1%", oInput.m_strPath), 1.0, double(nHeight), 0.0, false,
+                  Harnel::Progress::eLayerOperation, Harnel::Progress::eLayerPublic, std::string());
+  std::unique_ptr<CBand<TPixel, SMemoryTag>> pStrip;
+  for (unsigned int y = 0; y < nHeight; y += oInput.m_nStripRows)
+  {
+    const unsigned int nRows = std::min(oInput.m_nStripRows, nHeight - y);
+    TPixel* pData = nullptr;
+    if constexpr (std::is_same<TTag, SMemoryTag>::value)
+      pData = oBand.GetRep().GetDataLocation() + std::size_t(y) * nWidth;
+    else
+    {
+      if (!pStrip)
+        pStrip = std::make_unique<CBand<TPixel, SMemoryTag>>(nWidth, oInput.m_nStripRows);
+      pData = pStrip->GetRep().GetDataLocation();
+    }
+    ResetGdalError();
+    if (GDALRasterIO(oInput.m_hBand, GF_Read, 0, int(y), int(nWidth), int(nRows), pData, int(nWidth), int(nRows),
+                     SGdalType<TPixel>::ms_eType, 0, 0) != CE_None)
+      throw CToolError(Text("cannot read %1%: %2%", oInput.m_strPath, GetGdalError()));
+    fnVisit(static_cast<const TPixel*>(pData), std::size_t(nWidth) * nRows);
+    if constexpr (!std::is_same<TTag, SMemoryTag>::value)
+      Copy2D(static_cast<const CBand<TPixel, SMemoryTag>&>(*pStrip).GetBandIterators(TRect(0, 0, nWidth, nRows)),
+             oBand.GetBandIterators(TRect(0, y, nWidth, nRows)), TLoggerPtr(), SAllowParallelFor());
+    if (pLogger)
+      pLogger->IncrementProgress(nRows);
+  }
+  if (pLogger)
+    pLogger->Pop();
+}
+
+// Writes oBand to hBand (of the band's size) strip by strip, nStripRows rows at a time.
+template <class TPixel, class TTag>
+void WriteBand(const Ostrel::Band::CBand<TPixel, TTag>& oBand, GDALRasterBandH hBand, unsigned int nStripRows,
+               const std::string& strPath, const TLoggerPtr& pLogger)
+{
+  using namespace Ostrel::Band;
+  const unsigned int nWidth = oBand.GetWidth(), nHeight = oBand.GetHeight();
+  if (pLogger)
+    pLogger->Push(Text("Write %1%", strPath), 1.0, double(nHeight), 0.0, false, Harnel::Progress::eLayerOperation,
+                  Harnel::Progress::eLayerPublic, std::string());
+  std::unique_ptr<CBand<TPixel, SMemoryTag>> pStrip;
+  for (unsigned int y = 0; y < nHeight; y += nStripRows)
+  {
+    const unsigned int nRows = std::min(nStripRows, nHeight - y);
+    const TPixel* pData = nullptr;
+    if constexpr (std::is_same<TTag, SMemoryTag>::value)
+      pData = oBand.GetRep().GetDataLocation() + std::size_t(y) * nWidth;
+    else
+    {
+      if (!pStrip)
+        pStrip = std::make_unique<CBand<TPixel, SMemoryTag>>(nWidth, nStripRows);
+      Copy2D(oBand.GetBandIterators(TRect(0, y, nWidth, nRows)), pStrip->GetBandIterators(TRect(0, 0, nWidth, nRows)),
+             TLoggerPtr(), SAllowParallelFor());
+      pData = pStrip->GetRep().GetDataLocation();
+    }
+    ResetGdalError();
+    if (GDALRasterIO(hBand, GF_Write, 0, int(y), int(nWidth), int(nRows), const_cast<TPixel*>(pData), int(nWidth),
+                     int(nRows), SGdalType<TPixel>::ms_eType, 0, 0) != CE_None)
+      throw CToolError(Text("cannot write %1%: %2%", strPath, GetGdalError()));
+    if (pLogger)
+      pLogger->IncrementProgress(nRows);
+  }
+  if (pLogger)
+    pLogger->Pop();
+}
+
+}} // namespace Orl::Tools
