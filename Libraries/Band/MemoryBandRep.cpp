@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iostream>
 #include <typeinfo>
+#include <utility>
 
 namespace Orl { namespace Ostrel { namespace Band {
 
@@ -31,9 +32,21 @@ CMemoryBandRep<TPixel>::CMemoryBandRep(unsigned int nWidth, unsigned int nHeight
 }
 
 template <class TPixel>
+CMemoryBandRep<TPixel>::CMemoryBandRep(unsigned int nWidth, unsigned int nHeight, TPixel* pPixels,
+                                       boost::shared_ptr<void> pOwner)
+  : Detail::CBandRep<TPixel>(nWidth, nHeight), m_bOwnsPixels(false), m_pPixelOwner(std::move(pOwner))
+{
+  if (nWidth != 0 && nHeight != 0)
+    m_pData = pPixels;
+  this->GetStatistics().m_pCalculator =
+    boost::make_shared<Detail::CStatisticCalculator<TPixel, double, CMemoryBandRep<TPixel>>>(this);
+}
+
+// Caller-owned pixels go back to their owner when m_pPixelOwner is released, after this body.
+template <class TPixel>
 CMemoryBandRep<TPixel>::~CMemoryBandRep()
 {
-  if (m_pData)
+  if (m_pData && m_bOwnsPixels)
   {
     delete[] m_pData;
     if (Detail::CBandRepBase::ms_bTraceAllocations)
