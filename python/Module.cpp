@@ -7,13 +7,13 @@
 
 #include <cerrno>
 #include <chrono>
-#include <mutex>
+#include <memory>
 #include <new>
 
 namespace Orl { namespace Python {
 
 // The sink runs on whichever thread reports: the caller's or one of the scheduler's. The logger
-// already serialises the calls of one logger; m_bFailed is only touched with the GIL held.
+// already serialises the calls of one logger; m_pError is only touched with the GIL held.
 class CPythonProgress::CSink final : public Harnel::Progress::CLoggerSink
 {
 public:
@@ -30,11 +30,11 @@ public:
 
   void Check()
   {
-    if (m_bFailed)
+    if (m_pError)
     {
-      m_bFailed = false;
-      m_oError.restore();
-      throw py::error_already_set();
+      py::error_already_set oError = std::move(*m_pError);
+      m_pError.reset();
+      throw oError;
     }
   }
 
@@ -42,7 +42,7 @@ private:
   void _Call(double dFraction, const std::string& strText)
   {
     py::gil_scoped_acquire oGil;
-    if (m_bFailed)
+    if (m_pError)
       return;
     try
     {
@@ -50,14 +50,12 @@ private:
     }
     catch (py::error_already_set& oError)
     {
-      m_bFailed = true;
-      m_oError = std::move(oError);
+      m_pError = std::make_unique<py::error_already_set>(std::move(oError));
     }
   }
 
   py::object m_oCallback;
-  bool m_bFailed = false;
-  py::error_already_set m_oError;
+  std::unique_ptr<py::error_already_set> m_pError; // the callback's first exception
 };
 
 CPythonProgress::CPythonProgress(py::object oCallback)

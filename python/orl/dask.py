@@ -73,6 +73,15 @@ def _join_moments(left, right):
             right[3] if right[3] > left[3] else left[3], left[4] + right[4], left[5] + right[5])
 
 
+# Module-level functions, as distributed ships tasks by reference and cannot pickle the extension's.
+def _chunk_moments(block, nodata):
+    return _orl._chunk_moments(block, nodata)
+
+
+def _chunk_histogram(block, nodata, low, high, bins):
+    return _orl._chunk_histogram(block, nodata, low, high, bins)
+
+
 def statistics(darr, nodata=None, bins=1024):
     """Statistics of a 2-D Dask array from per-chunk partial results; see ``orl.statistics``.
 
@@ -95,10 +104,10 @@ def statistics(darr, nodata=None, bins=1024):
     if darr.ndim != 2:
         raise ValueError("darr: expected a 2-D array, got %d dimensions" % darr.ndim)
     blocks = list(darr.to_delayed().ravel())
-    chunk_moments = dask.delayed(_orl._chunk_moments, pure=True)
+    chunk_moments = dask.delayed(_chunk_moments, pure=True)
     moments = dask.compute(*[chunk_moments(block, nodata) for block in blocks])
     valid, invalid, low, high, total, squares = reduce(_join_moments, moments)
-    chunk_histogram = dask.delayed(_orl._chunk_histogram, pure=True)
+    chunk_histogram = dask.delayed(_chunk_histogram, pure=True)
     histograms = dask.compute(*[chunk_histogram(block, nodata, low, high, bins) for block in blocks])
     histogram = np.sum(histograms, axis=0, dtype=np.uint64)
     return _orl._finish_statistics(darr.dtype, nodata is not None, valid, invalid, low, high, total, squares,
