@@ -3,8 +3,12 @@
 
 #include "Filter/LinearFillHoleFilter.h"
 
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_reduce.h>
+
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <type_traits>
 
@@ -44,18 +48,23 @@ T ToPixel(const py::object& oValue, const char* pArgument)
 }
 
 // An upper bound on the holes the filter lists: pixels the mask selects or the source has invalid.
+// In parallel and branch-free, as it is one more pass over the source before the filter's two.
 template <class T, class TIsSelected>
-std::uint64_t CountHoles(const T* pSrc, std::size_t nPixels, bool bHasNoData, T tNoData, TIsSelected&& oIsSelected)
+std::uint64_t CountHoles(const T* pSrc, std::size_t nPixels, bool bHasNoData, T tNoData, const TIsSelected& oIsSelected)
 {
-  std::uint64_t nHoles = 0;
-  for (std::size_t i = 0; i < nPixels; ++i)
-  {
-    bool bInvalid = bHasNoData && pSrc[i] == tNoData;
-    if constexpr (std::is_floating_point<T>::value)
-      bInvalid = bInvalid || !(std::fabs(pSrc[i]) <= std::numeric_limits<T>::max());
-    nHoles += std::uint64_t(bInvalid || oIsSelected(i));
-  }
-  return nHoles;
+  return tbb::parallel_reduce(
+    tbb::blocked_range<std::size_t>(0, nPixels, std::size_t(1) << 16), std::uint64_t(0),
+    [&](const tbb::blocked_range<std::size_t>& oRange, std::uint64_t nHoles) {
+      for (std::size_t i = oRange.begin(); i != oRange.end(); ++i)
+      {
+        bool bInvalid = bHasNoData & (pSrc[i] == tNoData);
+        if constexpr (std::is_floating_point<T>::value)
+          bInvalid |= !(std::fabs(pSrc[i]) <= std::numeric_limits<T>::max());
+        nHoles += std::uint64_t(bInvalid | oIsSelected(i));
+      }
+      return nHoles;
+    },
+    std::plus<std::uint64_t>());
 }
 
 template <class T>
