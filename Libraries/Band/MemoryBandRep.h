@@ -29,7 +29,8 @@ public:
   // valid, at the same address, as long as this representation lives. pOwner is held until the
   // representation dies and released then; it is what keeps the pixels alive (a language binding
   // passes a reference on its array) and may be empty when the caller guarantees that otherwise.
-  // The pixels are neither initialised nor freed here, and nothing is traced.
+  // The pixels are neither initialised nor freed here, and nothing is traced. Throws CBasicException
+  // when pPixels is null for a non-empty band.
   CMemoryBandRep(unsigned int nWidth, unsigned int nHeight, TPixel* pPixels, boost::shared_ptr<void> pOwner);
   ~CMemoryBandRep();
 

@@ -1,4 +1,5 @@
 #include "Band/Band.h"
+#include "Foundation/BasicException.h"
 #include "Support/PixelTypes.h"
 
 #include <gtest/gtest.h>
@@ -48,11 +49,12 @@ TYPED_TEST(ExternalPixelsTest, UsesCallerPixelsAndReleasesOwnerWithLastBand)
   EXPECT_TRUE(pWatch.expired());
 }
 
-TEST(ExternalPixelsTest, EmptyBandKeepsNoPointer)
+TEST(ExternalPixelsTest, EmptyBandKeepsNoPointerAndNonEmptyOneNeedsPixels)
 {
   unsigned char aPixel[1] = {0};
   CMemoryBandRep<unsigned char> oRep(0, 5, aPixel, boost::shared_ptr<void>());
   EXPECT_EQ(oRep.GetDataLocation(), nullptr);
+  EXPECT_THROW(CMemoryBandRep<unsigned char>(2, 5, nullptr, boost::shared_ptr<void>()), Orl::Harnel::CBasicException);
 }
 
 } // namespace
