@@ -10,6 +10,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <utility>
 #include <vector>
 
 namespace Orl { namespace Ostrel { namespace Band {
@@ -29,6 +30,13 @@ public:
   // Any size, zero included. A failed allocation leaves by the allocator's exception and no band.
   CBand(unsigned int nWidth, unsigned int nHeight)
     : m_oRect(0, 0, nWidth, nHeight), m_pRep(boost::make_shared<TRep>(nWidth, nHeight))
+  {
+  }
+
+  // A band over an existing representation, for instance one over caller-owned pixels; the band
+  // shares it like a copy would. pRep must not be empty.
+  explicit CBand(boost::shared_ptr<TRep> pRep)
+    : m_oRect(0, 0, pRep->m_nWidth, pRep->m_nHeight), m_pRep(std::move(pRep))
   {
   }
 

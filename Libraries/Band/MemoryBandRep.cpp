@@ -1,12 +1,18 @@
 #include "Band/MemoryBandRep.h"
 
 #include "Band/StatisticCalculator.h"
+#include "Foundation/BasicException.h"
+#include "Internationalisation/Translator.h"
+
+#include <boost/format.hpp>
 
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
 #include <iostream>
+#include <string>
 #include <typeinfo>
+#include <utility>
 
 namespace Orl { namespace Ostrel { namespace Band {
 
@@ -31,9 +37,31 @@ CMemoryBandRep<TPixel>::CMemoryBandRep(unsigned int nWidth, unsigned int nHeight
 }
 
 template <class TPixel>
+CMemoryBandRep<TPixel>::CMemoryBandRep(unsigned int nWidth, unsigned int nHeight, TPixel* pPixels,
+                                       boost::shared_ptr<void> pOwner)
+  : Detail::CBandRep<TPixel>(nWidth, nHeight), m_bOwnsPixels(false), m_pPixelOwner(std::move(pOwner))
+{
+  if (nWidth != 0 && nHeight != 0)
+  {
+    if (!pPixels)
+      throw Harnel::CBasicException(
+        __FILE__, __LINE__,
+        (boost::format(Harnel::Internationalisation::CTranslator::Translate(
+           "No pixels given for a memory band of %1% x %2% pixels")) %
+         nWidth % nHeight)
+          .str(),
+        0, std::string());
+    m_pData = pPixels;
+  }
+  this->GetStatistics().m_pCalculator =
+    boost::make_shared<Detail::CStatisticCalculator<TPixel, double, CMemoryBandRep<TPixel>>>(this);
+}
+
+// Caller-owned pixels go back to their owner when m_pPixelOwner is released, after this body.
+template <class TPixel>
 CMemoryBandRep<TPixel>::~CMemoryBandRep()
 {
-  if (m_pData)
+  if (m_pData && m_bOwnsPixels)
   {
     delete[] m_pData;
     if (Detail::CBandRepBase::ms_bTraceAllocations)

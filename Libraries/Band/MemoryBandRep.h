@@ -4,6 +4,7 @@
 #include "Band/MemoryBandIterator.h"
 #include "Foundation/PixelTypes.h"
 
+#include <boost/shared_ptr.hpp>
 #include <boost/tuple/tuple.hpp>
 
 #include <cstdint>
@@ -24,7 +25,17 @@ public:
   // the statistic calculator bound to this representation in the record. Throws
   // std::bad_alloc when the block cannot be had.
   CMemoryBandRep(unsigned int nWidth, unsigned int nHeight);
+  // Over caller-owned pixels: pPixels holds width * height pixels in the layout above and stays
+  // valid, at the same address, as long as this representation lives. pOwner is held until the
+  // representation dies and released then; it is what keeps the pixels alive (a language binding
+  // passes a reference on its array) and may be empty when the caller guarantees that otherwise.
+  // The pixels are neither initialised nor freed here, and nothing is traced. Throws CBasicException
+  // when pPixels is null for a non-empty band.
+  CMemoryBandRep(unsigned int nWidth, unsigned int nHeight, TPixel* pPixels, boost::shared_ptr<void> pOwner);
   ~CMemoryBandRep();
+
+  // True for the pixels of the representation's own block, false over caller-owned pixels.
+  bool OwnsPixels() const { return m_bOwnsPixels; }
 
   // Sets every pixel to tValue; drops the cached statistics before and after, keeps the no-data value.
   CMemoryBandRep& Clear(TPixel tValue);
@@ -69,6 +80,9 @@ private:
   }
 
   void _Trace(std::int64_t nSign);
+
+  bool m_bOwnsPixels = true;
+  boost::shared_ptr<void> m_pPixelOwner; // keeps caller-owned pixels alive; empty for an own block
 };
 
 #define ORL_MEMORY_BAND_REP_EXTERN(T) extern template class CMemoryBandRep<T>;
