@@ -18,7 +18,10 @@ namespace Orl { namespace Ostrel { namespace Filter {
 //   second subiteration: ((x6 | x7 | !x4) & x5) = 0
 // with all deletions of a subiteration decided on the picture before it, until an iteration of both
 // deletes nothing. Connected components and holes are preserved; end points (N = 1) and one-pixel-wide
-// lines stay; a 2 x 2 square shrinks to its south-west pixel.
+// lines stay; a 2 x 2 square shrinks to its south-west pixel. Thinness: every remaining pixel fails
+// one of the tests in both subiterations, which leaves lines one pixel wide in general but allows 2 x 2
+// blocks at junctions (a block pixel with C = 1 and N = 3 whose east and west neighbours are both
+// foreground passes neither (c) test).
 //
 // Foreground: valid non-zero source pixels; pixels outside the band count as background, so shapes
 // are thinned up to the band's edge. Writes 1 on the skeleton and 0 elsewhere; invalid source

@@ -15,11 +15,12 @@ namespace Orl { namespace Ostrel { namespace Filter {
 //   second subiteration: 2 <= B <= 6, A = 1, P2*P4*P8 = 0, P2*P6*P8 = 0 (north-west border, south-east corner)
 // with all deletions of a subiteration decided on the picture before it, until an iteration of both
 // deletes nothing.
-// Guarantees: end points (B = 1) and one-pixel-wide lines stay; the skeleton has no 2 x 2 block of
-// foreground. Known flaws of the algorithm, kept as they are: a 2 x 2 square is deleted entirely
-// (all four pixels pass the first subiteration at once), and lines two pixels wide along a diagonal
-// are eroded away, since each of their pixels has A = 1 and a zero in both products; so components
-// may vanish or break apart.
+// Guarantees: end points (B = 1) and one-pixel-wide lines stay. The skeleton is mostly one pixel
+// wide, but not everywhere: a pixel with seven or eight neighbours is never deleted, so 2 x 2 blocks
+// can remain where thick parts meet. Known flaws of the algorithm, kept as they are: a 2 x 2 square
+// is deleted entirely (all four pixels pass the first subiteration at once), so components can
+// vanish; a staircase two pixels wide along a diagonal has no deletable pixel inside, but its end
+// pixels are deletable again and again, so it erodes from both ends to two pixels.
 //
 // Foreground: valid non-zero source pixels; pixels outside the band count as background, so shapes
 // are thinned up to the band's edge. Writes 1 on the skeleton and 0 elsewhere; invalid source
