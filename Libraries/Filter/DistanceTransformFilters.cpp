@@ -33,13 +33,13 @@ namespace Orl { namespace Ostrel { namespace Filter { namespace Detail {
 namespace {
 
 using std::int64_t;
-constexpr int64_t g_nFar = int64_t(1) << 40; // a separation beyond any row
 
 // Column phase: g(x, y) = distance to the nearest background pixel of column x, or more than
 // nInfinite if there is none.
-void ColumnPhase(const std::uint8_t* pClass, int nWidth, int nHeight, std::int32_t* pG, const CProgressLayer& oProgress)
+template <class TG>
+void ColumnPhase(const std::uint8_t* pClass, int nWidth, int nHeight, TG* pG, const CProgressLayer& oProgress)
 {
-  const std::int32_t nInfinite = nWidth + nHeight;
+  const TG nInfinite = TG(nWidth + nHeight);
   constexpr int nStrip = 256;
   const int nStrips = (nWidth + nStrip - 1) / nStrip;
   tbb::parallel_for(0, nStrips, [&](int nS) {
@@ -50,53 +50,55 @@ void ColumnPhase(const std::uint8_t* pClass, int nWidth, int nHeight, std::int32
     for (int y = 1; y < nHeight; ++y)
     {
       const std::uint8_t* __restrict pC = pClass + y * w;
-      std::int32_t* __restrict pRow = pG + y * w;
-      const std::int32_t* __restrict pAbove = pRow - w;
+      TG* __restrict pRow = pG + y * w;
+      const TG* __restrict pAbove = pRow - w;
       for (int x = nX0; x < nX1; ++x)
-        pRow[x] = pC[x] == 0 ? 0 : pAbove[x] + 1;
+        pRow[x] = pC[x] == 0 ? TG(0) : TG(pAbove[x] + 1);
     }
     for (int y = nHeight - 2; y >= 0; --y)
     {
-      std::int32_t* __restrict pRow = pG + y * w;
-      const std::int32_t* __restrict pBelow = pRow + w;
+      TG* __restrict pRow = pG + y * w;
+      const TG* __restrict pBelow = pRow + w;
       for (int x = nX0; x < nX1; ++x)
-        pRow[x] = std::min(pRow[x], pBelow[x] + 1);
+        pRow[x] = std::min(pRow[x], TG(pBelow[x] + 1));
     }
     oProgress.Increment(double(nHeight) * (nX1 - nX0) / nWidth);
   });
 }
 
+// The metrics in integers of type I: 32 bits where every value fits (see ApplyDistanceTransform),
+// else 64.
+template <class I>
 struct SEuclidean
 {
-  static int64_t F(int64_t x, int64_t i, int64_t g) { return (x - i) * (x - i) + g * g; }
-  static int64_t Sep(int64_t i, int64_t u, int64_t gi, int64_t gu) { return (u * u - i * i + gu * gu - gi * gi) / (2 * (u - i)); }
+  static I F(I x, I i, I g) { return (x - i) * (x - i) + g * g; }
+  static I Sep(I i, I u, I gi, I gu) { return (u * u - i * i + gu * gu - gi * gi) / (2 * (u - i)); }
 };
 
+template <class I>
 struct SCityBlock
 {
-  static int64_t F(int64_t x, int64_t i, int64_t g) { return std::abs(x - i) + g; }
-  static int64_t Sep(int64_t i, int64_t u, int64_t gi, int64_t gu)
+  static I F(I x, I i, I g) { return std::abs(x - i) + g; }
+  static I Sep(I i, I u, I gi, I gu)
   {
     if (gu >= gi + u - i)
-      return g_nFar;
+      return std::numeric_limits<I>::max() / 2;
     if (gi > gu + u - i)
-      return -g_nFar;
+      return -std::numeric_limits<I>::max() / 2;
     return (gu - gi + u + i) / 2;
   }
 };
 
+template <class I>
 struct SChessboard
 {
-  static int64_t F(int64_t x, int64_t i, int64_t g) { return std::max(std::abs(x - i), g); }
-  static int64_t Sep(int64_t i, int64_t u, int64_t gi, int64_t gu)
-  {
-    return gi <= gu ? std::max(i + gu, (i + u) / 2) : std::min(u - gi, (i + u) / 2);
-  }
+  static I F(I x, I i, I g) { return std::max(std::abs(x - i), g); }
+  static I Sep(I i, I u, I gi, I gu) { return gi <= gu ? std::max(i + gu, (i + u) / 2) : std::min(u - gi, (i + u) / 2); }
 };
 
 // One row of the row phase: pOut[x] = min over i of F(x, i, g[i]). pS and pT hold nWidth entries.
-template <class TMetric>
-void RowPhase(const std::int32_t* pG, int nWidth, int64_t* pOut, std::int32_t* pS, std::int32_t* pT)
+template <class TMetric, class TG, class I>
+void RowPhase(const TG* pG, int nWidth, I* pOut, std::int32_t* pS, std::int32_t* pT)
 {
   int q = 0;
   pS[0] = 0;
@@ -112,7 +114,7 @@ void RowPhase(const std::int32_t* pG, int nWidth, int64_t* pOut, std::int32_t* p
     }
     else
     {
-      const int64_t w = 1 + TMetric::Sep(pS[q], u, pG[pS[q]], pG[u]);
+      const auto w = 1 + TMetric::Sep(pS[q], u, pG[pS[q]], pG[u]);
       if (w < nWidth)
       {
         ++q;
@@ -203,14 +205,15 @@ void ApplyDistanceTransform(EDistanceMethod eMethod, EDistanceTransformMode eMod
   const SValidTest<TPixel> oValid(oSrc);
   ParallelRuns(oSrc, oProgress, [&](int nX, int nY, const TPixel* pRun, int nRun) {
     std::uint8_t* pTo = vecClass.data() + nY * w + nX;
-    bool bZero = false, bBad = false;
+    std::uint8_t nZero = 0, nBad = 0;
     for (int i = 0; i < nRun; ++i)
     {
-      const bool bValid = oValid(pRun[i]);
-      pTo[i] = bValid ? std::uint8_t(pRun[i] != TPixel(0)) : std::uint8_t(2);
-      bZero |= pTo[i] == 0;
-      bBad |= !bValid;
+      const std::uint8_t nInvalid = !oValid(pRun[i]), nForeground = pRun[i] != TPixel(0);
+      pTo[i] = nInvalid ? std::uint8_t(2) : nForeground;
+      nZero |= !(nInvalid | nForeground);
+      nBad |= nInvalid;
     }
+    const bool bZero = nZero, bBad = nBad;
     if (bZero)
       bBackground.store(true, std::memory_order_relaxed);
     if (bBad)
@@ -219,15 +222,19 @@ void ApplyDistanceTransform(EDistanceMethod eMethod, EDistanceTransformMode eMod
 
   const TOut tNoData = GetOutputNoDataValue(oDest);
   const bool bEuclidean = eMode == eDistanceTransformEuclidean || eMode == eDistanceTransformSquaredEuclidean;
-  // Converts the metric values of a row (squared for the Euclidean modes) into pTo.
-  auto fnConvert = [&](const int64_t* pFrom, double dScale, const std::uint8_t* pClass, TOut* pTo) {
-    for (int x = 0; x < nWidth; ++x)
-    {
-      double v = double(pFrom[x]) * dScale;
-      if (eMode == eDistanceTransformEuclidean)
-        v = std::sqrt(v);
-      pTo[x] = pClass[x] == 2 ? tNoData : ToPixel<TOut>(v);
-    }
+  // Converts the metric values of a row (squared for the Euclidean modes) into pTo: one loop per
+  // mode, without branches, then the invalid pixels.
+  const bool bAnyInvalid = bInvalid;
+  auto fnConvert = [&](const auto* pFrom, const std::uint8_t* pClass, TOut* pTo) {
+    if (eMode == eDistanceTransformEuclidean)
+      for (int x = 0; x < nWidth; ++x)
+        pTo[x] = ToPixel<TOut>(std::sqrt(double(pFrom[x])));
+    else
+      for (int x = 0; x < nWidth; ++x)
+        pTo[x] = ToPixel<TOut>(double(pFrom[x]));
+    if (bAnyInvalid)
+      for (int x = 0; x < nWidth; ++x)
+        pTo[x] = pClass[x] == 2 ? tNoData : pTo[x];
   };
 
   if (!bBackground)
@@ -237,27 +244,39 @@ void ApplyDistanceTransform(EDistanceMethod eMethod, EDistanceTransformMode eMod
   }
   else if (eMethod == EDistanceMethod::eMeijster)
   {
-    std::vector<std::int32_t> vecG(vecClass.size());
-    ColumnPhase(vecClass.data(), nWidth, nHeight, vecG.data(), oProgress);
-    ParallelBlockRuns(oDest, oProgress, [&](int nY0, int nRows) {
-      std::vector<TOut> vecBlock(std::size_t(nRows) * std::size_t(w));
-      std::vector<int64_t> vecRow(nWidth);
-      std::vector<std::int32_t> vecS(nWidth), vecT(nWidth);
-      for (int r = 0; r < nRows; ++r)
-      {
-        const std::int32_t* pG = vecG.data() + (nY0 + r) * w;
-        if (bEuclidean)
-          RowPhase<SEuclidean>(pG, nWidth, vecRow.data(), vecS.data(), vecT.data());
-        else if (eMode == eDistanceTransformCityBlock)
-          RowPhase<SCityBlock>(pG, nWidth, vecRow.data(), vecS.data(), vecT.data());
-        else
-          RowPhase<SChessboard>(pG, nWidth, vecRow.data(), vecS.data(), vecT.data());
-        fnConvert(vecRow.data(), 1.0, vecClass.data() + (nY0 + r) * w, vecBlock.data() + r * w);
-      }
-      return [&, nY0, vecBlock = std::move(vecBlock)](int nX, int nY, TOut* pRun, int nRun) {
-        Band::Detail::CopyRun(vecBlock.data() + (nY - nY0) * w + nX, pRun, nRun);
-      };
-    });
+    // g is below width + 2 * height: 16 bits when that fits; the metric in 32 bits while its largest
+    // values (squares of g and of the width, and their sums) do.
+    const std::int64_t nMaxG = std::int64_t(nWidth) + 2 * std::int64_t(nHeight) + 1;
+    const bool bNarrow = nMaxG < 65535, bInt32 = 4 * nMaxG * nMaxG < std::numeric_limits<std::int32_t>::max();
+    auto fnRun = [&](auto* pTypeG, auto nTypeI) {
+      using TG = std::remove_pointer_t<decltype(pTypeG)>;
+      using I = decltype(nTypeI);
+      std::vector<TG> vecG(vecClass.size());
+      ColumnPhase(vecClass.data(), nWidth, nHeight, vecG.data(), oProgress);
+      ParallelBlockRuns(oDest, oProgress, [&](int nY0, int nRows) {
+        std::vector<TOut> vecBlock(std::size_t(nRows) * std::size_t(w));
+        std::vector<I> vecRow(nWidth);
+        std::vector<std::int32_t> vecS(nWidth), vecT(nWidth);
+        for (int r = 0; r < nRows; ++r)
+        {
+          const TG* pG = vecG.data() + (nY0 + r) * w;
+          if (bEuclidean)
+            RowPhase<SEuclidean<I>>(pG, nWidth, vecRow.data(), vecS.data(), vecT.data());
+          else if (eMode == eDistanceTransformCityBlock)
+            RowPhase<SCityBlock<I>>(pG, nWidth, vecRow.data(), vecS.data(), vecT.data());
+          else
+            RowPhase<SChessboard<I>>(pG, nWidth, vecRow.data(), vecS.data(), vecT.data());
+          fnConvert(vecRow.data(), vecClass.data() + (nY0 + r) * w, vecBlock.data() + r * w);
+        }
+        return [&, nY0, vecBlock = std::move(vecBlock)](int nX, int nY, TOut* pRun, int nRun) {
+          Band::Detail::CopyRun(vecBlock.data() + (nY - nY0) * w + nX, pRun, nRun);
+        };
+      });
+    };
+    if (bNarrow && bInt32)
+      fnRun(static_cast<std::uint16_t*>(nullptr), std::int32_t());
+    else
+      fnRun(static_cast<std::int32_t*>(nullptr), std::int64_t());
   }
   else
   {
@@ -294,7 +313,7 @@ void ApplyDistanceTransform(EDistanceMethod eMethod, EDistanceTransformMode eMod
             vecBlock[r * w + x] =
               vecClass[(nY0 + r) * w + x] == 2 ? tNoData : ToPixel<TOut>(double(pD[x]) * dScale);
         else
-          fnConvert(vecRow.data(), 1.0, vecClass.data() + (nY0 + r) * w, vecBlock.data() + r * w);
+          fnConvert(vecRow.data(), vecClass.data() + (nY0 + r) * w, vecBlock.data() + r * w);
       }
       return [&, nY0, vecBlock = std::move(vecBlock)](int nX, int nY, TOut* pRun, int nRun) {
         Band::Detail::CopyRun(vecBlock.data() + (nY - nY0) * w + nX, pRun, nRun);
