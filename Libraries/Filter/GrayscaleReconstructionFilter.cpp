@@ -6,9 +6,9 @@
 // Each raster scan splits a row in two loops: one over the row already done (above in the forward
 // scan, below in the backward one), which vectorises, and one sequential loop for the neighbour on
 // the row itself. That is the same as the per-pixel scan, because min(I, max(A, B)) ==
-// min(I, max(min(I, A), B)). After the backward scan, a pixel enters the queue when a neighbour q
-// already passed in that scan has J(q) < J(p) and J(q) < I(q); the queue then raises neighbours
-// until nothing changes. The result is the unique reconstruction, so the order of work does not
+// min(I, max(min(I, A), B)). Up to three pairs of scans run while they change something; after the
+// third backward scan, a pixel enters the queue when a neighbour q already passed in that scan has
+// J(q) < J(p) and J(q) < I(q); the queue then raises neighbours until nothing changes. The result is the unique reconstruction, so the order of work does not
 // show in it.
 
 #include "Filter/Detail/BandBlocks.h"
@@ -29,40 +29,55 @@ void Reconstruct(T* pI, T* pJ, int nWidth, int nHeight, const Detail::CProgressL
 {
   const std::ptrdiff_t s = nWidth + 2;
   std::vector<std::uint32_t> vecQueue;
-  // Forward scan.
-  for (int y = 0; y < nHeight; ++y)
+  // Pairs of scans while they change something, up to three: each pair is cheap and vectorised in
+  // part, and takes work off the queue, whose accesses jump. The queue starts after the last one.
+  for (int nPair = 0; nPair < 3; ++nPair)
   {
-    T* __restrict pRow = pJ + (y + 1) * s + 1;
-    const T* __restrict pMask = pI + (y + 1) * s + 1;
-    const T* __restrict pAbove = pRow - s;
-    for (int x = 0; x < nWidth; ++x)
-      pRow[x] = std::min(pMask[x], std::max(std::max(pRow[x], pAbove[x]), std::max(pAbove[x - 1], pAbove[x + 1])));
-    for (int x = 0; x < nWidth; ++x)
-      pRow[x] = std::min(pMask[x], std::max(pRow[x], pRow[x - 1]));
-    if ((y & 63) == 63)
-      oProgress.Increment(32.0);
-  }
-  // Backward scan, and the queue's first pixels.
-  for (int y = nHeight - 1; y >= 0; --y)
-  {
-    T* __restrict pRow = pJ + (y + 1) * s + 1;
-    const T* __restrict pMask = pI + (y + 1) * s + 1;
-    const T* __restrict pBelow = pRow + s;
-    const T* __restrict pMaskBelow = pMask + s;
-    for (int x = 0; x < nWidth; ++x)
-      pRow[x] = std::min(pMask[x], std::max(std::max(pRow[x], pBelow[x]), std::max(pBelow[x - 1], pBelow[x + 1])));
-    for (int x = nWidth - 1; x >= 0; --x)
-      pRow[x] = std::min(pMask[x], std::max(pRow[x], pRow[x + 1]));
-    for (int x = 0; x < nWidth; ++x)
+    const bool bLast = nPair == 2;
+    std::uint8_t nChanged = 0;
+    for (int y = 0; y < nHeight; ++y)
     {
-      const T j = pRow[x];
-      auto fnRaises = [&](const T* pJq, const T* pIq, int nDx) { return pJq[x + nDx] < j && pJq[x + nDx] < pIq[x + nDx]; };
-      if (fnRaises(pRow, pMask, 1) || fnRaises(pBelow, pMaskBelow, -1) || fnRaises(pBelow, pMaskBelow, 0) ||
-          fnRaises(pBelow, pMaskBelow, 1))
-        vecQueue.push_back(std::uint32_t((y + 1) * s + 1 + x));
+      T* __restrict pRow = pJ + (y + 1) * s + 1;
+      const T* __restrict pMask = pI + (y + 1) * s + 1;
+      const T* __restrict pAbove = pRow - s;
+      for (int x = 0; x < nWidth; ++x)
+        pRow[x] = std::min(pMask[x], std::max(std::max(pRow[x], pAbove[x]), std::max(pAbove[x - 1], pAbove[x + 1])));
+      for (int x = 0; x < nWidth; ++x)
+        pRow[x] = std::min(pMask[x], std::max(pRow[x], pRow[x - 1]));
+      if (nPair == 0 && (y & 63) == 63)
+        oProgress.Increment(32.0);
     }
-    if ((y & 63) == 0)
-      oProgress.Increment(32.0);
+    for (int y = nHeight - 1; y >= 0; --y)
+    {
+      T* __restrict pRow = pJ + (y + 1) * s + 1;
+      const T* __restrict pMask = pI + (y + 1) * s + 1;
+      const T* __restrict pBelow = pRow + s;
+      const T* __restrict pMaskBelow = pMask + s;
+      for (int x = 0; x < nWidth; ++x)
+      {
+        const T t = std::min(pMask[x], std::max(std::max(pRow[x], pBelow[x]), std::max(pBelow[x - 1], pBelow[x + 1])));
+        nChanged |= t != pRow[x];
+        pRow[x] = t;
+      }
+      for (int x = nWidth - 1; x >= 0; --x)
+      {
+        const T t = std::min(pMask[x], std::max(pRow[x], pRow[x + 1]));
+        nChanged |= t != pRow[x];
+        pRow[x] = t;
+      }
+      for (int x = 0; x < nWidth && bLast; ++x)
+      {
+        const T j = pRow[x];
+        auto fnRaises = [&](const T* pJq, const T* pIq, int nDx) { return pJq[x + nDx] < j && pJq[x + nDx] < pIq[x + nDx]; };
+        if (fnRaises(pRow, pMask, 1) || fnRaises(pBelow, pMaskBelow, -1) || fnRaises(pBelow, pMaskBelow, 0) ||
+            fnRaises(pBelow, pMaskBelow, 1))
+          vecQueue.push_back(std::uint32_t((y + 1) * s + 1 + x));
+      }
+      if (nPair == 0 && (y & 63) == 0)
+        oProgress.Increment(32.0);
+    }
+    if (!nChanged) // a backward scan that changes nothing after a forward one: stable
+      return;
   }
   // Propagation.
   const std::ptrdiff_t aOffset[8] = {-s - 1, -s, -s + 1, -1, 1, s - 1, s, s + 1};
