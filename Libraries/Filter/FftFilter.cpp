@@ -137,15 +137,6 @@ int StripWidth(const TIterator& it)
   return int(std::max<std::uint32_t>(8, std::min<std::uint32_t>(256, it.GetBlockHintX() / 2)));
 }
 
-template <class TPixel>
-bool IsValid(TPixel tValue, bool bHasNoData, TPixel tNoData)
-{
-  if constexpr (std::is_floating_point<TPixel>::value)
-    if (tValue != tValue)
-      return false;
-  return !(bHasNoData && tValue == tNoData);
-}
-
 // Strips of columns [0, nColumns): reads rows [0, nReadRows) of the two bands into a column-major
 // buffer (rows up to nLength stay 0), transforms each column in place, and hands the buffer to
 // fnWrite(x0, nWidth, pBuffer, nStride).
@@ -231,7 +222,7 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
     {
       oSrcRows.Read(y, vecRow.data());
       for (int x = 0; x < nWidth; ++x)
-        pIn[x] = IsValid(vecRow[x], bHasNoData, tNoData) ? TReal(vecRow[x]) : TReal(0);
+        pIn[x] = Detail::IsValidPixel(vecRow[x], bHasNoData, tNoData) ? TReal(vecRow[x]) : TReal(0);
       TFftw::R2C(pRowPlan, pIn, oOut.Get());
       for (int u = 0; u < nHalf; ++u)
       {

@@ -1,8 +1,11 @@
 // Fourier transforms, resampling, histogram equalization and gradient orientation: oracles and
 // properties, on memory and tile bands.
 
+#include "Filter/Detail/RowBuffers.h"
 #include "Filter/FftFilter.h"
+#include "Filter/ResampleFilter.h"
 #include "Foundation/BasicException.h"
+#include "Support/PixelTypes.h"
 #include "Support/TileBands.h"
 
 #include <gtest/gtest.h>
@@ -162,6 +165,141 @@ TEST(FftFilterTest, RejectsWrongSizesBeforeWriting)
   EXPECT_THROW(CFftReverseFilter().Apply(oDest, oRe, oSmall), Orl::Harnel::CBasicException);
   EXPECT_THROW(CFftReverseFilter().Apply(oDest, oOdd, oOdd), Orl::Harnel::CBasicException);
   EXPECT_THROW(CFftReverseFilter().Apply(oLarge, oRe, oIm), Orl::Harnel::CBasicException);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Resampling
+
+const struct
+{
+  std::string szName;
+  EResampleKernel eKernel;
+  double dRadius;
+} g_aKernels[] = {{"nearest", eResampleNearest, 0.5}, {"bilinear", eResampleBilinear, 1.0},
+                  {"cubic", eResampleCubic, 2.0},       {"lanczos3", eResampleLanczos3, 3.0},
+                  {"average", eResampleAverage, 0.5}};
+
+template <class TPixel, class TTag = SMemoryTag>
+std::vector<TPixel> Resampled(EResampleKernel eKernel, const CBand<TPixel, TTag>& oSrc, unsigned nWidth,
+                              unsigned nHeight)
+{
+  CBand<TPixel, TTag> oDest(nWidth, nHeight);
+  CResampleFilter(eKernel).Apply(oDest, oSrc);
+  return ReadPixels(oDest);
+}
+
+// Equal for integer pixels, within a few units of rounding for floating ones.
+template <class TPixel>
+void ExpectClose(const std::vector<TPixel>& vecGot, const std::vector<TPixel>& vecExpected, const std::string& strWhat)
+{
+  ASSERT_EQ(vecGot.size(), vecExpected.size()) << strWhat;
+  const double dEps = std::is_integral<TPixel>::value ? 0.0 : 1e-5;
+  for (std::size_t i = 0; i < vecGot.size(); ++i)
+    ASSERT_NEAR(double(vecGot[i]), double(vecExpected[i]), dEps * (1.0 + std::abs(double(vecExpected[i]))))
+      << strWhat << ", pixel " << i;
+}
+
+template <class TPixel>
+class ResampleTest : public ::testing::Test
+{
+};
+TYPED_TEST_SUITE(ResampleTest, Orl::Test::TAllPixelTypes);
+
+TYPED_TEST(ResampleTest, CopiesAtTheSameSizeKeepsConstantsAndAveragesBlocks)
+{
+  using TPixel = TypeParam;
+  const unsigned nW = 16, nH = 10;
+  const auto vecSrc = RandomPixels<TPixel>(nW * nH, 3, 0.0, 120.0);
+  const auto oSrc = MakeBand<TPixel>(nW, nH, vecSrc);
+  const auto oConstant = MakeBand<TPixel>(nW, nH, std::vector<TPixel>(nW * nH, TPixel(77)));
+  for (const auto& oKernel : g_aKernels)
+  {
+    EXPECT_EQ(Resampled(oKernel.eKernel, oSrc, nW, nH), vecSrc) << oKernel.szName;
+    for (const auto& oSize : {std::make_pair(5u, 11u), std::make_pair(29u, 3u), std::make_pair(40u, 33u)})
+      ExpectClose(Resampled(oKernel.eKernel, oConstant, oSize.first, oSize.second),
+                  std::vector<TPixel>(oSize.first * oSize.second, TPixel(77)),
+                  oKernel.szName + std::to_string(oSize.first) + "x" + std::to_string(oSize.second));
+  }
+  std::vector<TPixel> vecMeans;
+  for (unsigned y = 0; y < nH; y += 2)
+    for (unsigned x = 0; x < nW; x += 2)
+      vecMeans.push_back(Orl::Ostrel::Filter::Detail::ToPixel<TPixel>(
+        (double(vecSrc[y * nW + x]) + vecSrc[y * nW + x + 1] + vecSrc[y * nW + nW + x] + vecSrc[y * nW + nW + x + 1]) / 4));
+  ExpectClose(Resampled(eResampleAverage, oSrc, nW / 2, nH / 2), vecMeans, "means of 2 x 2");
+}
+
+TEST(ResampleFilterTest, BilinearReproducesARampAwayFromTheBorder)
+{
+  const unsigned nW = 10, nH = 8, nFactor = 4;
+  std::vector<double> vecRamp;
+  for (unsigned y = 0; y < nH; ++y)
+    for (unsigned x = 0; x < nW; ++x)
+      vecRamp.push_back(3.0 * x - 2.0 * y + 1.0);
+  const auto vecUp = Resampled(eResampleBilinear, MakeBand<double>(nW, nH, vecRamp), nW * nFactor, nH * nFactor);
+  for (unsigned y = nFactor; y < (nH - 1) * nFactor; ++y)
+    for (unsigned x = nFactor; x < (nW - 1) * nFactor; ++x)
+    {
+      const double u = (x + 0.5) / nFactor - 0.5, v = (y + 0.5) / nFactor - 0.5;
+      ASSERT_NEAR(vecUp[y * nW * nFactor + x], 3.0 * u - 2.0 * v + 1.0, 1e-12) << x << "," << y;
+    }
+}
+
+// A block of no-data changes no destination pixel whose kernel does not reach it, and never gives
+// a valid pixel a value pulled towards the no-data value.
+TEST(ResampleFilterTest, NoDataStaysWithinTheKernelsReach)
+{
+  const unsigned nW = 40, nH = 30, nX0 = 15, nX1 = 25, nY0 = 10, nY1 = 20;
+  const float fNoData = -1000.0f;
+  auto vecSrc = RandomPixels<float>(nW * nH, 9, 0.0, 10.0);
+  const auto oFull = MakeBand<float>(nW, nH, vecSrc);
+  for (unsigned y = nY0; y < nY1; ++y)
+    for (unsigned x = nX0; x < nX1; ++x)
+      vecSrc[y * nW + x] = fNoData;
+  auto oHoled = MakeBand<float>(nW, nH, vecSrc);
+  oHoled.SetNoDataValue(fNoData);
+  for (const auto& oKernel : g_aKernels)
+    for (const auto& oSize : {std::make_pair(17u, 13u), std::make_pair(40u, 30u), std::make_pair(97u, 61u)})
+    {
+      const unsigned nDW = oSize.first, nDH = oSize.second;
+      const auto vecFull = Resampled(oKernel.eKernel, oFull, nDW, nDH);
+      const auto vecHoled = Resampled(oKernel.eKernel, oHoled, nDW, nDH);
+      const auto fnReaches = [&](unsigned nD, unsigned nDest, unsigned nSrc, unsigned nLow, unsigned nHigh) {
+        const double s = double(nSrc) / nDest, u = (nD + 0.5) * s - 0.5;
+        const double dReach = oKernel.dRadius * std::max(1.0, s) + 0.5;
+        return u + dReach > nLow - 0.5 && u - dReach < nHigh - 0.5;
+      };
+      for (unsigned y = 0; y < nDH; ++y)
+      {
+        for (unsigned x = 0; x < nDW; ++x)
+        {
+          const float fGot = vecHoled[y * nDW + x];
+          if (!fnReaches(x, nDW, nW, nX0, nX1) || !fnReaches(y, nDH, nH, nY0, nY1))
+          {
+            ASSERT_EQ(fGot, vecFull[y * nDW + x]) << oKernel.szName << " at " << x << "," << y;
+          }
+          else if (fGot != SNoDataValueHint<float>::ms_tNoDataValue)
+          {
+            ASSERT_GT(fGot, -5.0f) << oKernel.szName << " at " << x << "," << y;
+          }
+        }
+      }
+    }
+}
+
+TEST(ResampleFilterTest, TilesEqualMemoryAndEmptySourcesAreRejected)
+{
+  const Orl::Test::CTileBudget oBudget(2u << 20);
+  const unsigned nW = 1100, nH = 600;
+  auto vecSrc = RandomPixels<unsigned char>(nW * nH, 4, 0.0, 255.0);
+  auto oMem = MakeBand<unsigned char>(nW, nH, vecSrc);
+  auto oTile = MakeBand<unsigned char, STileTag>(nW, nH, vecSrc);
+  oMem.SetNoDataValue(0);
+  oTile.SetNoDataValue(0);
+  for (const auto& oKernel : g_aKernels)
+    EXPECT_EQ(Resampled(oKernel.eKernel, oMem, 407, 1300), Resampled(oKernel.eKernel, oTile, 407, 1300))
+      << oKernel.szName;
+  CBand<float, SMemoryTag> oEmpty(0, 3), oDest(2, 2);
+  EXPECT_THROW(CResampleFilter().Apply(oDest, oEmpty), Orl::Harnel::CBasicException);
 }
 
 } // namespace

@@ -18,7 +18,10 @@
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 
+#include <cmath>
+#include <limits>
 #include <string>
+#include <type_traits>
 
 namespace Orl { namespace Ostrel { namespace Filter { namespace Detail {
 
@@ -106,6 +109,41 @@ inline void PushFilterLayer(const boost::shared_ptr<Harnel::Progress::CLogger>& 
   pLogger->Message(Harnel::Progress::_EVerbosityLevel(4), strText, std::string());
   pLogger->Push(strText, 1.0, dTotal, 0.0, false, Harnel::Progress::ELayerClass(0),
                 Harnel::Progress::ELayerSecrecy(0), std::string());
+}
+
+// The type that weighted sums of TPixel go in: float for 8- and 16-bit pixels and float, double for
+// 32-bit integers (whose values float cannot hold) and double.
+template <class TPixel>
+using TSumType = std::conditional_t<std::is_same<TPixel, double>::value ||
+                                      (std::is_integral<TPixel>::value && sizeof(TPixel) >= 4),
+                                    double, float>;
+
+// A computed value as a pixel: integers rounded to nearest and clamped to the type (NaN gives 0).
+template <class TPixel, class TValue>
+inline TPixel ToPixel(TValue tValue)
+{
+  if constexpr (std::is_integral<TPixel>::value)
+  {
+    const TValue tLow = TValue(std::numeric_limits<TPixel>::lowest());
+    const TValue tHigh = TValue(std::numeric_limits<TPixel>::max());
+    if (!(tValue > tLow)) // NaN too
+      return tValue == tValue ? std::numeric_limits<TPixel>::lowest() : TPixel(0);
+    if (tValue >= tHigh)
+      return std::numeric_limits<TPixel>::max();
+    return TPixel(std::nearbyint(tValue));
+  }
+  else
+    return TPixel(tValue);
+}
+
+// Whether a source pixel takes part: not the no-data value, and not NaN.
+template <class TPixel>
+inline bool IsValidPixel(TPixel tValue, bool bHasNoData, TPixel tNoData)
+{
+  if constexpr (std::is_floating_point<TPixel>::value)
+    if (tValue != tValue)
+      return false;
+  return !(bHasNoData && tValue == tNoData);
 }
 
 // A rejected argument, before any pixel is written: szMessage is translated and takes the filter's
