@@ -3,6 +3,7 @@
 
 #include "Filter/Detail/RowBuffers.h"
 #include "Filter/FftFilter.h"
+#include "Filter/HistogramEqualizationFilter.h"
 #include "Filter/ResampleFilter.h"
 #include "Foundation/BasicException.h"
 #include "Support/PixelTypes.h"
@@ -10,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <complex>
 #include <random>
 #include <string>
@@ -300,6 +303,93 @@ TEST(ResampleFilterTest, TilesEqualMemoryAndEmptySourcesAreRejected)
       << oKernel.szName;
   CBand<float, SMemoryTag> oEmpty(0, 3), oDest(2, 2);
   EXPECT_THROW(CResampleFilter().Apply(oDest, oEmpty), Orl::Harnel::CBasicException);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Histogram equalization
+
+template <class TPixel, class TTag = SMemoryTag>
+CBand<TPixel, TTag> Equalized(const CBand<TPixel, TTag>& oSrc)
+{
+  CBand<TPixel, TTag> oDest(oSrc.GetWidth(), oSrc.GetHeight());
+  CHistogramEqualizationFilter().Apply(oDest, oSrc);
+  return oDest;
+}
+
+TEST(HistogramEqualizationFilterTest, UnsignedCharIsTheClassicDefinitionOnMemoryAndTiles)
+{
+  const Orl::Test::CTileBudget oBudget(2u << 20);
+  const unsigned nW = 1500, nH = 700;
+  std::mt19937 oRng(12);
+  std::normal_distribution<double> oDist(90.0, 20.0);
+  std::vector<unsigned char> vecSrc(nW * nH);
+  for (auto& t : vecSrc)
+    t = (unsigned char)std::clamp(oDist(oRng), 3.0, 250.0);
+  auto oMem = MakeBand<unsigned char>(nW, nH, vecSrc);
+  auto oTile = MakeBand<unsigned char, STileTag>(nW, nH, vecSrc);
+  oMem.SetNoDataValue(90); // the most frequent value, left out of the histogram
+  oMem.SetHistogramBins(256);
+  oTile.SetNoDataValue(90);
+  oTile.SetHistogramBins(256);
+
+  std::vector<unsigned long> vecCdf(256, 0);
+  for (unsigned char t : vecSrc)
+    vecCdf[t] += t != 90;
+  for (int i = 1; i < 256; ++i)
+    vecCdf[i] += vecCdf[i - 1];
+  const unsigned long nN = vecCdf[255], nCdfMin = vecCdf[3];
+  std::vector<unsigned char> vecExpected;
+  for (unsigned char t : vecSrc)
+    vecExpected.push_back(t == 90 ? SNoDataValueHint<unsigned char>::ms_tNoDataValue : (unsigned char)std::round(double(vecCdf[t] - nCdfMin) / double(nN - nCdfMin) * 255.0));
+
+  const auto oMemOut = Equalized(oMem);
+  EXPECT_EQ(ReadPixels(oMemOut), vecExpected);
+  EXPECT_EQ(ReadPixels(Equalized(oTile)), vecExpected);
+  EXPECT_TRUE(oMemOut.HasNoDataValue());
+  EXPECT_THROW(CHistogramEqualizationFilter().Apply(oMem, MakeBand<unsigned char>(3, 3, std::vector<unsigned char>(9))),
+               Orl::Harnel::CBasicException);
+}
+
+template <class TPixel>
+class HistogramEqualizationTest : public ::testing::Test
+{
+};
+TYPED_TEST_SUITE(HistogramEqualizationTest, Orl::Test::TAllPixelTypes);
+
+// Monotone onto the documented range; two values go to its ends; constant bands stay; all no-data
+// stays no-data.
+TYPED_TEST(HistogramEqualizationTest, MonotoneOntoItsRange)
+{
+  using TPixel = TypeParam;
+  constexpr bool bFullRange = std::is_integral<TPixel>::value && sizeof(TPixel) <= 2;
+  const TPixel tLo = bFullRange ? std::numeric_limits<TPixel>::lowest() : TPixel(20);
+  const TPixel tHi = bFullRange ? std::numeric_limits<TPixel>::max() : TPixel(100);
+
+  const auto vecSrc = RandomPixels<TPixel>(64 * 40, 17, 20.0, 100.0);
+  auto oSrc = MakeBand<TPixel>(64, 40, vecSrc);
+  const auto vecOut = ReadPixels(Equalized(oSrc));
+  TPixel tMin, tMax;
+  oSrc.GetMinMax(tMin, tMax);
+  std::vector<std::size_t> vecOrder(vecSrc.size());
+  for (std::size_t i = 0; i < vecOrder.size(); ++i)
+    vecOrder[i] = i;
+  std::sort(vecOrder.begin(), vecOrder.end(), [&](std::size_t a, std::size_t b) { return vecSrc[a] < vecSrc[b]; });
+  for (std::size_t i = 1; i < vecOrder.size(); ++i)
+    ASSERT_LE(vecOut[vecOrder[i - 1]], vecOut[vecOrder[i]]) << "monotone";
+  EXPECT_EQ(*std::max_element(vecOut.begin(), vecOut.end()), bFullRange ? tHi : tMax);
+
+  std::vector<TPixel> vecTwo(30, TPixel(20));
+  std::fill(vecTwo.begin() + 10, vecTwo.end(), TPixel(100));
+  const auto vecTwoOut = ReadPixels(Equalized(MakeBand<TPixel>(6, 5, vecTwo)));
+  EXPECT_EQ(vecTwoOut.front(), tLo);
+  EXPECT_EQ(vecTwoOut.back(), tHi);
+
+  const std::vector<TPixel> vecConstant(30, TPixel(42));
+  EXPECT_EQ(ReadPixels(Equalized(MakeBand<TPixel>(6, 5, vecConstant))), vecConstant);
+  auto oNoData = MakeBand<TPixel>(6, 5, vecConstant);
+  oNoData.SetNoDataValue(TPixel(42));
+  const auto oNoDataOut = Equalized(oNoData);
+  EXPECT_EQ(ReadPixels(oNoDataOut), std::vector<TPixel>(30, oNoDataOut.GetNoDataValue()));
 }
 
 } // namespace
