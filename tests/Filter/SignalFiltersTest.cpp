@@ -3,6 +3,7 @@
 
 #include "Filter/Detail/RowBuffers.h"
 #include "Filter/FftFilter.h"
+#include "Filter/GradientOrientationFilter.h"
 #include "Filter/HistogramEqualizationFilter.h"
 #include "Filter/ResampleFilter.h"
 #include "Foundation/BasicException.h"
@@ -390,6 +391,101 @@ TYPED_TEST(HistogramEqualizationTest, MonotoneOntoItsRange)
   oNoData.SetNoDataValue(TPixel(42));
   const auto oNoDataOut = Equalized(oNoData);
   EXPECT_EQ(ReadPixels(oNoDataOut), std::vector<TPixel>(30, oNoDataOut.GetNoDataValue()));
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Gradient orientation
+
+template <class TPolicy = SInvalidatePolicy, class TDestPixel = float, class TSrcPixel, class TTag>
+CBand<TDestPixel, TTag> Orientations(const CBand<TSrcPixel, TTag>& oSrc, unsigned nWidth, unsigned nHeight)
+{
+  CBand<TDestPixel, TTag> oDest(nWidth, nHeight);
+  CGradientOrientationFilter().Apply<TPolicy>(oDest, oSrc);
+  return oDest;
+}
+
+double AngleDistance(double a, double b)
+{
+  const double d = std::fmod(std::abs(a - b), M_PI);
+  return std::min(d, M_PI - d);
+}
+
+template <class TPixel>
+class GradientOrientationTest : public ::testing::Test
+{
+};
+using TGradientSources = ::testing::Types<unsigned char, unsigned short, short, float>;
+TYPED_TEST_SUITE(GradientOrientationTest, TGradientSources);
+
+// Ramps in eight directions and their negations, at the source's size (inner pixels: the replicated
+// edge bends the border's gradients) and reduced by 8 (inner cells).
+TYPED_TEST(GradientOrientationTest, RampsGiveTheirDirection)
+{
+  using TPixel = TypeParam;
+  const unsigned nSize = 40;
+  for (int a = -1; a <= 1; ++a)
+    for (int b = -1; b <= 1; ++b)
+    {
+      if (a == 0 && b == 0)
+        continue;
+      std::vector<TPixel> vecRamp;
+      for (unsigned y = 0; y < nSize; ++y)
+        for (unsigned x = 0; x < nSize; ++x)
+          vecRamp.push_back(TPixel(100 + a * int(x) + b * int(y)));
+      const double dExpected = std::fmod(std::atan2(double(b), double(a)) + 2 * M_PI, M_PI);
+      const auto vecFull = ReadPixels(Orientations(MakeBand<TPixel>(nSize, nSize, vecRamp), nSize, nSize));
+      for (unsigned y = 1; y + 1 < nSize; ++y)
+        for (unsigned x = 1; x + 1 < nSize; ++x)
+        {
+          ASSERT_LT(AngleDistance(vecFull[y * nSize + x], dExpected), 1e-5) << a << "," << b << " at " << x << "," << y;
+          ASSERT_GE(vecFull[y * nSize + x], 0.0f);
+          ASSERT_LT(vecFull[y * nSize + x], float(M_PI));
+        }
+      const auto vecSmall = ReadPixels(Orientations(MakeBand<TPixel>(nSize, nSize, vecRamp), 5, 5));
+      for (unsigned y = 1; y < 4; ++y)
+        for (unsigned x = 1; x < 4; ++x)
+          ASSERT_LT(AngleDistance(vecSmall[y * 5 + x], dExpected), 1e-5) << a << "," << b << " reduced";
+    }
+}
+
+// One no-data pixel in a ramp: Invalidate loses its 3 x 3 neighbourhood, SkipNonCenter the pixel
+// alone, Ignore nothing.
+TEST(GradientOrientationFilterTest, NoDataPolicies)
+{
+  const unsigned nSize = 9;
+  std::vector<float> vecRamp;
+  for (unsigned y = 0; y < nSize; ++y)
+    for (unsigned x = 0; x < nSize; ++x)
+      vecRamp.push_back(float(x + 2 * y));
+  vecRamp[4 * nSize + 4] = -1.0f;
+  auto oSrc = MakeBand<float>(nSize, nSize, vecRamp);
+  oSrc.SetNoDataValue(-1.0f);
+  const auto fnInvalid = [](const CBand<float, SMemoryTag>& oBand) {
+    const auto vec = ReadPixels(oBand);
+    return oBand.HasNoDataValue() ? std::count(vec.begin(), vec.end(), oBand.GetNoDataValue()) : 0;
+  };
+  EXPECT_EQ(fnInvalid(Orientations<SInvalidatePolicy>(oSrc, nSize, nSize)), 9);
+  EXPECT_EQ(fnInvalid(Orientations<SSkipNonCenterNoDataPolicy>(oSrc, nSize, nSize)), 1);
+  EXPECT_EQ(fnInvalid(Orientations<SIgnoreNoDataPolicy>(oSrc, nSize, nSize)), 0);
+  EXPECT_EQ(fnInvalid(Orientations<SInvalidatePolicy>(oSrc, 3, 3)), 1); // the centre cell is the lost 3 x 3
+  EXPECT_EQ(fnInvalid(Orientations<SInvalidatePolicy>(oSrc, 2, 2)), 0); // each cell keeps valid pixels
+  EXPECT_EQ(CGradientOrientationFilter().GetName(), "Gradient Orientation Resample Filter");
+}
+
+TEST(GradientOrientationFilterTest, TilesEqualMemory)
+{
+  const Orl::Test::CTileBudget oBudget(2u << 20);
+  const unsigned nW = 1100, nH = 600;
+  auto vecSrc = RandomPixels<float>(nW * nH, 21, 0.0, 50.0);
+  for (std::size_t i = 0; i < vecSrc.size(); i += 97)
+    vecSrc[i] = -1.0f;
+  auto oMem = MakeBand<float>(nW, nH, vecSrc);
+  auto oTile = MakeBand<float, STileTag>(nW, nH, vecSrc);
+  oMem.SetNoDataValue(-1.0f);
+  oTile.SetNoDataValue(-1.0f);
+  EXPECT_EQ(ReadPixels(Orientations(oMem, 407, 1300)), ReadPixels(Orientations(oTile, 407, 1300)));
+  EXPECT_EQ(ReadPixels(Orientations<SSkipNonCenterNoDataPolicy>(oMem, 133, 77)),
+            ReadPixels(Orientations<SSkipNonCenterNoDataPolicy>(oTile, 133, 77)));
 }
 
 } // namespace
