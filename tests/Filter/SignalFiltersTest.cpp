@@ -1,6 +1,7 @@
 // Fourier transforms, resampling, histogram equalization and gradient orientation: oracles and
 // properties, on memory and tile bands.
 
+#include "Filter/ColorConversionFilter.h"
 #include "Filter/Detail/RowBuffers.h"
 #include "Filter/FftFilter.h"
 #include "Filter/GradientOrientationFilter.h"
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <complex>
@@ -486,6 +488,125 @@ TEST(GradientOrientationFilterTest, TilesEqualMemory)
   EXPECT_EQ(ReadPixels(Orientations(oMem, 407, 1300)), ReadPixels(Orientations(oTile, 407, 1300)));
   EXPECT_EQ(ReadPixels(Orientations<SSkipNonCenterNoDataPolicy>(oMem, 133, 77)),
             ReadPixels(Orientations<SSkipNonCenterNoDataPolicy>(oTile, 133, 77)));
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Colour conversion
+
+template <class TPixel, class TTag = SMemoryTag>
+using TTriple = std::array<CBand<TPixel, TTag>, 3>;
+
+template <class TPixel, class TTag>
+TTriple<TPixel, TTag> Converted(EColorConversion e, const TTriple<TPixel, TTag>& aSrc)
+{
+  const unsigned nW = aSrc[0].GetWidth(), nH = aSrc[0].GetHeight();
+  TTriple<TPixel, TTag> aDest{CBand<TPixel, TTag>(nW, nH), CBand<TPixel, TTag>(nW, nH), CBand<TPixel, TTag>(nW, nH)};
+  CColorConversionFilter(e).Apply(aDest[0], aDest[1], aDest[2], aSrc[0], aSrc[1], aSrc[2]);
+  return aDest;
+}
+
+// Every 17th level of each channel, one colour per pixel, as bytes or as floats in [0, 1].
+template <class TPixel, class TTag = SMemoryTag>
+TTriple<TPixel, TTag> ColourGrid()
+{
+  std::array<std::vector<TPixel>, 3> aPixels;
+  for (int i = 0; i < 16 * 16 * 16; ++i)
+    for (int c = 0; c < 3; ++c)
+    {
+      const int nLevel = (c == 0 ? i / 256 : c == 1 ? i / 16 : i) % 16 * 17;
+      aPixels[c].push_back(std::is_integral<TPixel>::value ? TPixel(nLevel) : TPixel(nLevel / 255.0));
+    }
+  return {MakeBand<TPixel, TTag>(64, 64, aPixels[0]), MakeBand<TPixel, TTag>(64, 64, aPixels[1]),
+          MakeBand<TPixel, TTag>(64, 64, aPixels[2])};
+}
+
+TEST(ColorConversionFilterTest, ReferenceColours)
+{
+  const struct
+  {
+    const char* szName;
+    EColorConversion e;
+    std::array<float, 3> aRgb, aExpected;
+    float fTolerance;
+  } aCases[] = {
+    {"red HSV", eRgbToHsv, {1, 0, 0}, {0, 1, 1}, 1e-6f},
+    {"white HSV", eRgbToHsv, {1, 1, 1}, {0, 0, 1}, 1e-6f},
+    {"blue HSV", eRgbToHsv, {0, 0, 1}, {240, 1, 1}, 1e-4f},
+    {"red HSL", eRgbToHsl, {1, 0, 0}, {0, 1, 0.5f}, 1e-6f},
+    {"mid gray HSL", eRgbToHsl, {0.5f, 0.5f, 0.5f}, {0, 0, 0.5f}, 1e-6f},
+    {"red YCbCr", eRgbToYCbCr, {1, 0, 0}, {0.299f, -0.168736f, 0.5f}, 1e-5f},
+    {"white YCbCr", eRgbToYCbCr, {1, 1, 1}, {1, 0, 0}, 1e-5f},
+    {"red Lab", eRgbToLab, {1, 0, 0}, {53.2408f, 80.0925f, 67.2032f}, 2e-2f},
+    {"white Lab", eRgbToLab, {1, 1, 1}, {100, 0, 0}, 2e-2f},
+    {"mid gray Lab", eRgbToLab, {0.5f, 0.5f, 0.5f}, {53.3890f, 0, 0}, 2e-2f},
+  };
+  for (const auto& oCase : aCases)
+  {
+    TTriple<float> aSrc{MakeBand<float>(1, 1, {oCase.aRgb[0]}), MakeBand<float>(1, 1, {oCase.aRgb[1]}),
+                        MakeBand<float>(1, 1, {oCase.aRgb[2]})};
+    const auto aOut = Converted(oCase.e, aSrc);
+    for (int c = 0; c < 3; ++c)
+      EXPECT_NEAR(ReadPixels(aOut[c])[0], oCase.aExpected[c], oCase.fTolerance) << oCase.szName << " band " << c;
+  }
+  auto oRed = MakeBand<unsigned char>(1, 1, {255}), oZero = MakeBand<unsigned char>(1, 1, {0}), oGray = oZero;
+  CColorConversionFilter(eRgbToGray).Apply(oGray, oRed, oZero, oZero);
+  EXPECT_EQ(ReadPixels(oGray)[0], 76); // 0.299 * 255
+  EXPECT_THROW(CColorConversionFilter(eRgbToHsv).Apply(oGray, oRed, oZero, oZero), Orl::Harnel::CBasicException);
+}
+
+template <class TPixel>
+class ColorConversionTest : public ::testing::Test
+{
+};
+using TColourPixels = ::testing::Types<unsigned char, float>;
+TYPED_TEST_SUITE(ColorConversionTest, TColourPixels);
+
+TYPED_TEST(ColorConversionTest, RoundTripsWithinTheirTolerance)
+{
+  using TPixel = TypeParam;
+  const bool bBytes = std::is_integral<TPixel>::value;
+  const struct
+  {
+    EColorConversion eThere, eBack;
+    double dByteTolerance;
+  } aCases[] = {{eRgbToHsv, eHsvToRgb, 4}, {eRgbToHsl, eHslToRgb, 4}, {eRgbToYCbCr, eYCbCrToRgb, 1}, {eRgbToLab, eLabToRgb, 17}};
+  const auto aGrid = ColourGrid<TPixel>();
+  for (const auto& oCase : aCases)
+  {
+    const auto aBack = Converted(oCase.eBack, Converted(oCase.eThere, aGrid));
+    for (int c = 0; c < 3; ++c)
+    {
+      const auto vecGot = ReadPixels(aBack[c]), vecExpected = ReadPixels(aGrid[c]);
+      for (std::size_t i = 0; i < vecGot.size(); ++i)
+        ASSERT_NEAR(double(vecGot[i]), double(vecExpected[i]), bBytes ? oCase.dByteTolerance : 1e-4)
+          << "conversion " << oCase.eThere << " band " << c << " pixel " << i;
+    }
+  }
+}
+
+// No-data in one source band is no-data in all destinations; tile bands give the memory results.
+TEST(ColorConversionFilterTest, NoDataAndTiles)
+{
+  auto aMem = ColourGrid<unsigned char>();
+  auto aTile = ColourGrid<unsigned char, STileTag>();
+  aMem[1].SetNoDataValue(34);
+  aTile[1].SetNoDataValue(34);
+  const auto aOut = Converted(eRgbToLab, aMem);
+  const auto aTileOut = Converted(eRgbToLab, aTile);
+  const auto vecGreen = ReadPixels(aMem[1]);
+  for (int c = 0; c < 3; ++c)
+  {
+    const auto vecOut = ReadPixels(aOut[c]);
+    ASSERT_TRUE(aOut[c].HasNoDataValue());
+    for (std::size_t i = 0; i < vecOut.size(); ++i)
+    {
+      if (vecGreen[i] == 34)
+      {
+        ASSERT_EQ(vecOut[i], aOut[c].GetNoDataValue()) << "band " << c << " pixel " << i;
+      }
+    }
+    EXPECT_EQ(vecOut, ReadPixels(aTileOut[c]));
+  }
 }
 
 } // namespace
