@@ -60,10 +60,11 @@ struct SCopyReference
     float* pBuffer = m_vecBuffer.data();
     float* pDest = m_oDest.GetRep().GetDataLocation();
     const auto fnPass = [](const float* pFrom, float* pTo) {
-      tbb::parallel_for(tbb::blocked_range<std::size_t>(0, ms_nSize, 16), [&](const tbb::blocked_range<std::size_t>& r) {
-        for (std::size_t i = r.begin() * ms_nSize; i < r.end() * ms_nSize; ++i)
-          pTo[i] = pFrom[i];
-      });
+      tbb::parallel_for(tbb::blocked_range<std::size_t>(0, ms_nSize, 16),
+                        [&](const tbb::blocked_range<std::size_t>& r) {
+                          for (std::size_t i = r.begin() * ms_nSize; i < r.end() * ms_nSize; ++i)
+                            pTo[i] = pFrom[i];
+                        });
       benchmark::ClobberMemory();
     };
     fnPass(pSrc, pBuffer);
@@ -75,7 +76,8 @@ struct SCopyReference
 struct SFftwReference
 {
   float* m_pIn = static_cast<float*>(fftwf_malloc(sizeof(float) * ms_nPixels));
-  fftwf_complex* m_pOut = static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * ms_nSize * (ms_nSize / 2 + 1)));
+  fftwf_complex* m_pOut =
+    static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * ms_nSize * (ms_nSize / 2 + 1)));
   fftwf_plan m_pPlan;
 
   SFftwReference()
@@ -177,8 +179,10 @@ BENCHMARK(BM_FftForward)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_FftReverse)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ResampleHalf)->Arg(eResampleCubic)->Arg(eResampleBilinear)->Arg(eResampleLanczos3)->Arg(eResampleAverage)
   ->ArgName("kernel")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_TEMPLATE(BM_Equalization, float)->Arg(1)->Arg(0)->ArgName("histogram")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_TEMPLATE(BM_Equalization, unsigned char)->Arg(1)->Arg(0)->ArgName("histogram")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Equalization, float)
+  ->Arg(1)->Arg(0)->ArgName("histogram")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_Equalization, unsigned char)
+  ->Arg(1)->Arg(0)->ArgName("histogram")->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_GradientOrientation)->Arg(1)->Arg(4)->ArgName("reduction")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace

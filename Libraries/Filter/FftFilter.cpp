@@ -8,12 +8,13 @@
 // reverse pass keeps its column results in two bands of the sources' storage kind, (Nx / 2 + 1) x height.
 //
 // Columns go in strips as wide as a tile: the strip is read row by row into a column-major buffer
-// (each column padded to 64 bytes, so every column start has the alignment the plan was made with),
-// transformed column by column and written back the same way. A strip then costs one pass over a
-// column of tiles, and a band larger than memory streams through the tile cache.
+// (each column padded to a multiple of 64 bytes, so that every column start has the alignment the
+// plans were made with), transformed column by column and written back the same way. A strip then
+// costs one pass over a column of tiles, and a band larger than memory streams through the tile
+// cache.
 //
 // Plans: one per kind and length, made on first use with FFTW_MEASURE under a lock (the planner is
-// not thread-safe) and kept for the process. Tasks execute them on their own buffers through the
+// not thread-safe) and kept until the process ends. Tasks execute them on their own buffers through the
 // new-array functions, which are thread-safe.
 
 #include "Filter/FftFilter.h"
@@ -59,6 +60,7 @@ struct SFftw<float>
   static void R2C(TPlan p, float* pIn, TComplex* pOut) { fftwf_execute_dft_r2c(p, pIn, pOut); }
   static void C2R(TPlan p, TComplex* pIn, float* pOut) { fftwf_execute_dft_c2r(p, pIn, pOut); }
   static void C2C(TPlan p, TComplex* pInOut) { fftwf_execute_dft(p, pInOut, pInOut); }
+  static void Destroy(TPlan p) { fftwf_destroy_plan(p); }
 };
 
 template <>
@@ -74,6 +76,7 @@ struct SFftw<double>
   static void R2C(TPlan p, double* pIn, TComplex* pOut) { fftw_execute_dft_r2c(p, pIn, pOut); }
   static void C2R(TPlan p, TComplex* pIn, double* pOut) { fftw_execute_dft_c2r(p, pIn, pOut); }
   static void C2C(TPlan p, TComplex* pInOut) { fftw_execute_dft(p, pInOut, pInOut); }
+  static void Destroy(TPlan p) { fftw_destroy_plan(p); }
 };
 
 // An array from FFTW's allocator: aligned as FFTW's plans like it.
@@ -81,7 +84,8 @@ template <class T, class TReal>
 class CFftBuffer
 {
 public:
-  explicit CFftBuffer(std::size_t nCount) : m_p(static_cast<T*>(SFftw<TReal>::Malloc(sizeof(T) * (nCount ? nCount : 1))))
+  explicit CFftBuffer(std::size_t nCount)
+    : m_p(static_cast<T*>(SFftw<TReal>::Malloc(sizeof(T) * (nCount ? nCount : 1))))
   {
     if (!m_p)
       throw std::bad_alloc();
@@ -100,10 +104,21 @@ typename SFftw<TReal>::TPlan GetPlan(EPlanKind eKind, int nLength)
 {
   using TFftw = SFftw<TReal>;
   using TComplex = typename TFftw::TComplex;
-  static std::map<std::pair<int, int>, typename TFftw::TPlan> s_mapPlans;
+  // The plans live until the process ends, and go with it.
+  struct SPlans
+  {
+    std::map<std::pair<int, int>, typename TFftw::TPlan> m_map;
+    ~SPlans()
+    {
+      for (const auto& oEntry : m_map)
+        if (oEntry.second)
+          TFftw::Destroy(oEntry.second);
+    }
+  };
+  static SPlans s_oPlans;
 
   std::lock_guard<std::mutex> oLock(g_oPlanMutex);
-  auto& pPlan = s_mapPlans[std::make_pair(int(eKind), nLength)];
+  auto& pPlan = s_oPlans.m_map[std::make_pair(int(eKind), nLength)];
   if (!pPlan)
   {
     // Measuring overwrites the arrays: scratch ones, of the alignment of every buffer used later.
@@ -123,11 +138,11 @@ typename SFftw<TReal>::TPlan GetPlan(EPlanKind eKind, int nLength)
   return pPlan;
 }
 
-// Complex values per column of a strip buffer: a multiple of 4, so that every column starts 32 bytes
-// (float) or 64 bytes (double) after the buffer's aligned start.
+// Complex values per column of a strip buffer: a multiple of 8, so that every column starts a
+// multiple of 64 bytes after the buffer's aligned start, the widest SIMD alignment FFTW may plan for.
 inline std::size_t ColumnStride(int nLength)
 {
-  return (std::size_t(nLength) + 3) & ~std::size_t(3);
+  return (std::size_t(nLength) + 7) & ~std::size_t(7);
 }
 
 // Columns per strip: a tile's width on tile bands (half the block hint), a few cache lines on memory.

@@ -30,7 +30,9 @@ inline unsigned int FftSize(unsigned int nSize)
 //
 // Float and double bands; destination and source of one pixel type, all three of one storage tag.
 // Rows are transformed first, then columns in strips as wide as a tile, through the destinations,
-// so a tile band larger than memory can be transformed. FFTW does the one-dimensional transforms.
+// so a tile band larger than memory can be transformed. FFTW does the one-dimensional transforms;
+// its plans are made on the first call for each length, under a lock of this library's own: other
+// code of the process that plans with FFTW must not do so at the same time.
 class CFftForwardFilter : public Detail::CBandFilterBase
 {
 public:

@@ -41,13 +41,15 @@ struct SGradientNoData<SIgnoreNoDataPolicy>
 // the right and y down the rows. Per destination pixel, the orientation of the gradients of the
 // source pixels its cell covers (area weights, as the average resampling kernel), averaged as
 // doubled-angle vectors weighted by the squared magnitude, so opposite gradients add up instead of
-// cancelling: with gx, gy summed as (gx^2 - gy^2, 2 gx gy), the result is half the angle of the sum,
-// in radians in [0, pi): 0 along x, pi / 2 along y. A cell without any gradient gives 0.
+// cancelling: each gradient (gx, gy) enters the sum as (gx^2 - gy^2, 2 gx gy), and the result is
+// half the angle of the sum, in radians in [0, pi): 0 along x, pi / 2 along y. A cell without any
+// gradient gives 0.
 //
-// No-data (the source's no-data value, and NaN): TPolicy is SInvalidatePolicy (default: a pixel whose
-// neighbourhood holds no-data has no gradient), SSkipNonCenterNoDataPolicy (no-data neighbours take
-// the centre's value, a no-data centre has no gradient) or SIgnoreNoDataPolicy. A cell whose pixels
-// all lack a gradient gets the destination's no-data value (its own, else the type's hint), and the
+// No-data (the source's no-data value, and NaN): TPolicy is SInvalidatePolicy (default: a pixel
+// whose neighbourhood holds no-data has no gradient), SSkipNonCenterNoDataPolicy (no-data neighbours
+// take the centre's value, a no-data centre has no gradient) or SIgnoreNoDataPolicy (no-data values
+// count as values; a NaN or infinite gradient is still dropped). A cell whose pixels all lack a
+// gradient gets the destination's no-data value (its own, else the type's hint), and the
 // destination then gets that value.
 //
 // Instances: float destinations from unsigned char, unsigned short, short and float sources; double

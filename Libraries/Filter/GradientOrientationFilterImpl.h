@@ -30,7 +30,10 @@ void GradientOrientationRows(const TSrcIt& itSrc, const TDestIt& itDest, EGradie
 {
   const auto oTapsX = MakeResampleTaps<TAcc>(eResampleAverage, nSrcWidth, nWidth);
   const auto oTapsY = MakeResampleTaps<TAcc>(eResampleAverage, nSrcHeight, nHeight);
-  const bool bUseNoData = eMode != eGradientIgnore && (bHasNoData || std::is_floating_point<TSrcPixel>::value);
+  // The masked path only where it is needed: without a no-data value, NaN under the invalidating
+  // policy shows in the sums themselves (the centre joins them times 0), so the plain path drops it.
+  const bool bUseNoData = eMode != eGradientIgnore &&
+                          (bHasNoData || (eMode == eGradientSkipNonCenter && std::is_floating_point<TSrcPixel>::value));
   const int nBlock = 32;
   ParallelBlocks((nHeight + nBlock - 1) / nBlock, 1, [&](int nBlockBegin, int nBlockEnd) {
     const int nY0 = nBlockBegin * nBlock, nY1 = std::min(nHeight, nBlockEnd * nBlock);
@@ -86,9 +89,11 @@ void GradientOrientationRows(const TSrcIt& itSrc, const TDestIt& itDest, EGradie
         {
           const TAcc gx = (pU[x + 1] - pU[x - 1]) + 2 * (pM[x + 1] - pM[x - 1]) + (pD[x + 1] - pD[x - 1]);
           const TAcc gy = (pD[x - 1] - pU[x - 1]) + 2 * (pD[x] - pU[x]) + (pD[x + 1] - pU[x + 1]);
-          vecA[x - 1] = gx * gx - gy * gy;
-          vecB[x - 1] = 2 * gx * gy;
-          vecW[x - 1] = 1;
+          const TAcc tCheck = gx + gy + TAcc(0) * pM[x];
+          const bool bValid = tCheck == tCheck;
+          vecA[x - 1] = bValid ? gx * gx - gy * gy : TAcc(0);
+          vecB[x - 1] = bValid ? 2 * gx * gy : TAcc(0);
+          vecW[x - 1] = bValid ? TAcc(1) : TAcc(0);
         }
       }
       else

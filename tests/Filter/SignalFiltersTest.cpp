@@ -63,7 +63,9 @@ TEST(FftFilterTest, PaddedSizes)
   const struct
   {
     unsigned nIn, nOut;
-  } aCases[] = {{0, 1}, {1, 1}, {2, 2}, {3, 4}, {5, 8}, {1000, 1024}, {1024, 1024}, {1025, 2048}, {2147483648u, 2147483648u}};
+  } aCases[] = {{0, 1},       {1, 1},       {2, 2},       {3, 4},
+                {5, 8},       {1000, 1024}, {1024, 1024}, {1025, 2048},
+                {2147483648u, 2147483648u}};
   for (const auto& oCase : aCases)
   {
     EXPECT_EQ(CFftForwardFilter::GetFftSize(oCase.nIn), oCase.nOut) << oCase.nIn;
@@ -230,7 +232,8 @@ TYPED_TEST(ResampleTest, CopiesAtTheSameSizeKeepsConstantsAndAveragesBlocks)
   for (unsigned y = 0; y < nH; y += 2)
     for (unsigned x = 0; x < nW; x += 2)
       vecMeans.push_back(Orl::Ostrel::Filter::Detail::ToPixel<TPixel>(
-        (double(vecSrc[y * nW + x]) + vecSrc[y * nW + x + 1] + vecSrc[y * nW + nW + x] + vecSrc[y * nW + nW + x + 1]) / 4));
+        (double(vecSrc[y * nW + x]) + vecSrc[y * nW + x + 1] + vecSrc[y * nW + nW + x] + vecSrc[y * nW + nW + x + 1]) /
+        4));
   ExpectClose(Resampled(eResampleAverage, oSrc, nW / 2, nH / 2), vecMeans, "means of 2 x 2");
 }
 
@@ -343,7 +346,11 @@ TEST(HistogramEqualizationFilterTest, UnsignedCharIsTheClassicDefinitionOnMemory
   const unsigned long nN = vecCdf[255], nCdfMin = vecCdf[3];
   std::vector<unsigned char> vecExpected;
   for (unsigned char t : vecSrc)
-    vecExpected.push_back(t == 90 ? SNoDataValueHint<unsigned char>::ms_tNoDataValue : (unsigned char)std::round(double(vecCdf[t] - nCdfMin) / double(nN - nCdfMin) * 255.0));
+  {
+    const double dShare = double(vecCdf[t] - nCdfMin) / double(nN - nCdfMin);
+    vecExpected.push_back(t == 90 ? SNoDataValueHint<unsigned char>::ms_tNoDataValue
+                                  : (unsigned char)std::round(dShare * 255.0));
+  }
 
   const auto oMemOut = Equalized(oMem);
   EXPECT_EQ(ReadPixels(oMemOut), vecExpected);
@@ -569,7 +576,8 @@ TYPED_TEST(ColorConversionTest, RoundTripsWithinTheirTolerance)
   {
     EColorConversion eThere, eBack;
     double dByteTolerance;
-  } aCases[] = {{eRgbToHsv, eHsvToRgb, 4}, {eRgbToHsl, eHslToRgb, 4}, {eRgbToYCbCr, eYCbCrToRgb, 1}, {eRgbToLab, eLabToRgb, 17}};
+  } aCases[] = {
+    {eRgbToHsv, eHsvToRgb, 4}, {eRgbToHsl, eHslToRgb, 4}, {eRgbToYCbCr, eYCbCrToRgb, 1}, {eRgbToLab, eLabToRgb, 17}};
   const auto aGrid = ColourGrid<TPixel>();
   for (const auto& oCase : aCases)
   {
