@@ -58,6 +58,7 @@ void GradientOrientationRows(const TSrcIt& itSrc, const TDestIt& itDest, EGradie
   // policy shows in the sums themselves (the centre joins them times 0), so the plain path drops it.
   const bool bUseNoData = eMode != eGradientIgnore &&
                           (bHasNoData || (eMode == eGradientSkipNonCenter && std::is_floating_point<TSrcPixel>::value));
+  const bool bSameWidth = nWidth == nSrcWidth;
   const int nBlock = 32;
   ParallelBlocks((nHeight + nBlock - 1) / nBlock, 1, [&](int nBlockBegin, int nBlockEnd) {
     const int nY0 = nBlockBegin * nBlock, nY1 = std::min(nHeight, nBlockEnd * nBlock);
@@ -107,6 +108,10 @@ void GradientOrientationRows(const TSrcIt& itSrc, const TDestIt& itDest, EGradie
       const TAcc* pU = vecWindow.data() + nUp;
       const TAcc* pM = vecWindow.data() + nMid;
       const TAcc* pD = vecWindow.data() + nDown;
+      // At the source's width the horizontal taps are the identity: write the sums' rows directly.
+      TAcc* const pA = bSameWidth ? vecRows.data() + std::size_t(r) * nWidth : vecA.data();
+      TAcc* const pB = bSameWidth ? vecRows.data() + nChannel + std::size_t(r) * nWidth : vecB.data();
+      TAcc* const pW = bSameWidth ? vecRows.data() + 2 * nChannel + std::size_t(r) * nWidth : vecW.data();
       if (!bUseNoData)
       {
         for (int x = 1; x <= nSrcWidth; ++x)
@@ -115,9 +120,9 @@ void GradientOrientationRows(const TSrcIt& itSrc, const TDestIt& itDest, EGradie
           const TAcc gy = (pD[x - 1] - pU[x - 1]) + 2 * (pD[x] - pU[x]) + (pD[x + 1] - pU[x + 1]);
           const TAcc tCheck = gx + gy + TAcc(0) * pM[x];
           const bool bValid = tCheck == tCheck;
-          vecA[x - 1] = bValid ? gx * gx - gy * gy : TAcc(0);
-          vecB[x - 1] = bValid ? 2 * gx * gy : TAcc(0);
-          vecW[x - 1] = bValid ? TAcc(1) : TAcc(0);
+          pA[x - 1] = bValid ? gx * gx - gy * gy : TAcc(0);
+          pB[x - 1] = bValid ? 2 * gx * gy : TAcc(0);
+          pW[x - 1] = bValid ? TAcc(1) : TAcc(0);
         }
       }
       else
@@ -137,14 +142,17 @@ void GradientOrientationRows(const TSrcIt& itSrc, const TDestIt& itDest, EGradie
                                 ? mM[x] != 0
                                 : (mU[x - 1] & mU[x] & mU[x + 1] & mM[x - 1] & mM[x] & mM[x + 1] & mD[x - 1] & mD[x] &
                                    mD[x + 1]) != 0;
-          vecA[x - 1] = bValid ? gx * gx - gy * gy : TAcc(0);
-          vecB[x - 1] = bValid ? 2 * gx * gy : TAcc(0);
-          vecW[x - 1] = bValid ? TAcc(1) : TAcc(0);
+          pA[x - 1] = bValid ? gx * gx - gy * gy : TAcc(0);
+          pB[x - 1] = bValid ? 2 * gx * gy : TAcc(0);
+          pW[x - 1] = bValid ? TAcc(1) : TAcc(0);
         }
       }
-      ApplyTaps(oTapsX, vecA.data(), vecRows.data() + std::size_t(r) * nWidth, nWidth);
-      ApplyTaps(oTapsX, vecB.data(), vecRows.data() + nChannel + std::size_t(r) * nWidth, nWidth);
-      ApplyTaps(oTapsX, vecW.data(), vecRows.data() + 2 * nChannel + std::size_t(r) * nWidth, nWidth);
+      if (!bSameWidth)
+      {
+        ApplyTaps(oTapsX, vecA.data(), vecRows.data() + std::size_t(r) * nWidth, nWidth);
+        ApplyTaps(oTapsX, vecB.data(), vecRows.data() + nChannel + std::size_t(r) * nWidth, nWidth);
+        ApplyTaps(oTapsX, vecW.data(), vecRows.data() + 2 * nChannel + std::size_t(r) * nWidth, nWidth);
+      }
     }
 
     CRowCursor<TDestIt> oDestRows(itDest, 0, nWidth);
