@@ -99,19 +99,6 @@ TEST(LinearFillHoleFilter, ReachAndMinimumDirections)
   EXPECT_EQ(Fill(oCase, 1, 0.0f).m_vecPixels[1], INT32_MIN);
 }
 
-// In mask mode a source no-data pixel that the mask leaves alone stays no-data and does not lengthen
-// the lines through it; a valid pixel that the mask selects is replaced and feeds nobody.
-TEST(LinearFillHoleFilter, MaskSkipsAndOverrides)
-{
-  auto oCase = Row<short>({10, -1, 30, 50, 70}, -1);
-  oCase.m_vecMask = {1, 1, 0, 0, 1}; // 0, the marker of a mask without no-data value, selects
-  oCase.m_oDestNoData = -5;
-  const auto oResult = Fill(oCase, 2, 1.0f, true);
-  EXPECT_EQ(oResult.m_vecPixels, (std::vector<short>{10, -5, -5, -5, 70}));
-  EXPECT_EQ(oResult.m_oNoData, -5);
-  EXPECT_EQ(Fill(oCase, 1, 1.0f, true).m_vecPixels, (std::vector<short>{10, -5, 10, 70, 70}));
-}
-
 // Bands of different sizes work on the common rectangle; the rest of the destination is untouched.
 TEST(LinearFillHoleFilter, CommonRectangleAndLogger)
 {
