@@ -27,7 +27,8 @@ public:
   using TRep = typename Detail::SRepresentation<TPixel, TTag>::type;
   using TRect = Pravik::GraphObject2d::CRect<unsigned int>;
 
-  // Any size, zero included. A failed allocation leaves by the allocator's exception and no band.
+  // Any size below 2^31 - 1 on each side, zero included; larger sides throw CBasicException. A failed
+  // allocation leaves by the allocator's exception and no band.
   CBand(unsigned int nWidth, unsigned int nHeight)
     : m_oRect(0, 0, nWidth, nHeight), m_pRep(boost::make_shared<TRep>(nWidth, nHeight))
   {
@@ -123,14 +124,14 @@ public:
   {
     return _Cache(bApproximate, pLogger).GetMode();
   }
-  // dPercent in [0, 100].
+  // dPercent in [0, 100]; outside it, or NaN, throws CBasicException before anything is computed.
   double GetPercentile(double dPercent, bool bApproximate = false, TLoggerPtr pLogger = TLoggerPtr()) const
   {
     return _Cache(bApproximate, pLogger).GetPercentile(dPercent);
   }
 
-  // The number of histogram bins asked for (1024 unless set); at least 1. A change drops the cached
-  // histogram, median and mode.
+  // The number of histogram bins asked for (1024 unless set); 0 throws CBasicException and keeps the
+  // number set before. A change drops the cached histogram, median and mode.
   void SetHistogramBins(unsigned int nBins)
   {
     Detail::CCachedStatistics<TRep>::SetHistogramBins(m_pRep->GetStatistics(), nBins);

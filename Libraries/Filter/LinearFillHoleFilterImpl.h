@@ -133,7 +133,6 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
   }
 
   oTables.Reset();
-  oHoles.EndForward();
   const auto oSrcIts = oSrc.GetBandIterators(oSrcRect);
   const auto oMaskIts = oMask.GetBandIterators(oMaskRect);
   const auto oDestIts = oDest.GetBandIterators(oDestRect);

@@ -86,7 +86,7 @@ SResult<TPixel> Fill(const SCase<TPixel, unsigned char>& oCase, unsigned nMin, f
   return RunFilter<SMemoryTag>(oCase, SParams{nMin, fMaxDistance, bMask, false, 0, 0});
 }
 
-TEST(LinearFillHoleFilter, ReachMinimumDirectionsAndBorders)
+TEST(LinearFillHoleFilter, ReachAndMinimumDirections)
 {
   const auto oThree = Row<unsigned short>({10, 0, 0, 0, 20}, 0);
   EXPECT_EQ(Fill(oThree, 1, 3.0f).m_vecPixels, (std::vector<unsigned short>{10, 12, 15, 17, 20}));
@@ -97,35 +97,6 @@ TEST(LinearFillHoleFilter, ReachMinimumDirectionsAndBorders)
   EXPECT_EQ(oTooFew.m_vecPixels, (std::vector<int>{4, INT32_MIN, 9}));
   EXPECT_EQ(oTooFew.m_oNoData, INT32_MIN); // the hint, as the destination had none
   EXPECT_EQ(Fill(oCase, 1, 0.0f).m_vecPixels[1], INT32_MIN);
-
-  // Zero directions asked: a hole without any contribution computes 0 / 0, and no no-data is noted.
-  const auto oNaNInt = Fill(Row<int>({-9}, -9), 0, 5.0f);
-  EXPECT_EQ(oNaNInt.m_vecPixels[0], INT32_MIN);
-  EXPECT_FALSE(oNaNInt.m_oNoData);
-  EXPECT_EQ(Fill(Row<unsigned int>({5}, 5), 0, 5.0f).m_vecPixels[0], 0u);
-  EXPECT_TRUE(std::isnan(Fill(Row<float>({NAN}, 0), 0, 5.0f).m_vecPixels[0]));
-
-  // Border holes see at most five lines, corner holes three.
-  const auto oBorders = Row<float>({INFINITY, 1, 1, 1, 1, 1, 1, INFINITY, 1}, 0, 3);
-  for (unsigned int nMin = 1; nMin <= 6; ++nMin)
-  {
-    const auto oResult = Fill(oBorders, nMin, 2.0f);
-    EXPECT_EQ(oResult.m_vecPixels[0] == 1.0f, nMin <= 3) << nMin;
-    EXPECT_EQ(oResult.m_vecPixels[7] == 1.0f, nMin <= 5) << nMin;
-  }
-}
-
-// In mask mode a source no-data pixel that the mask leaves alone stays no-data and does not lengthen
-// the lines through it; a valid pixel that the mask selects is replaced and feeds nobody.
-TEST(LinearFillHoleFilter, MaskSkipsAndOverrides)
-{
-  auto oCase = Row<short>({10, -1, 30, 50, 70}, -1);
-  oCase.m_vecMask = {1, 1, 0, 0, 1}; // 0, the marker of a mask without no-data value, selects
-  oCase.m_oDestNoData = -5;
-  const auto oResult = Fill(oCase, 2, 1.0f, true);
-  EXPECT_EQ(oResult.m_vecPixels, (std::vector<short>{10, -5, -5, -5, 70}));
-  EXPECT_EQ(oResult.m_oNoData, -5);
-  EXPECT_EQ(Fill(oCase, 1, 1.0f, true).m_vecPixels, (std::vector<short>{10, -5, 10, 70, 70}));
 }
 
 // Bands of different sizes work on the common rectangle; the rest of the destination is untouched.
@@ -193,22 +164,20 @@ TYPED_TEST(LinearFillHoleTagTest, BadArgumentsAreRefusedBeforeAPixelIsWritten)
 TYPED_TEST(LinearFillHoleTagTest, HoleListGivesBackInReverseAndGrowsWithTheHoles)
 {
   using TList = Orl::Ostrel::Filter::Detail::CHoleList<TypeParam>;
-  using Orl::Ostrel::Filter::Detail::SHoleSums;
-  for (const std::uint32_t nEntries : {0u, 1u, 1024u, 1025u, TList::ms_nWidth * TList::ms_nChunkRows + 3})
+  constexpr std::uint32_t nChunk = TList::ms_nWidth * TList::ms_nChunkRows;
+  for (const std::uint32_t nEntries : {0u, 1u, 1024u, 1025u, nChunk + 3})
   {
     TList oList(std::numeric_limits<std::uint32_t>::max()); // a bound far beyond memory
+    Orl::Ostrel::Filter::Detail::CHoleAppender<TypeParam> oAppender(oList);
     for (std::uint32_t n = 0; n < nEntries; ++n)
-      oList.Append(SHoleSums{float(n), -float(n), n % 9});
-    EXPECT_EQ(oList.GetChunkCount(), (nEntries + TList::ms_nWidth * TList::ms_nChunkRows - 1) /
-                                       (TList::ms_nWidth * TList::ms_nChunkRows))
-      << nEntries;
-    oList.EndForward();
+      oAppender.Append({float(n), -float(n), n % 9});
+    EXPECT_EQ(oList.GetChunkCount(), (nEntries + nChunk - 1) / nChunk) << nEntries;
+    oList.EndForward(nEntries);
+    Orl::Ostrel::Filter::Detail::CHoleTaker<TypeParam> oTaker(oList);
     for (std::uint32_t n = nEntries; n-- != 0;)
     {
-      const SHoleSums oSums = oList.TakeBack();
-      ASSERT_EQ(oSums.m_fWeights, float(n)) << nEntries;
-      ASSERT_EQ(oSums.m_fValues, -float(n)) << nEntries;
-      ASSERT_EQ(oSums.m_nCount, n % 9) << nEntries;
+      const auto oSums = oTaker.TakeBack();
+      ASSERT_TRUE(oSums.m_fWeights == float(n) && oSums.m_fValues == -float(n) && oSums.m_nCount == n % 9) << n;
     }
   }
 }

@@ -39,44 +39,69 @@ public:
   static constexpr std::uint32_t ms_nWidth = 1024;
   static constexpr std::uint32_t ms_nChunkRows = 256;
 
+  // One row of entries, ms_nWidth of them for writing, m_nEntries for reading.
+  struct SRowOut
+  {
+    float* m_pWeights;
+    float* m_pValues;
+    unsigned char* m_pCounts;
+  };
+  struct SRowIn
+  {
+    const float* m_pWeights;
+    const float* m_pValues;
+    const unsigned char* m_pCounts;
+    std::uint32_t m_nEntries;
+  };
+
   // Room for nMaxHoles entries; nothing is made yet.
   explicit CHoleList(std::uint32_t nMaxHoles) : m_nMaxHoles(nMaxHoles) {}
 
   std::uint32_t GetMaxHoles() const { return m_nMaxHoles; }
-  std::uint64_t GetSize() const { return m_nSize; }
   // Chunks made so far: what the list holds in memory or in tiles.
   std::size_t GetChunkCount() const { return m_vecChunks.size(); }
 
-  // Forward sweep: appends an entry. The caller keeps to GetMaxHoles() entries.
-  void Append(const SHoleSums& oSums)
+  // Forward: stores the row written so far, if any, and gives the next one, making its chunk when
+  // the row is a chunk's first. Out of line: once per ms_nWidth entries, and kept out of the sweeps'
+  // loops.
+  __attribute__((noinline)) SRowOut NextRow()
   {
-    assert(m_nSize < m_nMaxHoles);
-    if (m_nInRow == ms_nWidth)
-      _NextRow();
-    m_pWeights[m_nInRow] = oSums.m_fWeights;
-    m_pValues[m_nInRow] = oSums.m_fValues;
-    m_pCounts[m_nInRow] = static_cast<unsigned char>(oSums.m_nCount);
-    ++m_nInRow;
-    ++m_nSize;
+    _EndWrite();
+    const std::uint64_t nRow = m_nRows++;
+    if (nRow % ms_nChunkRows == 0)
+    {
+      // As many rows as the bound can still need, at most a chunk's.
+      const std::uint64_t nRowsLeft = (std::uint64_t(m_nMaxHoles) + ms_nWidth - 1) / ms_nWidth - nRow;
+      const unsigned nRows = unsigned(std::min<std::uint64_t>(ms_nChunkRows, nRowsLeft));
+      m_vecChunks.push_back(SChunk{TWeightBand(ms_nWidth, nRows), TWeightBand(ms_nWidth, nRows),
+                                   TCountBand(ms_nWidth, nRows)});
+    }
+    SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
+    return SRowOut{m_oWeights.BeginWrite(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), ms_nWidth),
+                   m_oValues.BeginWrite(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), ms_nWidth),
+                   m_oCounts.BeginWrite(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), ms_nWidth)};
   }
 
-  // Between the sweeps: stores the last row written and turns the list round.
-  void EndForward()
+  // Between the sweeps: stores the last row; nSize entries were written.
+  void EndForward(std::uint64_t nSize)
   {
-    m_oWeights.EndWrite();
-    m_oValues.EndWrite();
-    m_oCounts.EndWrite();
-    m_nRow = (m_nSize + ms_nWidth - 1) / ms_nWidth;
-    m_nInRow = 0;
+    assert(nSize <= m_nRows * ms_nWidth && nSize + ms_nWidth > m_nRows * ms_nWidth);
+    _EndWrite();
+    m_nSize = nSize;
   }
 
-  // Backward sweep: the entry before the last one taken, starting from the last one appended.
-  SHoleSums TakeBack()
+  // Backward: the row before the last one given (at first the last row), with the entries written
+  // to it: the last row may be partly filled, and only its entries are read.
+  __attribute__((noinline)) SRowIn PreviousRow()
   {
-    if (m_nInRow == 0)
-      _PreviousRow();
-    --m_nInRow;
-    return SHoleSums{m_pcWeights[m_nInRow], m_pcValues[m_nInRow], m_pcCounts[m_nInRow]};
+    assert(m_nRows != 0 && "more entries taken back than appended");
+    const std::uint64_t nRow = --m_nRows;
+    const std::uint32_t nEntries = std::uint32_t(std::min<std::uint64_t>(ms_nWidth, m_nSize - nRow * ms_nWidth));
+    const SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
+    return SRowIn{m_oReadWeights.Read(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), nEntries),
+                  m_oReadValues.Read(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), nEntries),
+                  m_oReadCounts.Read(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), nEntries),
+                  nEntries};
   }
 
 private:
@@ -98,59 +123,76 @@ private:
 
   static TRect _Row(std::uint64_t nRow) { return TRect(0, unsigned(nRow % ms_nChunkRows), ms_nWidth, 1); }
 
-  void _NextRow()
+  void _EndWrite()
   {
     m_oWeights.EndWrite();
     m_oValues.EndWrite();
     m_oCounts.EndWrite();
-    const std::uint64_t nRow = m_nSize / ms_nWidth;
-    if (nRow % ms_nChunkRows == 0)
-    {
-      // As many rows as the bound can still need, at most a chunk's.
-      const std::uint64_t nRowsLeft = (std::uint64_t(m_nMaxHoles) + ms_nWidth - 1) / ms_nWidth - nRow;
-      const unsigned nRows = unsigned(std::min<std::uint64_t>(ms_nChunkRows, nRowsLeft));
-      m_vecChunks.push_back(SChunk{TWeightBand(ms_nWidth, nRows), TWeightBand(ms_nWidth, nRows),
-                                   TCountBand(ms_nWidth, nRows)});
-    }
-    SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
-    m_pWeights = m_oWeights.BeginWrite(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), ms_nWidth);
-    m_pValues = m_oValues.BeginWrite(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), ms_nWidth);
-    m_pCounts = m_oCounts.BeginWrite(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), ms_nWidth);
-    m_nInRow = 0;
-  }
-
-  // Reads only the entries that were written: the last row may be partly filled.
-  void _PreviousRow()
-  {
-    assert(m_nRow != 0 && "more entries taken back than appended");
-    const std::uint64_t nRow = --m_nRow;
-    const std::uint32_t nEntries = std::uint32_t(std::min<std::uint64_t>(ms_nWidth, m_nSize - nRow * ms_nWidth));
-    const SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
-    m_pcWeights = m_oReadWeights.Read(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), nEntries);
-    m_pcValues = m_oReadValues.Read(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), nEntries);
-    m_pcCounts = m_oReadCounts.Read(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), nEntries);
-    m_nInRow = nEntries;
   }
 
   const std::uint32_t m_nMaxHoles;
+  std::uint64_t m_nRows = 0; // forward: rows given; backward: rows not yet taken back
   std::uint64_t m_nSize = 0;
-  std::uint32_t m_nInRow = ms_nWidth; // the forward sweep starts a row at its first entry
-  std::uint64_t m_nRow = 0;           // backward: the row after the one being read
   std::vector<SChunk> m_vecChunks;
 
+  // Declared after the chunks: the iterators they keep go first.
   TWriter<TWeightBand> m_oWeights;
   TWriter<TWeightBand> m_oValues;
   TWriter<TCountBand> m_oCounts;
-  float* m_pWeights = nullptr;
-  float* m_pValues = nullptr;
-  unsigned char* m_pCounts = nullptr;
-
   TReader<TWeightBand> m_oReadWeights;
   TReader<TWeightBand> m_oReadValues;
   TReader<TCountBand> m_oReadCounts;
-  const float* m_pcWeights = nullptr;
-  const float* m_pcValues = nullptr;
-  const unsigned char* m_pcCounts = nullptr;
+};
+
+// The sweeps' positions in the list. Locals of a sweep, so that the row pointers stay in registers
+// (the list itself is reached through a reference, and every byte store may alias it).
+template <class TTag>
+class CHoleAppender
+{
+public:
+  explicit CHoleAppender(CHoleList<TTag>& oList) : m_oList(oList) {}
+
+  void Append(const SHoleSums& oSums)
+  {
+    if (m_nInRow == CHoleList<TTag>::ms_nWidth)
+    {
+      m_oRow = m_oList.NextRow();
+      m_nInRow = 0;
+    }
+    m_oRow.m_pWeights[m_nInRow] = oSums.m_fWeights;
+    m_oRow.m_pValues[m_nInRow] = oSums.m_fValues;
+    m_oRow.m_pCounts[m_nInRow] = static_cast<unsigned char>(oSums.m_nCount);
+    ++m_nInRow;
+  }
+
+private:
+  CHoleList<TTag>& m_oList;
+  typename CHoleList<TTag>::SRowOut m_oRow{};
+  std::uint32_t m_nInRow = CHoleList<TTag>::ms_nWidth;
+};
+
+template <class TTag>
+class CHoleTaker
+{
+public:
+  explicit CHoleTaker(CHoleList<TTag>& oList) : m_oList(oList) {}
+
+  // The entry before the last one taken, starting from the last one appended.
+  SHoleSums TakeBack()
+  {
+    if (m_nInRow == 0)
+    {
+      m_oRow = m_oList.PreviousRow();
+      m_nInRow = m_oRow.m_nEntries;
+    }
+    --m_nInRow;
+    return SHoleSums{m_oRow.m_pWeights[m_nInRow], m_oRow.m_pValues[m_nInRow], m_oRow.m_pCounts[m_nInRow]};
+  }
+
+private:
+  CHoleList<TTag>& m_oList;
+  typename CHoleList<TTag>::SRowIn m_oRow{};
+  std::uint32_t m_nInRow = 0;
 };
 
 }}}} // namespace Orl::Ostrel::Filter::Detail

@@ -337,7 +337,7 @@ const Band::Detail::TRowPixel<TMaskIterator>* ReadMaskRow(const TMaskIterator& i
 
 // The forward sweep's refusal of a hole beyond the bound; out of line, as it is never taken in a
 // correct call.
-[[noreturn]] inline void ThrowTooManyHoles(std::uint32_t nMaxHoles)
+[[noreturn]] __attribute__((noinline, cold)) inline void ThrowTooManyHoles(std::uint32_t nMaxHoles)
 {
   Harnel::ThrowBadArgument(__FILE__, __LINE__,
                            "The source has more holes than the fill-hole filter's maximum of %1%; "
@@ -437,6 +437,7 @@ bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
                                             SFillHoleSrcRow<TSrcIterator>(nWidth)};
   const std::uint64_t nMaxHoles = oHoles.GetMaxHoles();
   std::uint64_t nHoles = 0;
+  CHoleAppender<THoleTag> oAppender(oHoles);
 
   TSrcIterator itSrcRow = boost::get<0>(oSrc);
   TMaskIterator itMaskRow = boost::get<0>(oMask);
@@ -476,12 +477,13 @@ bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
         Contribute(oTableRow.m_pVertical[n], oSums);
         Contribute(oTableRow.m_pMain[n], oSums);
         Contribute(oTableRow.m_pAnti[n], oSums);
-        oHoles.Append(oSums);
+        oAppender.Append(oSums);
       }
 
     if (oContext.m_pLogger)
       oContext.m_pLogger->IncrementProgress();
   }
+  oHoles.EndForward(nHoles);
   return nHoles != 0;
 }
 
@@ -516,6 +518,7 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
   Band::Detail::CRowReader<TMaskIterator> oMaskReader;
   Band::Detail::CRowWriter<TDestIterator> aDestWriters[2];
   TDestPixel* apDest[2] = {nullptr, nullptr};
+  CHoleTaker<THoleTag> oTaker(oHoles);
   SFillHoleSrcRow<TSrcIterator> aRows[2] = {SFillHoleSrcRow<TSrcIterator>(nWidth),
                                             SFillHoleSrcRow<TSrcIterator>(nWidth)};
   bool bWroteNoData = false;
@@ -573,7 +576,7 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
           bWroteNoData = true;
           continue;
         }
-        SHoleSums oSums = oHoles.TakeBack();
+        SHoleSums oSums = oTaker.TakeBack();
         oHorizontal.Contribute(oSums);
         Contribute(oTableRow.m_pVertical[n], oSums);
         Contribute(oTableRow.m_pAnti[n], oSums);
