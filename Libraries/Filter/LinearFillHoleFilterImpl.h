@@ -19,11 +19,9 @@ template <class TLineData>
 template <class TDest, class TSrc, class TMask>
 void CLinearFillHoleFilter<TLineData>::Apply(TDest& oDest, const TSrc& oSrc, const TMask& oMask) const
 {
-  // Both refused before anything is made. Writing into the source would read pixels already filled;
-  // a source larger than the destination or the mask would make the line tables, sized for the
-  // common rectangle, too small for the source's coordinates.
-  if (static_cast<const void*>(&oDest.GetRep()) == static_cast<const void*>(&oSrc.GetRep()))
-    Harnel::ThrowBadArgument(__FILE__, __LINE__, "The fill-hole filter cannot write into its source band");
+  // Refused before anything is made: a source larger than the destination or the mask would make the
+  // line tables, sized for the common rectangle, too small for the source's coordinates. Writing into
+  // the source is not refused: like every filter, Apply leaves AllowDestIsSrc to the caller.
   if (oSrc.GetWidth() > std::min(oDest.GetWidth(), oMask.GetWidth()) ||
       oSrc.GetHeight() > std::min(oDest.GetHeight(), oMask.GetHeight()))
     Harnel::ThrowBadArgument(__FILE__, __LINE__,
