@@ -3,9 +3,7 @@
 
 #include "Filter/LinearFillHoleFilter.h"
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_reduce.h>
-
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -47,26 +45,6 @@ T ToPixel(const py::object& oValue, const char* pArgument)
   return T(dValue);
 }
 
-// An upper bound on the holes the filter lists: pixels the mask selects or the source has invalid.
-// In parallel and branch-free, as it is one more pass over the source before the filter's two.
-template <class T, class TIsSelected>
-std::uint64_t CountHoles(const T* pSrc, std::size_t nPixels, bool bHasNoData, T tNoData, const TIsSelected& oIsSelected)
-{
-  return tbb::parallel_reduce(
-    tbb::blocked_range<std::size_t>(0, nPixels, std::size_t(1) << 16), std::uint64_t(0),
-    [&](const tbb::blocked_range<std::size_t>& oRange, std::uint64_t nHoles) {
-      for (std::size_t i = oRange.begin(); i != oRange.end(); ++i)
-      {
-        bool bInvalid = bHasNoData & (pSrc[i] == tNoData);
-        if constexpr (std::is_floating_point<T>::value)
-          bInvalid |= !(std::fabs(pSrc[i]) <= std::numeric_limits<T>::max());
-        nHoles += std::uint64_t(bInvalid | oIsSelected(i));
-      }
-      return nHoles;
-    },
-    std::plus<std::uint64_t>());
-}
-
 template <class T>
 py::array FillHoles(const py::handle& oA, const py::object& oNoData, double dMaxDistance, long nMinDirections,
                     const py::object& oMask, const py::object& oMaskRange, const py::object& oOut,
@@ -104,17 +82,17 @@ py::array FillHoles(const py::handle& oA, const py::object& oNoData, double dMax
   else if constexpr (std::is_floating_point<T>::value)
     oDest.SetNoDataValue(std::numeric_limits<T>::quiet_NaN());
   const T* pSrc = oSrcArray.data();
-  const std::size_t nPixels = std::size_t(nWidth) * nHeight;
+  // The filter's hole list grows with the holes it meets, so the bound costs nothing: every pixel may
+  // be a hole, up to the filter's limit of 2^32 - 1, beyond which it refuses the band.
+  const unsigned nHoles = unsigned(std::min<std::uint64_t>(std::uint64_t(nWidth) * nHeight,
+                                                            std::numeric_limits<unsigned>::max()));
 
-  const auto oRun = [&](auto& oMaskBand, auto&& oIsSelected) {
+  const auto oRun = [&](auto& oMaskBand) {
     RunReleased([&] {
-      const std::uint64_t nHoles = CountHoles(pSrc, nPixels, bHasNoData, tNoData, oIsSelected);
-      if (nHoles > std::numeric_limits<std::uint32_t>::max())
-        throw py::value_error("a: more than 4294967295 holes");
-      const auto oFilter = bUseRange ? CLinearFillHoleFilter<SDefaultLineData>(dLow, dHigh, unsigned(nHoles),
+      const auto oFilter = bUseRange ? CLinearFillHoleFilter<SDefaultLineData>(dLow, dHigh, nHoles,
                                                                                unsigned(nMinDirections),
                                                                                float(dMaxDistance), !oMask.is_none())
-                                     : CLinearFillHoleFilter<SDefaultLineData>(unsigned(nHoles), unsigned(nMinDirections),
+                                     : CLinearFillHoleFilter<SDefaultLineData>(nHoles, unsigned(nMinDirections),
                                                                                float(dMaxDistance), !oMask.is_none());
       auto oConfigured = oFilter;
       oConfigured.SetLogger(oLogger.GetLogger());
@@ -127,7 +105,7 @@ py::array FillHoles(const py::handle& oA, const py::object& oNoData, double dMax
     // Never read without a mask, but its extent counts: the source's bytes serve as its pixels.
     TMemBand<unsigned char> oNoMask(boost::make_shared<Ostrel::Band::CMemoryBandRep<unsigned char>>(
       nWidth, nHeight, reinterpret_cast<unsigned char*>(const_cast<T*>(pSrc)), boost::shared_ptr<void>()));
-    oRun(oNoMask, [](std::size_t) { return false; });
+    oRun(oNoMask);
   }
   else
   {
@@ -150,12 +128,7 @@ py::array FillHoles(const py::handle& oA, const py::object& oNoData, double dMax
       using M = decltype(tMaskPixel);
       auto oMaskArray = ContiguousArray<M>(oMaskObject, "mask");
       TMemBand<M> oMaskBand = ArrayBand(oMaskArray);
-      const M* pMask = oMaskArray.data();
-      const M tLow = M(dLow), tHigh = M(dHigh);
-      if (bUseRange)
-        oRun(oMaskBand, [=](std::size_t i) { return pMask[i] < tLow || pMask[i] > tHigh; });
-      else
-        oRun(oMaskBand, [=](std::size_t i) { return pMask[i] == M(0); });
+      oRun(oMaskBand);
     };
     using TWide = typename SWideMask<T>::type;
     if (oMaskObject.dtype().equal(py::dtype::of<unsigned char>()))
