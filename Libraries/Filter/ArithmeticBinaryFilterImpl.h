@@ -40,7 +40,8 @@ template <class T>
 struct SDivideOperation
 {
   static bool Invalid(T b) { return b == T(0); }
-  T operator()(T a, T b) const { return a / (b == T(0) ? T(1) : b); }
+  // b = 0 gives an infinity or NaN, masked by Invalid; the filters are built without trapping math.
+  T operator()(T a, T b) const { return a / b; }
 };
 template <class T>
 struct SPowerOperation : SNoInvalidOperands
@@ -73,16 +74,27 @@ struct SBinaryKernel
     return ToPixel<TPixel>(TOperation()(a, b), bInvalid, tNoData);
   }
 
-  // No __restrict: dest may be a source.
+  // No __restrict: dest may be a source. The fields go to locals first: dest could alias them.
   void operator()(int n, TPixel* pDest, const TPixel* pA, const TPixel* pB) const
   {
+    const SNoDataTest<TPixel> oNoDataA = m_oNoDataA, oNoDataB = m_oNoDataB;
+    const TPixel tNoData = m_tNoData;
     for (int i = 0; i < n; ++i)
-      pDest[i] = _One(TCompute(pA[i]), TCompute(pB[i]), m_oNoDataA(pA[i]) | m_oNoDataB(pB[i]), m_tNoData);
+    {
+      const TPixel a = pA[i], b = pB[i];
+      pDest[i] = _One(TCompute(a), TCompute(b), oNoDataA(a) | oNoDataB(b), tNoData);
+    }
   }
   void operator()(int n, TPixel* pDest, const TPixel* pA) const
   {
+    const SNoDataTest<TPixel> oNoDataA = m_oNoDataA;
+    const TPixel tNoData = m_tNoData;
+    const TCompute tConstant = m_tConstant;
     for (int i = 0; i < n; ++i)
-      pDest[i] = _One(TCompute(pA[i]), m_tConstant, m_oNoDataA(pA[i]), m_tNoData);
+    {
+      const TPixel a = pA[i];
+      pDest[i] = _One(TCompute(a), tConstant, oNoDataA(a), tNoData);
+    }
   }
 };
 

@@ -67,11 +67,14 @@ struct SUnaryKernel
   void operator()(int n, TPixel* pDest, const TPixel* pSrc) const
   {
     using TCompute = TComputeOf<TPixel>;
+    const SNoDataTest<TPixel> oNoData = m_oSrcNoData;
+    const TPixel tNoData = m_tNoData;
+    const TOperation oOperation = m_oOperation;
     for (int i = 0; i < n; ++i)
     {
       const TPixel tValue = pSrc[i];
-      const bool bInvalid = m_oSrcNoData(tValue) | (tValue != tValue);
-      pDest[i] = ToPixel<TPixel>(m_oOperation(TCompute(tValue)), bInvalid, m_tNoData);
+      const bool bInvalid = oNoData(tValue) | (tValue != tValue);
+      pDest[i] = ToPixel<TPixel>(oOperation(TCompute(tValue)), bInvalid, tNoData);
     }
   }
 };

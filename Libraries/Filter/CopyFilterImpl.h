@@ -19,8 +19,13 @@ struct SCopyKernel
   void operator()(int n, TTo* __restrict pDest, const TFrom* __restrict pSrc) const
   {
     using TConvert = TConvertOf<TFrom, TTo>;
+    const SNoDataTest<TFrom> oNoData = m_oSrcNoData;
+    const TTo tNoData = m_tNoData;
     for (int i = 0; i < n; ++i)
-      pDest[i] = ToPixel<TTo>(TConvert(pSrc[i]), m_oSrcNoData(pSrc[i]), m_tNoData);
+    {
+      const TFrom tValue = pSrc[i];
+      pDest[i] = ToPixel<TTo>(TConvert(tValue), oNoData(tValue), tNoData);
+    }
   }
 };
 

@@ -30,8 +30,14 @@ struct SMaskKernel
   void operator()(int n, TPixel* __restrict pDest, const TPixel* __restrict pSrc,
                   const TMaskPixel* __restrict pMask) const
   {
+    const SNoDataTest<TPixel> oNoData = m_oSrcNoData;
+    const TComparator oBlank = m_oBlank;
+    const TPixel tNoData = m_tNoData;
     for (int i = 0; i < n; ++i)
-      pDest[i] = (m_oBlank(pMask[i]) | m_oSrcNoData(pSrc[i])) ? m_tNoData : pSrc[i];
+    {
+      const TPixel tValue = pSrc[i];
+      pDest[i] = (oBlank(pMask[i]) | oNoData(tValue)) ? tNoData : tValue;
+    }
   }
 };
 

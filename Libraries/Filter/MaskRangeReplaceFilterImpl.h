@@ -22,14 +22,18 @@ struct SRangeReplaceKernel
   // No __restrict: dest may be src.
   void operator()(int n, TPixel* pDest, const TPixel* pSrc) const
   {
+    const SNoDataTest<TPixel> oNoData = m_oSrcNoData;
+    const double dLow = m_dLow, dHigh = m_dHigh;
+    const bool bInside = m_bInside;
+    const TPixel tReplacement = m_tReplacement, tNoData = m_tNoData;
     for (int i = 0; i < n; ++i)
     {
       const TPixel v = pSrc[i];
       const double d = double(v);
-      const bool bIn = (d >= m_dLow) & (d <= m_dHigh);
-      const bool bOut = (d < m_dLow) | (d > m_dHigh);
-      const bool bHit = m_bInside ? bIn : bOut;
-      pDest[i] = m_oSrcNoData(v) ? m_tNoData : (bHit ? m_tReplacement : v);
+      const bool bIn = (d >= dLow) & (d <= dHigh);
+      const bool bOut = (d < dLow) | (d > dHigh);
+      const bool bHit = (bInside & bIn) | (!bInside & bOut);
+      pDest[i] = oNoData(v) ? tNoData : (bHit ? tReplacement : v);
     }
   }
 };

@@ -15,11 +15,13 @@ namespace Orl { namespace Ostrel { namespace Filter {
 namespace Detail {
 
 // N members of B values each, a chunk of pixels at a time: the members' values and validity go into
-// chunk-wide arrays first (validity as 0 or 1 in the value type, so that the selects stay as wide
-// as the values; invalid values as 0), then every
-// pair of members is compared across the whole chunk, which the compiler turns into vector loops.
-// The work is N * N * B per pixel; for the stacks of compositing (a few dozen members at most) that
-// beats sorting, and it is the same code for one value and for several.
+// chunk-wide arrays first (validity as 0 or 1 in the value type, so that the selects stay as wide as
+// the values; invalid values as 0). Each pair of members is then measured once across the whole chunk
+// and the distance added to both sums, in plain loops that the compiler vectorises. A member's sum
+// takes the others in stack order, as a loop over all others would. The work is N * (N - 1) / 2 * B
+// per pixel: for the stacks of compositing (a few dozen members at most) that beats sorting, and it
+// is the same code for one value and for several. The medoid's values are kept as they are chosen,
+// so that no member is read twice; the conversions to TCompute and back are exact.
 template <class TPixel, bool BScalar>
 struct SMedoidKernel
 {
@@ -31,75 +33,113 @@ struct SMedoidKernel
 
   void operator()(int n, TPixel* const* ppDest, const TPixel* const* ppStack) const
   {
-    const int nBands = int(m_vecDestNoData.size());
-    std::vector<TCompute> vecValues(std::size_t(m_nMembers) * nBands * ms_nChunk);
-    std::vector<TCompute> vecValid(std::size_t(m_nMembers) * ms_nChunk);
-    TCompute atSum[ms_nChunk], atBest[ms_nChunk], atDistance[ms_nChunk];
-    int anBest[ms_nChunk];
+    const int nBands = int(m_vecDestNoData.size()), nMembers = m_nMembers;
+    const auto fnRow = [](std::vector<TCompute>& vec, std::size_t nRow) { return &vec[nRow * ms_nChunk]; };
+    std::vector<TCompute> vecValues(std::size_t(nMembers) * nBands * ms_nChunk), vecValid(nMembers * ms_nChunk),
+      vecSums(nMembers * ms_nChunk), vecBestValues(std::size_t(nBands) * ms_nChunk);
+    TCompute atDistance[ms_nChunk], atBest[ms_nChunk], atFound[ms_nChunk], atTake[ms_nChunk];
     for (int nStart = 0; nStart < n; nStart += ms_nChunk)
     {
       const int nCount = std::min(ms_nChunk, n - nStart);
-      for (int m = 0; m < m_nMembers; ++m)
+      for (int m = 0; m < nMembers; ++m)
       {
-        TCompute* __restrict pValid = &vecValid[std::size_t(m) * ms_nChunk];
+        TCompute* __restrict pValid = fnRow(vecValid, m);
         std::fill_n(pValid, nCount, TCompute(1));
         for (int b = 0; b < nBands; ++b)
         {
           const TPixel* __restrict pSrc = ppStack[m * nBands + b] + nStart;
           const SNoDataTest<TPixel> oNoData = m_vecNoData[std::size_t(m) * nBands + b];
           for (int i = 0; i < nCount; ++i)
-            pValid[i] = (oNoData(pSrc[i]) | (pSrc[i] != pSrc[i])) ? TCompute(0) : pValid[i];
+          {
+            const TPixel t = pSrc[i];
+            const TCompute tValid = pValid[i];
+            pValid[i] = (oNoData(t) | (t != t)) ? TCompute(0) : tValid;
+          }
         }
         for (int b = 0; b < nBands; ++b)
         {
           const TPixel* __restrict pSrc = ppStack[m * nBands + b] + nStart;
-          TCompute* __restrict pValue = &vecValues[(std::size_t(m) * nBands + b) * ms_nChunk];
+          TCompute* __restrict pValue = fnRow(vecValues, std::size_t(m) * nBands + b);
           for (int i = 0; i < nCount; ++i)
-            pValue[i] = pValid[i] != TCompute(0) ? TCompute(pSrc[i]) : TCompute(0);
+          {
+            const TCompute t = TCompute(pSrc[i]);
+            pValue[i] = pValid[i] != TCompute(0) ? t : TCompute(0);
+          }
         }
+        std::fill_n(fnRow(vecSums, m), nCount, TCompute(0));
       }
-      std::fill_n(atBest, nCount, std::numeric_limits<TCompute>::infinity());
-      std::fill_n(anBest, nCount, -1);
-      for (int m = 0; m < m_nMembers; ++m)
-      {
-        std::fill_n(atSum, nCount, TCompute(0));
-        for (int o = 0; o < m_nMembers; ++o)
+      for (int m = 0; m < nMembers; ++m)
+        for (int o = m + 1; o < nMembers; ++o)
         {
-          const TCompute* __restrict pValid = &vecValid[std::size_t(o) * ms_nChunk];
           if (BScalar)
           {
-            const TCompute* __restrict pM = &vecValues[std::size_t(m) * ms_nChunk];
-            const TCompute* __restrict pO = &vecValues[std::size_t(o) * ms_nChunk];
+            const TCompute* __restrict pM = fnRow(vecValues, m);
+            const TCompute* __restrict pO = fnRow(vecValues, o);
             for (int i = 0; i < nCount; ++i)
-              atSum[i] += pValid[i] != TCompute(0) ? std::fabs(pM[i] - pO[i]) : TCompute(0);
+              atDistance[i] = std::fabs(pM[i] - pO[i]);
           }
           else
           {
             std::fill_n(atDistance, nCount, TCompute(0));
             for (int b = 0; b < nBands; ++b)
             {
-              const TCompute* __restrict pM = &vecValues[(std::size_t(m) * nBands + b) * ms_nChunk];
-              const TCompute* __restrict pO = &vecValues[(std::size_t(o) * nBands + b) * ms_nChunk];
+              const TCompute* __restrict pM = fnRow(vecValues, std::size_t(m) * nBands + b);
+              const TCompute* __restrict pO = fnRow(vecValues, std::size_t(o) * nBands + b);
               for (int i = 0; i < nCount; ++i)
                 atDistance[i] += (pM[i] - pO[i]) * (pM[i] - pO[i]);
             }
             for (int i = 0; i < nCount; ++i)
-              atSum[i] += pValid[i] != TCompute(0) ? std::sqrt(atDistance[i]) : TCompute(0);
+              atDistance[i] = std::sqrt(atDistance[i]);
+          }
+          const TCompute* __restrict pValidM = fnRow(vecValid, m);
+          const TCompute* __restrict pValidO = fnRow(vecValid, o);
+          TCompute* __restrict pSumM = fnRow(vecSums, m);
+          TCompute* __restrict pSumO = fnRow(vecSums, o);
+          for (int i = 0; i < nCount; ++i)
+          {
+            const TCompute d = atDistance[i];
+            const TCompute tSumM = pSumM[i] + d, tSumO = pSumO[i] + d;
+            pSumM[i] = pValidO[i] != TCompute(0) ? tSumM : pSumM[i];
+            pSumO[i] = pValidM[i] != TCompute(0) ? tSumO : pSumO[i];
           }
         }
-        const TCompute* __restrict pValid = &vecValid[std::size_t(m) * ms_nChunk];
+      std::fill_n(atBest, nCount, std::numeric_limits<TCompute>::infinity());
+      std::fill_n(atFound, nCount, TCompute(0));
+      for (int m = 0; m < nMembers; ++m)
+      {
+        const TCompute* __restrict pValid = fnRow(vecValid, m);
+        const TCompute* __restrict pSum = fnRow(vecSums, m);
         for (int i = 0; i < nCount; ++i)
         {
-          const bool bTake = (pValid[i] != TCompute(0)) & (atSum[i] < atBest[i]);
-          atBest[i] = bTake ? atSum[i] : atBest[i];
-          anBest[i] = bTake ? m : anBest[i];
+          const bool bTake = (pValid[i] != TCompute(0)) & (pSum[i] < atBest[i]);
+          const TCompute tSum = pSum[i];
+          atBest[i] = bTake ? tSum : atBest[i];
+          atTake[i] = bTake ? TCompute(1) : TCompute(0);
+          atFound[i] = bTake ? TCompute(1) : atFound[i];
+        }
+        for (int b = 0; b < nBands; ++b)
+        {
+          const TCompute* __restrict pValue = fnRow(vecValues, std::size_t(m) * nBands + b);
+          TCompute* __restrict pBestValue = fnRow(vecBestValues, b);
+          for (int i = 0; i < nCount; ++i)
+          {
+            const TCompute tValue = pValue[i], tBest = pBestValue[i];
+            pBestValue[i] = atTake[i] != TCompute(0) ? tValue : tBest;
+          }
         }
       }
       // Every input of the chunk has been read: writing dest cannot change what was compared.
       for (int b = 0; b < nBands; ++b)
+      {
+        const TCompute* __restrict pBestValue = fnRow(vecBestValues, b);
+        const TPixel tNoData = m_vecDestNoData[b];
+        TPixel* pDest = ppDest[b] + nStart;
         for (int i = 0; i < nCount; ++i)
-          ppDest[b][nStart + i] =
-            anBest[i] < 0 ? m_vecDestNoData[b] : ppStack[anBest[i] * nBands + b][nStart + i];
+        {
+          const TPixel tValue = TPixel(pBestValue[i]);
+          pDest[i] = atFound[i] != TCompute(0) ? tValue : tNoData;
+        }
+      }
     }
   }
 };

@@ -23,12 +23,15 @@ struct SMinMaxKernel
   {
     TPixel* pMin = ppDest[0];
     TPixel* pMax = ppDest[1];
+    const SNoDataTest<TPixel> oNoDataA = m_oNoDataA, oNoDataB = m_oNoDataB;
+    const TPixel tNoDataMin = m_tNoDataMin, tNoDataMax = m_tNoDataMax;
     for (int i = 0; i < n; ++i)
     {
       const TPixel a = pA[i], b = pB[i];
-      const bool bInvalid = m_oNoDataA(a) | m_oNoDataB(b) | (a != a) | (b != b);
-      pMin[i] = bInvalid ? m_tNoDataMin : (b < a ? b : a);
-      pMax[i] = bInvalid ? m_tNoDataMax : (a < b ? b : a);
+      const bool bInvalid = oNoDataA(a) | oNoDataB(b) | (a != a) | (b != b);
+      const TPixel tMin = b < a ? b : a, tMax = a < b ? b : a;
+      pMin[i] = bInvalid ? tNoDataMin : tMin;
+      pMax[i] = bInvalid ? tNoDataMax : tMax;
     }
   }
 };
