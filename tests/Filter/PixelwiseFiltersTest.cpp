@@ -63,7 +63,8 @@ template <class T>
 SInput<T> Random(std::mt19937& oRng, std::size_t nCount, int nOffset, bool bHasNoData = true, int nMax = 0)
 {
   const T atSpecial[6] = {TLimits<T>::lowest(), TLimits<T>::max(), T(0), T(1), T(2), T(-1)};
-  const double dLow = std::max(double(TLimits<T>::lowest()), -1e300), dHigh = std::min(double(TLimits<T>::max()), 1e300);
+  const double dLow = std::max(double(TLimits<T>::lowest()), -1e300),
+               dHigh = std::min(double(TLimits<T>::max()), 1e300);
   std::uniform_real_distribution<double> oAny(dLow, dHigh);
   std::uniform_int_distribution<int> oSmall(std::is_signed<T>::value ? -20 : 0, 20), oKind(0, 47), oMasked(0, nMax);
   std::vector<T> vec(nCount);
@@ -205,10 +206,13 @@ TYPED_TEST(PixelwiseFilterTest, ArithmeticEqualsTheReference)
     std::mt19937 oRng(w + sizeof(T));
     const auto oA = Random<T>(oRng, std::size_t(w) * h, 0), oB = Random<T>(oRng, std::size_t(w) * h, 1, w < 100);
     const auto oBandA = oA.template Band<TTag>(w, h), oBandB = oB.template Band<TTag>(w, h);
-    auto oDest = WithNoData(CBand<T, TTag>(w, h), bDestNoData), oMin = oDest, oMax = WithNoData(CBand<T, TTag>(w, h), false);
+    auto oDest = WithNoData(CBand<T, TTag>(w, h), bDestNoData), oMin = oDest,
+         oMax = WithNoData(CBand<T, TTag>(w, h), false);
     const T tNoData = DestNoData<T>(bDestNoData);
     std::vector<T> vecExpected(oA.m_vecPixels.size()), vecMin(vecExpected), vecMax(vecExpected);
-    const auto fnValue = [](const SInput<T>& o, std::size_t i) { return o.IsNoData(i) || std::isnan(C(o.m_vecPixels[i])); };
+    const auto fnValue = [](const SInput<T>& o, std::size_t i) {
+      return o.IsNoData(i) || std::isnan(C(o.m_vecPixels[i]));
+    };
     for (const auto& oOp : vecBinary)
     {
       for (int nConstant = 0; nConstant < 2; ++nConstant)
@@ -217,13 +221,15 @@ TYPED_TEST(PixelwiseFilterTest, ArithmeticEqualsTheReference)
         for (std::size_t i = 0; i < vecExpected.size(); ++i)
         {
           const C tB = nConstant ? tConstant : C(oB.m_vecPixels[i]);
-          vecExpected[i] = RefPixel<T>(oOp.second(C(oA.m_vecPixels[i]), tB), fnValue(oA, i) || (!nConstant && fnValue(oB, i)), tNoData);
+          vecExpected[i] = RefPixel<T>(oOp.second(C(oA.m_vecPixels[i]), tB),
+                                       fnValue(oA, i) || (!nConstant && fnValue(oB, i)), tNoData);
         }
         if (nConstant)
           CArithmeticBinaryFilter(oOp.first, double(tConstant)).Apply(oDest, oBandA);
         else
           CArithmeticBinaryFilter(oOp.first).Apply(oDest, oBandA, oBandB);
-        ExpectBits(vecExpected, ReadPixels(oDest), "binary " + std::to_string(oOp.first) + " " + std::to_string(nConstant));
+        ExpectBits(vecExpected, ReadPixels(oDest),
+                   "binary " + std::to_string(oOp.first) + " " + std::to_string(nConstant));
       }
     }
     for (const auto& oOp : vecUnary)
@@ -263,7 +269,8 @@ TYPED_TEST(PixelwiseFilterTest, MasksEqualTheReference)
     const auto oSrc = Random<T>(oRng, n, 0);
     const T tNoData = DestNoData<T>(bDestNoData);
     auto oDest = WithNoData(CBand<T, TTag>(w, h), bDestNoData);
-    std::vector<SInput<T>> vecMasks{Random<T>(oRng, n, 0, false, 3), Random<T>(oRng, n, 0, true, 9), Random<T>(oRng, n, 1, true, 9)};
+    std::vector<SInput<T>> vecMasks{Random<T>(oRng, n, 0, false, 3), Random<T>(oRng, n, 0, true, 9),
+                                    Random<T>(oRng, n, 1, true, 9)};
     std::vector<CBand<T, TTag>> vecMaskBands;
     for (const auto& oMask : vecMasks)
       vecMaskBands.push_back(oMask.template Band<TTag>(w, h));
@@ -337,8 +344,8 @@ TYPED_TEST(PixelwiseFilterTest, StackFiltersEqualTheReference)
     std::vector<CBand<T, TTag>> vecBands;
     for (std::size_t m = 0; m < nMembers; ++m)
     {
-      vecStack.push_back(Random<T>(oRng, n, int(m % 2), m != 3, m < 3 ? 0 : 40));
-      vecStack.back().m_vecPixels[0] = T(7); // all members no-data at pixel 0, except the one without
+      vecStack.push_back(Random<T>(oRng, n, int(m % 2), true, m < 3 ? 0 : 40));
+      vecStack.back().m_vecPixels[0] = T(7); // no valid member at pixel 0
       vecBands.push_back(vecStack.back().template Band<TTag>(w, h));
     }
     const auto fnValid = [&](std::size_t m, std::size_t i) {
@@ -356,7 +363,9 @@ TYPED_TEST(PixelwiseFilterTest, StackFiltersEqualTheReference)
         int nBest = -1;
         C tBest = TLimits<C>::infinity();
         const std::size_t nCount = nMembers / nBands;
-        const auto fnMemberValid = [&](std::size_t m) { return fnValid(m * nBands, i) && fnValid(m * nBands + nBands - 1, i); };
+        const auto fnMemberValid = [&](std::size_t m) {
+          return fnValid(m * nBands, i) && fnValid(m * nBands + nBands - 1, i);
+        };
         for (std::size_t m = 0; m < nCount; ++m)
         {
           C tSum = 0;
@@ -395,7 +404,8 @@ TYPED_TEST(PixelwiseFilterTest, StackFiltersEqualTheReference)
       for (std::size_t i = 0; i < n; ++i)
       {
         const std::size_t k = oIndexInput.m_vecPixels[i];
-        vecExpected[i] = oIndexInput.IsNoData(i) || k >= nMembers || vecStack[k].IsNoData(i) ? tNoData : vecStack[k].m_vecPixels[i];
+        vecExpected[i] =
+          oIndexInput.IsNoData(i) || k >= nMembers || vecStack[k].IsNoData(i) ? tNoData : vecStack[k].m_vecPixels[i];
       }
     };
     fnSelect(oIndex);
@@ -403,7 +413,8 @@ TYPED_TEST(PixelwiseFilterTest, StackFiltersEqualTheReference)
     ExpectBits(vecExpected, ReadPixels(oDest), "index");
     fnSelect(oIndex2);
     std::vector<CBand<T, TTag>> vecDests{WithNoData(CBand<T, TTag>(w, h), bDestNoData)};
-    CMultiIndexSelectorFilter().Apply(vecDests, std::vector<CBand<unsigned short, TTag>>{oIndex2.template Band<TTag>(w, h)}, vecBands);
+    CMultiIndexSelectorFilter().Apply(
+      vecDests, std::vector<CBand<unsigned short, TTag>>{oIndex2.template Band<TTag>(w, h)}, vecBands);
     ExpectBits(vecExpected, ReadPixels(vecDests[0]), "multi index");
 
     // Regression over three bands: the stratifier's three classes, the predictor for band 1.
@@ -437,7 +448,9 @@ TYPED_TEST(PixelwiseFilterTest, StackFiltersEqualTheReference)
       const int nBest = int(std::max_element(adScore, adScore + 3) - adScore);
       vecClasses[i] = bInvalid ? 255 : aClasses[nBest];
       const bool bPredictionInvalid = (!fnValid(3, i) || !fnValid(4, i));
-      vecExpected[i] = fnValid(1, i) ? vecStack[1].m_vecPixels[i] : RefPixel<T>(std::min(std::max(dPrediction, -10.0), 1e6), bPredictionInvalid, tNoData);
+      vecExpected[i] = fnValid(1, i)
+                         ? vecStack[1].m_vecPixels[i]
+                         : RefPixel<T>(std::min(std::max(dPrediction, -10.0), 1e6), bPredictionInvalid, tNoData);
     }
     CBand<unsigned char, TTag> oClasses(w, h);
     CMultinomialRegressionStratifier(matCoefficients, {40, 0, 200}).Apply(oClasses, vecRegression);
@@ -474,7 +487,8 @@ TEST(PixelwiseFilters, NamesAndSettledFields)
   EXPECT_EQ(CMaskFilter().GetName(), "Mask Filter");
   EXPECT_EQ(CMaskMergeFilter().GetName(), "Mask Merge Filter");
   EXPECT_EQ(CIndexSelectorFilter().GetName(), "Index Selector Filter");
-  EXPECT_TRUE(static_cast<const Orl::Ostrel::Filter::Detail::CMultiBandFilterBase&>(CIndexSelectorFilter()).GetName().empty());
+  EXPECT_TRUE(
+    static_cast<const Orl::Ostrel::Filter::Detail::CMultiBandFilterBase&>(CIndexSelectorFilter()).GetName().empty());
   const boost::numeric::ublas::matrix<double> matEmpty;
   const CMultinomialRegressionStratifier oStratifier(matEmpty, {});
   EXPECT_EQ(oStratifier.GetName(), "Multinomial Regression Stratifier");
@@ -515,12 +529,26 @@ TEST(PixelwiseFilters, WrongArgumentsThrowBeforeWriting)
     {"extent of a min-max output", [&] { CMinMaxBinaryFilter().Apply(oDest, oSmall, oOther, oOther); }},
     {"weight count", [&] { oMerge.Apply(oDest, vecTwo); }},
     {"empty stack", [&] { CMedoidFilter().Apply(oDest, vecNone); }},
-    {"members not whole", [&] { std::vector<TBand> v{oDest, oOther}; CMedoidFilter().Apply(v, std::vector<TBand>{oOther, oOther, oOther}); }},
+    {"members not whole",
+     [&] {
+       std::vector<TBand> v{oDest, oOther};
+       CMedoidFilter().Apply(v, std::vector<TBand>{oOther, oOther, oOther});
+     }},
     {"index extent", [&] { CIndexSelectorFilter().Apply(oDest, CBand<unsigned char, SMemoryTag>(3, 3), vecTwo); }},
-    {"index count", [&] { std::vector<TBand> v{oDest}; CMultiIndexSelectorFilter().Apply(v, std::vector<CBand<unsigned char, SMemoryTag>>(), vecTwo); }},
+    {"index count",
+     [&] {
+       std::vector<TBand> v{oDest};
+       CMultiIndexSelectorFilter().Apply(v, std::vector<CBand<unsigned char, SMemoryTag>>(), vecTwo);
+     }},
     {"empty matrix", [&] { CMultinomialRegressionStratifier({}, {}).Apply(oClasses, vecTwo); }},
-    {"matrix columns", [&] { CMultinomialRegressionStratifier(boost::numeric::ublas::matrix<double>(2, 2), {}).Apply(oClasses, vecTwo); }},
-    {"class count", [&] { CMultinomialRegressionStratifier(boost::numeric::ublas::matrix<double>(2, 3), {1}).Apply(oClasses, vecTwo); }},
+    {"matrix columns",
+     [&] {
+       CMultinomialRegressionStratifier(boost::numeric::ublas::matrix<double>(2, 2), {}).Apply(oClasses, vecTwo);
+     }},
+    {"class count",
+     [&] {
+       CMultinomialRegressionStratifier(boost::numeric::ublas::matrix<double>(2, 3), {1}).Apply(oClasses, vecTwo);
+     }},
     {"empty coefficients", [&] { CMultiRegressionPredictor({}, 0, 0, 1).Apply(oDest, vecTwo); }}};
   for (const auto& oCase : vecCases)
   {
