@@ -1,0 +1,11 @@
+#include "Filter/ArithmeticBinaryFilterImpl.h"
+
+namespace Orl { namespace Ostrel { namespace Filter {
+
+#define ORL_ARITHMETIC_BINARY_INSTANCE(TPixel) \
+  ORL_ARITHMETIC_BINARY_DECL(template, TPixel, Band::SMemoryTag) \
+  ORL_ARITHMETIC_BINARY_DECL(template, TPixel, Band::SIPPTag) \
+
+ORL_FOR_EACH_PIXEL_TYPE(ORL_ARITHMETIC_BINARY_INSTANCE)
+
+}}} // namespace Orl::Ostrel::Filter

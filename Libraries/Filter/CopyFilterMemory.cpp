@@ -1,0 +1,9 @@
+#include "Filter/CopyFilterImpl.h"
+
+namespace Orl { namespace Ostrel { namespace Filter {
+
+#define ORL_COPY_FILTER_INSTANCE(TFrom, TTo, Tag) ORL_COPY_FILTER_DECL(template, TFrom, TTo, Tag)
+ORL_FOR_EACH_COPY_INSTANCE(ORL_COPY_FILTER_INSTANCE, Band::SMemoryTag)
+ORL_FOR_EACH_COPY_INSTANCE(ORL_COPY_FILTER_INSTANCE, Band::SIPPTag)
+
+}}} // namespace Orl::Ostrel::Filter
