@@ -5,6 +5,7 @@
 #include "Band/NoDataValueHint.h"
 #include "Band/Tags.h"
 #include "Band/TileBandRep.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/Rect.h"
 
 #include <boost/make_shared.hpp>
@@ -35,10 +36,12 @@ public:
   }
 
   // A band over an existing representation, for instance one over caller-owned pixels; the band
-  // shares it like a copy would. pRep must not be empty.
-  explicit CBand(boost::shared_ptr<TRep> pRep)
-    : m_oRect(0, 0, pRep->m_nWidth, pRep->m_nHeight), m_pRep(std::move(pRep))
+  // shares it like a copy would. An empty pRep throws CBasicException.
+  explicit CBand(boost::shared_ptr<TRep> pRep) : m_pRep(std::move(pRep))
   {
+    if (!m_pRep)
+      Harnel::ThrowBadArgument(__FILE__, __LINE__, "A band needs a representation");
+    m_oRect = TRect(0, 0, m_pRep->m_nWidth, m_pRep->m_nHeight);
   }
 
   // A band reads as its rectangle wherever one is expected.

@@ -91,7 +91,23 @@ void CTileCache::InitGlobalTileCache()
 CScopedTileCacheBudget::CScopedTileCacheBudget(std::uint64_t nBytes)
   : m_pCache(CTileCache::GetGlobal()), m_nPrevious(m_pCache->GetMemoryBudget())
 {
-  m_pCache->SetMemoryBudget(nBytes);
+  // A spill that fails while making room leaves by an exception and no object: the previous budget
+  // comes back here, as the destructor will not run.
+  try
+  {
+    m_pCache->SetMemoryBudget(nBytes);
+  }
+  catch (...)
+  {
+    try
+    {
+      m_pCache->SetMemoryBudget(m_nPrevious);
+    }
+    catch (...)
+    {
+    }
+    throw;
+  }
 }
 
 CScopedTileCacheBudget::~CScopedTileCacheBudget()

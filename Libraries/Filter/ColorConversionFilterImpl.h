@@ -60,10 +60,12 @@ inline float Hue(float r, float g, float b, float fMax, float fRange)
 // RGB from hue and chroma, plus m for every channel.
 inline void FromHue(float h, float c, float m, float* pOut)
 {
-  const float hh = std::fmod(std::max(h, 0.0f), 360.0f) / 60.0f;
+  // Any hue wraps into [0, 360); a NaN or infinite one (a no-data pixel, dropped later) takes sector 0
+  // instead of an undefined conversion to int.
+  const float hh = (h - 360.0f * std::floor(h / 360.0f)) / 60.0f;
   const float x = c * (1.0f - std::abs(std::fmod(hh, 2.0f) - 1.0f));
   float r = 0, g = 0, b = 0;
-  switch (std::min(5, int(hh)))
+  switch (hh >= 0.0f && hh < 6.0f ? int(hh) : 0)
   {
   case 0: r = c, g = x; break;
   case 1: r = x, g = c; break;

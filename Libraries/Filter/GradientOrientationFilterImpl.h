@@ -138,10 +138,11 @@ void GradientOrientationRows(const TSrcIt& itSrc, const TDestIt& itDest, EGradie
                           (v(pD, mD, x + 1) - v(pD, mD, x - 1));
           const TAcc gy = (v(pD, mD, x - 1) - v(pU, mU, x - 1)) + 2 * (v(pD, mD, x) - v(pU, mU, x)) +
                           (v(pD, mD, x + 1) - v(pU, mU, x + 1));
-          const bool bValid = eMode == eGradientSkipNonCenter
-                                ? mM[x] != 0
-                                : (mU[x - 1] & mU[x] & mU[x + 1] & mM[x - 1] & mM[x] & mM[x + 1] & mD[x - 1] & mD[x] &
-                                   mD[x + 1]) != 0;
+          const bool bValid = (eMode == eGradientSkipNonCenter
+                                 ? mM[x] != 0
+                                 : (mU[x - 1] & mU[x] & mU[x + 1] & mM[x - 1] & mM[x] & mM[x + 1] & mD[x - 1] & mD[x] &
+                                    mD[x + 1]) != 0) &&
+                              std::isfinite(gx) && std::isfinite(gy);
           pA[x - 1] = bValid ? gx * gx - gy * gy : TAcc(0);
           pB[x - 1] = bValid ? 2 * gx * gy : TAcc(0);
           pW[x - 1] = bValid ? TAcc(1) : TAcc(0);

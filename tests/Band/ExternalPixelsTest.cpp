@@ -55,6 +55,8 @@ TEST(ExternalPixelsTest, EmptyBandKeepsNoPointerAndNonEmptyOneNeedsPixels)
   CMemoryBandRep<unsigned char> oRep(0, 5, aPixel, boost::shared_ptr<void>());
   EXPECT_EQ(oRep.GetDataLocation(), nullptr);
   EXPECT_THROW(CMemoryBandRep<unsigned char>(2, 5, nullptr, boost::shared_ptr<void>()), Orl::Harnel::CBasicException);
+  using TBand = CBand<unsigned char, SMemoryTag>;
+  EXPECT_THROW(TBand(boost::shared_ptr<CMemoryBandRep<unsigned char>>()), Orl::Harnel::CBasicException);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "Raster.h"
 
+#include "Band/MemorySize.h"
+
 #include <cpl_conv.h>
 #include <cpl_error.h>
 #include <cpl_string.h>
@@ -90,24 +92,10 @@ void Note(const std::string& strText)
 
 std::uint64_t ParseSize(const std::string& strText)
 {
-  std::size_t nEnd = 0;
-  unsigned long long nValue = 0;
-  try
-  {
-    nValue = std::stoull(strText, &nEnd);
-  }
-  catch (const std::exception&)
-  {
-    nEnd = 0;
-  }
-  std::string strSuffix = strText.substr(nEnd);
-  if (!strSuffix.empty() && (strSuffix.back() == 'B' || strSuffix.back() == 'b'))
-    strSuffix.pop_back();
-  static const std::string s_strUnits = "KMGT";
-  const auto nUnit = strSuffix.size() == 1 ? s_strUnits.find(char(std::toupper(strSuffix[0]))) : std::string::npos;
-  if (nEnd == 0 || strText[0] == '-' || (!strSuffix.empty() && nUnit == std::string::npos) || nValue == 0)
+  std::uint64_t nBytes = 0;
+  if (!Ostrel::Band::ParseByteCount(strText.c_str(), nBytes) || nBytes == 0)
     throw CToolError(Text("invalid size '%1%': expected a positive byte count such as 512M or 2G", strText), 2);
-  return strSuffix.empty() ? nValue : nValue << (10 * (nUnit + 1));
+  return nBytes;
 }
 
 GDALDataType GetWorkingType(GDALDataType eType, const std::string& strWhat)

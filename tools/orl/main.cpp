@@ -35,15 +35,13 @@ std::uint64_t GetMemoryBudget(const SGlobalOptions& oGlobal)
 
 bool UseTileBands(std::uint64_t nBytes, std::uint64_t nBudget)
 {
-  using Ostrel::Band::g_oTileCache;
   if (nBytes <= nBudget)
     return false;
-  if (!g_oTileCache)
-    Ostrel::Band::CTileCache::InitGlobalTileCache();
-  g_oTileCache->SetMemoryBudget(nBudget);
+  const auto pCache = Ostrel::Band::CTileCache::GetGlobal();
+  pCache->SetMemoryBudget(nBudget);
   const auto fnKiB = [](std::uint64_t n) { return (n + 1023) >> 10; };
   Note(Text("the bands take %1% KiB, more than the memory budget of %2% KiB: they are held in tiles that spill to %3%",
-            fnKiB(nBytes), fnKiB(nBudget), g_oTileCache->GetSpillDirectory()));
+            fnKiB(nBytes), fnKiB(nBudget), pCache->GetSpillDirectory()));
   return true;
 }
 

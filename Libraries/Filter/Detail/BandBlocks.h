@@ -106,15 +106,19 @@ void ParallelBlockRuns(TBand& oBand, const CProgressLayer& oProgress, TBlockFn&&
 {
   const int nWidth = int(oBand.GetWidth()), nHeight = int(oBand.GetHeight());
   const int nBlocks = (nHeight + g_nBlockRows - 1) / g_nBlockRows;
+  // The iterators are taken once, on the calling thread: granting mutable ones drops the band's cached
+  // statistics, a write that must not happen from several tasks at once.
+  const auto itBegin = boost::get<0>(oBand.GetBandIterators(oBand.GetRect()));
   tbb::parallel_for(tbb::blocked_range<int>(0, nBlocks, 1), [&](const tbb::blocked_range<int>& oRange) {
     for (int nBlock = oRange.begin(); nBlock != oRange.end(); ++nBlock)
     {
       const int nY0 = nBlock * g_nBlockRows, nRows = std::min(g_nBlockRows, nHeight - nY0);
       auto fnRun = fnBlock(nY0, nRows);
-      auto oRect = oBand.GetRect();
-      oRect = decltype(oRect)(oRect.GetStart().x, oRect.GetStart().y + nY0, nWidth, nRows);
+      auto itBlock = itBegin;
+      if (nY0 != 0)
+        itBlock += Pravik::GraphObject2d::CPoint<int>(0, nY0);
       int nX = 0, nRow = 0;
-      Band::Detail::WalkRectRunStrips(boost::get<0>(oBand.GetBandIterators(oRect)), nWidth, nRows,
+      Band::Detail::WalkRectRunStrips(itBlock, nWidth, nRows,
                                       [&](auto* pRun, int nRun) {
                                         fnRun(nX, nY0 + nRow, pRun, nRun);
                                         if (++nRow == nRows)
