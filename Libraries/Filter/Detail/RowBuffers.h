@@ -6,6 +6,7 @@
 // Also the few things these filters share: the parallel loop over rows, progress and size errors.
 
 #include "Band/Detail/RowRuns.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/BasicException.h"
 #include "Foundation/Logger.h"
 #include "Foundation/Point.h"
@@ -146,15 +147,8 @@ inline bool IsValidPixel(TPixel tValue, bool bHasNoData, TPixel tNoData)
   return !(bHasNoData && tValue == tNoData);
 }
 
-// A rejected argument, before any pixel is written: szMessage is translated and takes the filter's
-// display name as %1%.
-[[noreturn]] inline void ThrowBadArgument(const char* szFile, int nLine, const char* szMessage,
-                                          const std::string& strFilter)
-{
-  throw Harnel::CBasicException(
-    szFile, nLine,
-    (boost::format(Harnel::Internationalisation::CTranslator::Translate(szMessage)) % strFilter).str(), 0,
-    std::string());
-}
+// A rejected argument, before any pixel is written: the message is translated and takes the
+// filter's display name as %1%.
+using Harnel::ThrowBadArgument;
 
 }}}} // namespace Orl::Ostrel::Filter::Detail
