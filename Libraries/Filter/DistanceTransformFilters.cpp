@@ -136,6 +136,19 @@ void RowPhase(const TG* pG, int nWidth, I* pOut, std::int32_t* pS, std::int32_t*
 void Chamfer(std::int32_t* pD, int nWidth, int nHeight, int a, int b, int c, const CProgressLayer& oProgress)
 {
   const std::ptrdiff_t s = nWidth + 4;
+  // Half a progress unit per row and pass, passed on 64 rows at a time and the rest at a pass's end.
+  int nRows = 0;
+  auto fnRowDone = [&] {
+    if (++nRows == 64)
+    {
+      oProgress.Increment(32.0);
+      nRows = 0;
+    }
+  };
+  auto fnPassDone = [&] {
+    oProgress.Increment(nRows / 2.0);
+    nRows = 0;
+  };
   for (int y = 0; y < nHeight; ++y)
   {
     std::int32_t* __restrict p = pD + (y + 2) * s + 2;
@@ -151,9 +164,9 @@ void Chamfer(std::int32_t* pD, int nWidth, int nHeight, int a, int b, int c, con
     }
     for (int x = 0; x < nWidth; ++x)
       p[x] = std::min(p[x], p[x - 1] + a);
-    if ((y & 63) == 63)
-      oProgress.Increment(32.0);
+    fnRowDone();
   }
+  fnPassDone();
   for (int y = nHeight - 1; y >= 0; --y)
   {
     std::int32_t* __restrict p = pD + (y + 2) * s + 2;
@@ -169,9 +182,9 @@ void Chamfer(std::int32_t* pD, int nWidth, int nHeight, int a, int b, int c, con
     }
     for (int x = nWidth - 1; x >= 0; --x)
       p[x] = std::min(p[x], p[x + 1] + a);
-    if ((y & 63) == 0)
-      oProgress.Increment(32.0);
+    fnRowDone();
   }
+  fnPassDone();
 }
 
 // Rounded to the type: once for floating types, to nearest and saturated for integers (v >= 0).

@@ -546,6 +546,36 @@ TEST(ShapeFilters, NamesPropertiesSizeChecksAndProgress)
   oSkeleton.Apply(oDest, oDest);
   oDistance.Apply(oDest, oDest);
   EXPECT_EQ(pLogger->GetDepth(), 0u);
+
+  // Progress, told to the sink on every step: the fraction reaches 1 with the last step only. A pass
+  // that counted more than its share would reach it early and report it again on each later step.
+  struct SFractions : Orl::Harnel::Progress::CLoggerSink
+  {
+    std::vector<double> m_vec;
+    void OnProgress(double dFraction, const std::string&) override { m_vec.push_back(dFraction); }
+    void OnMessage(Orl::Harnel::Progress::_EVerbosityLevel, const std::string&) override {}
+  };
+  CBand<unsigned char, Band::SMemoryTag> oBand(7, 10), oOut(7, 10);
+  oBand.Clear(1);
+  oBand.GetRep().GetDataLocation()[30] = 0;
+  using TLogger = boost::shared_ptr<Orl::Harnel::Progress::CLogger>;
+  auto fnWith = [](auto oFilter, const TLogger& p) {
+    oFilter.SetLogger(p);
+    return oFilter;
+  };
+  const std::pair<const char*, std::function<void(const TLogger&)>> aRuns[] = {
+    {"chamfer", [&](const TLogger& p) { fnWith(CDistanceTransformFilter(eDistanceTransformCityBlock), p).Apply(oOut, oBand); }},
+    {"Meijster", [&](const TLogger& p) { fnWith(CDistanceTransformMeijsterFilter(eDistanceTransformCityBlock), p).Apply(oOut, oBand); }},
+    {"skeleton", [&](const TLogger& p) { fnWith(CSkeletonGuoHallA2Filter(), p).Apply(oOut, oBand); }},
+    {"reconstruction", [&](const TLogger& p) { fnWith(CGrayscaleReconstructionFilter(), p).Apply(oOut, oBand, oBand); }}};
+  for (const auto& oRun : aRuns)
+  {
+    const auto pSink = boost::make_shared<SFractions>();
+    const auto pCounting = boost::make_shared<Orl::Harnel::Progress::CLogger>(pSink, Orl::Harnel::Progress::eVerbosityInfo,
+                                                                             std::chrono::milliseconds(0));
+    oRun.second(pCounting);
+    EXPECT_LE(std::count(pSink->m_vec.begin(), pSink->m_vec.end(), 1.0), 1) << oRun.first;
+  }
 }
 
 } // namespace
