@@ -32,6 +32,7 @@
 
 #include <tbb/parallel_for.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cassert>

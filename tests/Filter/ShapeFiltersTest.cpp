@@ -370,7 +370,7 @@ TEST(SkeletonFilters, TwoSubiterationsAsThePlainParallelRun)
 {
   std::mt19937 oRng(77);
   const auto vecSkeletons = Skeletons();
-  for (int nCase = 0; nCase < 40; ++nCase)
+  for (int nCase = 0; nCase < 16; ++nCase)
   {
     const auto oImage = Blobs(oRng, 1 + int(oRng() % 200), 1 + int(oRng() % 150), 1 + int(oRng() % 30), 1 + int(oRng() % 40));
     for (int a = 0; a < 2; ++a)
