@@ -7,22 +7,35 @@
 // destinations hold the row results between the passes, so no working band is needed forward; the
 // reverse pass keeps its column results in two bands of the sources' storage kind, (Nx / 2 + 1) x height.
 //
-// Columns go in strips as wide as a tile: the strip is read row by row into a column-major buffer
-// (each column padded to a multiple of 64 bytes, so that every column start has the alignment the
-// plans were made with), transformed column by column and written back the same way. A strip then
-// costs one pass over a column of tiles, and a band larger than memory streams through the tile
-// cache.
+// Columns go in strips: the strip is read row by row into a column-major buffer (each column padded
+// to a multiple of 64 bytes, so that every column start has the alignment the plans were made with,
+// plus 64 bytes, so that the columns of a power-of-two length do not all fall into the same cache
+// sets), transformed column by column and written back the same way. On tile bands a strip is as
+// wide as a tile: it costs one pass over a column of tiles, and a band larger than memory streams
+// through the tile cache. On memory bands a strip is a few cache lines wide, so that its buffer
+// stays in the core's own cache.
 //
-// Plans: one per kind and length, made on first use with FFTW_MEASURE under a lock (the planner is
-// not thread-safe) and kept until the process ends. Tasks execute them on their own buffers through the
-// new-array functions, which are thread-safe.
+// Plans: one per kind and length, made on first use with FFTW_ESTIMATE under a lock (the planner is
+// not thread-safe) and kept until the process ends. Estimated plans depend on the length and the
+// machine's instruction set only, not on timings, so every process computes the same bits; measured
+// plans (FFTW_MEASURE) were up to a tenth faster on 4096 but could differ in the last bits from run
+// to run. Tasks execute the plans on their own buffers through the new-array functions, which are
+// thread-safe.
+//
+// Scratch memory: the passes run one worker per core, each taking the next block of rows or the next
+// strip until none is left; the workers' buffers are allocated once per pass on the calling thread,
+// never inside a task.
 
 #include "Filter/FftFilter.h"
 #include "Filter/Detail/RowBuffers.h"
 
 #include <fftw3.h>
 
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <complex>
 #include <map>
@@ -121,10 +134,10 @@ typename SFftw<TReal>::TPlan GetPlan(EPlanKind eKind, int nLength)
   auto& pPlan = s_oPlans.m_map[std::make_pair(int(eKind), nLength)];
   if (!pPlan)
   {
-    // Measuring overwrites the arrays: scratch ones, of the alignment of every buffer used later.
+    // Planning arrays of the alignment of every buffer used later (FFTW_ESTIMATE leaves them alone).
     CFftBuffer<TReal, TReal> oReal(std::size_t(nLength) + 2);
     CFftBuffer<TComplex, TReal> oComplex(std::size_t(nLength) + 1);
-    const unsigned nFlags = FFTW_MEASURE;
+    const unsigned nFlags = FFTW_ESTIMATE;
     switch (eKind)
     {
     case ePlanRealToComplex: pPlan = TFftw::PlanR2C(nLength, oReal.Get(), oComplex.Get(), nFlags); break;
@@ -138,39 +151,62 @@ typename SFftw<TReal>::TPlan GetPlan(EPlanKind eKind, int nLength)
   return pPlan;
 }
 
-// Complex values per column of a strip buffer: a multiple of 8, so that every column starts a
-// multiple of 64 bytes after the buffer's aligned start, the widest SIMD alignment FFTW may plan for.
-inline std::size_t ColumnStride(int nLength)
+// Values per scratch column or row: a multiple of 64 bytes, so that every one starts with the
+// alignment of the buffer's start, the widest SIMD alignment FFTW may plan for, and 64 bytes more,
+// so that power-of-two lengths do not map every column to the same cache sets.
+template <class T>
+std::size_t ScratchStride(std::size_t nCount)
 {
-  return (std::size_t(nLength) + 7) & ~std::size_t(7);
+  const std::size_t nLine = 64 / sizeof(T);
+  return (nCount + nLine - 1) / nLine * nLine + nLine;
 }
 
-// Columns per strip: a tile's width on tile bands (half the block hint), a few cache lines on memory.
+// Columns per strip: a tile's width on tile bands (half the block hint), 32 on memory bands.
 template <class TIterator>
-int StripWidth(const TIterator& it)
+int StripWidth(const TIterator& it, bool bTiles)
 {
-  return int(std::max<std::uint32_t>(8, std::min<std::uint32_t>(256, it.GetBlockHintX() / 2)));
+  return bTiles ? int(std::max<std::uint32_t>(8, std::min<std::uint32_t>(256, it.GetBlockHintX() / 2))) : 32;
+}
+
+// fn(nWorker, nItem) for every item of [0, nItems), on at most nWorkers workers at once, each taking
+// the next item until none is left. nWorker < nWorkers indexes the scratch the caller made per worker.
+template <class TFn>
+void ForEachItem(int nWorkers, int nItems, const TFn& fn)
+{
+  std::atomic<int> nNext(0);
+  tbb::parallel_for(0, nWorkers, [&](int nWorker) {
+    for (int nItem = nNext++; nItem < nItems; nItem = nNext++)
+      fn(nWorker, nItem);
+  });
+}
+
+int WorkerCount(int nItems)
+{
+  return std::max(1, std::min(nItems, tbb::this_task_arena::max_concurrency()));
 }
 
 // Strips of columns [0, nColumns): reads rows [0, nReadRows) of the two bands into a column-major
 // buffer (rows up to nLength stay 0), transforms each column in place, and hands the buffer to
-// fnWrite(x0, nWidth, pBuffer, nStride).
+// fnWrite(x0, nWidth, pBuffer, nStride, pRe, pIm), with two scratch rows of the strip's width.
 template <class TReal, class TItRe, class TItIm, class TWrite>
-void TransformColumnStrips(const TItRe& itRe, const TItIm& itIm, int nColumns, int nReadRows, int nLength,
-                           EPlanKind eKind, const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger,
+void TransformColumnStrips(const TItRe& itRe, const TItIm& itIm, bool bTiles, int nColumns, int nReadRows,
+                           int nLength, EPlanKind eKind, const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger,
                            const TWrite& fnWrite)
 {
   using TFftw = SFftw<TReal>;
   using TComplex = typename TFftw::TComplex;
   const auto pPlan = GetPlan<TReal>(eKind, nLength);
-  const int nStrip = StripWidth(itRe);
-  const std::size_t nStride = ColumnStride(nLength);
+  const int nStrip = std::min(StripWidth(itRe, bTiles), nColumns);
+  const std::size_t nStride = ScratchStride<TComplex>(std::size_t(nLength));
+  const std::size_t nRowStride = ScratchStride<TComplex>(std::size_t(nStrip));
+  const std::size_t nScratch = nStride * std::size_t(nStrip) + nRowStride; // the strip, then two rows
   const int nStrips = (nColumns + nStrip - 1) / nStrip;
-  Detail::ParallelBlocks(nStrips, 1, [&](int nBegin, int nEnd) {
-    CFftBuffer<TComplex, TReal> oBuffer(nStride * std::size_t(nStrip));
-    std::vector<TReal> vecRe(static_cast<std::size_t>(nStrip)), vecIm(static_cast<std::size_t>(nStrip));
-    TComplex* pBuffer = oBuffer.Get();
-    for (int nS = nBegin; nS < nEnd; ++nS)
+  const int nWorkers = WorkerCount(nStrips);
+  CFftBuffer<TComplex, TReal> oScratch(nScratch * std::size_t(nWorkers));
+  ForEachItem(nWorkers, nStrips, [&](int nWorker, int nS) {
+    TComplex* pBuffer = oScratch.Get() + nScratch * std::size_t(nWorker);
+    TReal* pRe = reinterpret_cast<TReal*>(pBuffer + nStride * std::size_t(nStrip));
+    TReal* pIm = pRe + nStrip;
     {
       const int nX0 = nS * nStrip;
       const int nWidth = std::min(nStrip, nColumns - nX0);
@@ -178,12 +214,12 @@ void TransformColumnStrips(const TItRe& itRe, const TItIm& itIm, int nColumns, i
       Detail::CRowCursor<TItIm> oIm(itIm, nX0, nWidth);
       for (int nY = 0; nY < nReadRows; ++nY)
       {
-        oRe.Read(nY, vecRe.data());
-        oIm.Read(nY, vecIm.data());
+        oRe.Read(nY, pRe);
+        oIm.Read(nY, pIm);
         for (int j = 0; j < nWidth; ++j)
         {
-          pBuffer[std::size_t(j) * nStride + nY][0] = vecRe[j];
-          pBuffer[std::size_t(j) * nStride + nY][1] = vecIm[j];
+          pBuffer[std::size_t(j) * nStride + nY][0] = pRe[j];
+          pBuffer[std::size_t(j) * nStride + nY][1] = pIm[j];
         }
       }
       for (int j = 0; j < nWidth; ++j)
@@ -193,7 +229,7 @@ void TransformColumnStrips(const TItRe& itRe, const TItIm& itIm, int nColumns, i
         std::fill(pValues + 2 * nReadRows, pValues + 2 * nLength, TReal(0)); // zero padding
         TFftw::C2C(pPlan, pColumn);
       }
-      fnWrite(nX0, nWidth, pBuffer, nStride);
+      fnWrite(nX0, nWidth, pBuffer, nStride, pRe, pIm);
       if (pLogger)
         pLogger->IncrementProgress(double(nWidth));
     }
@@ -214,6 +250,7 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
   const int nHalf = nX / 2 + 1;
   const bool bHasNoData = oSrc.HasNoDataValue();
   const TPixel tNoData = bHasNoData ? oSrc.GetNoDataValue() : TPixel(0);
+  const bool bTiles = std::is_same<typename TSrcBand::TTagType, Band::STileTag>::value;
 
   const auto itSrc = Detail::BeginOf(oSrc);
   const auto itRe = Detail::MutableBeginOf(oDestRe);
@@ -221,31 +258,44 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
   using TItRe = std::decay_t<decltype(itRe)>;
   using TItIm = std::decay_t<decltype(itIm)>;
 
-  // Rows: source row y to columns [0, nHalf) of destination row y.
+  // Rows: source row y to columns [0, nHalf) of destination row y. A worker's scratch: the padded
+  // input row, the transform and its two parts.
+  static_assert(std::is_same<TPixel, TReal>::value, "one pixel type in and out");
   const auto pRowPlan = GetPlan<TReal>(ePlanRealToComplex, nX);
-  Detail::ParallelBlocks(nHeight, 16, [&](int nBegin, int nEnd) {
-    CFftBuffer<TReal, TReal> oIn(static_cast<std::size_t>(nX) + 2);
-    CFftBuffer<TComplex, TReal> oOut(static_cast<std::size_t>(nHalf));
-    std::vector<TPixel> vecRow(static_cast<std::size_t>(nWidth));
-    std::vector<TReal> vecRe(static_cast<std::size_t>(nHalf)), vecIm(static_cast<std::size_t>(nHalf));
+  const int nRowBlock = 16, nBlocks = (nHeight + nRowBlock - 1) / nRowBlock;
+  const int nWorkers = WorkerCount(nBlocks);
+  const std::size_t nInStride = ScratchStride<TReal>(std::size_t(nX) + 2);
+  const std::size_t nPartStride = ScratchStride<TReal>(std::size_t(nHalf));
+  const std::size_t nScratch = nInStride + 4 * nPartStride; // in, out (complex), real part, imaginary part
+  CFftBuffer<TReal, TReal> oScratch(nScratch * std::size_t(nWorkers));
+  std::vector<char> vecZeroed(static_cast<std::size_t>(nWorkers), 0);
+  ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
+    TReal* pIn = oScratch.Get() + nScratch * std::size_t(nWorker);
+    TComplex* pOut = reinterpret_cast<TComplex*>(pIn + nInStride);
+    TReal* pRe = pIn + nInStride + 2 * nPartStride;
+    TReal* pIm = pRe + nPartStride;
+    if (!vecZeroed[std::size_t(nWorker)])
+    {
+      std::fill(pIn + nWidth, pIn + nX, TReal(0)); // the padding, never written after
+      vecZeroed[std::size_t(nWorker)] = 1;
+    }
     Detail::CRowCursor<std::decay_t<decltype(itSrc)>> oSrcRows(itSrc, 0, nWidth);
     Detail::CRowCursor<TItRe> oReRows(itRe, 0, nHalf);
     Detail::CRowCursor<TItIm> oImRows(itIm, 0, nHalf);
-    TReal* pIn = oIn.Get();
-    std::fill(pIn, pIn + nX, TReal(0));
-    for (int y = nBegin; y < nEnd; ++y)
+    const int nEnd = std::min(nHeight, (nBlock + 1) * nRowBlock);
+    for (int y = nBlock * nRowBlock; y < nEnd; ++y)
     {
-      oSrcRows.Read(y, vecRow.data());
+      oSrcRows.Read(y, pIn);
       for (int x = 0; x < nWidth; ++x)
-        pIn[x] = Detail::IsValidPixel(vecRow[x], bHasNoData, tNoData) ? TReal(vecRow[x]) : TReal(0);
-      TFftw::R2C(pRowPlan, pIn, oOut.Get());
+        pIn[x] = Detail::IsValidPixel(pIn[x], bHasNoData, tNoData) ? pIn[x] : TReal(0);
+      TFftw::R2C(pRowPlan, pIn, pOut);
       for (int u = 0; u < nHalf; ++u)
       {
-        vecRe[u] = oOut.Get()[u][0];
-        vecIm[u] = oOut.Get()[u][1];
+        pRe[u] = pOut[u][0];
+        pIm[u] = pOut[u][1];
       }
-      oReRows.Write(y, vecRe.data());
-      oImRows.Write(y, vecIm.data());
+      oReRows.Write(y, pRe);
+      oImRows.Write(y, pIm);
       if (pLogger)
         pLogger->IncrementProgress();
     }
@@ -253,9 +303,8 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
 
   // Columns [0, nHalf), each with its conjugate mirror column nX - u for 0 < u < nX / 2.
   TransformColumnStrips<TReal>(
-    itRe, itIm, nHalf, nHeight, nY, ePlanComplexForward, pLogger,
-    [&](int nX0, int nStripWidth, const TComplex* pBuffer, std::size_t nStride) {
-      std::vector<TReal> vecRe(static_cast<std::size_t>(nStripWidth)), vecIm(static_cast<std::size_t>(nStripWidth));
+    itRe, itIm, bTiles, nHalf, nHeight, nY, ePlanComplexForward, pLogger,
+    [&](int nX0, int nStripWidth, const TComplex* pBuffer, std::size_t nStride, TReal* vecRe, TReal* vecIm) {
       Detail::CRowCursor<TItRe> oRe(itRe, nX0, nStripWidth);
       Detail::CRowCursor<TItIm> oIm(itIm, nX0, nStripWidth);
       for (int v = 0; v < nY; ++v)
@@ -265,8 +314,8 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
           vecRe[j] = pBuffer[std::size_t(j) * nStride + v][0];
           vecIm[j] = pBuffer[std::size_t(j) * nStride + v][1];
         }
-        oRe.Write(v, vecRe.data());
-        oIm.Write(v, vecIm.data());
+        oRe.Write(v, vecRe);
+        oIm.Write(v, vecIm);
       }
       const int nM0 = std::max(nX0, 1), nM1 = std::min(nX0 + nStripWidth, nX / 2); // mirrored u
       if (nM0 >= nM1)
@@ -283,8 +332,8 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
           vecRe[k] = oValue[0];
           vecIm[k] = -oValue[1];
         }
-        oMirrorRe.Write(v, vecRe.data());
-        oMirrorIm.Write(v, vecIm.data());
+        oMirrorRe.Write(v, vecRe);
+        oMirrorIm.Write(v, vecIm);
       }
     });
 }
@@ -312,10 +361,10 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   const auto itWorkIm = Detail::MutableBeginOf(oWorkIm);
   using TItWorkRe = std::decay_t<decltype(itWorkRe)>;
   using TItWorkIm = std::decay_t<decltype(itWorkIm)>;
+  const bool bTiles = std::is_same<typename TSrcBand::TTagType, Band::STileTag>::value;
   TransformColumnStrips<TReal>(
-    Detail::BeginOf(oSrcRe), Detail::BeginOf(oSrcIm), nHalf, nY, nY, ePlanComplexBackward, pLogger,
-    [&](int nX0, int nStripWidth, const TComplex* pBuffer, std::size_t nStride) {
-      std::vector<TReal> vecRe(static_cast<std::size_t>(nStripWidth)), vecIm(static_cast<std::size_t>(nStripWidth));
+    Detail::BeginOf(oSrcRe), Detail::BeginOf(oSrcIm), bTiles, nHalf, nY, nY, ePlanComplexBackward, pLogger,
+    [&](int nX0, int nStripWidth, const TComplex* pBuffer, std::size_t nStride, TReal* vecRe, TReal* vecIm) {
       Detail::CRowCursor<TItWorkRe> oRe(itWorkRe, nX0, nStripWidth);
       Detail::CRowCursor<TItWorkIm> oIm(itWorkIm, nX0, nStripWidth);
       for (int y = 0; y < nHeight; ++y)
@@ -325,8 +374,8 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
           vecRe[j] = pBuffer[std::size_t(j) * nStride + y][0];
           vecIm[j] = pBuffer[std::size_t(j) * nStride + y][1];
         }
-        oRe.Write(y, vecRe.data());
-        oIm.Write(y, vecIm.data());
+        oRe.Write(y, vecRe);
+        oIm.Write(y, vecIm);
       }
     });
 
@@ -334,24 +383,32 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   const auto pRowPlan = GetPlan<TReal>(ePlanComplexToReal, nX);
   const TReal tScale = TReal(1.0 / (double(nX) * double(nY)));
   const auto itDest = Detail::MutableBeginOf(oDest);
-  Detail::ParallelBlocks(nHeight, 16, [&](int nBegin, int nEnd) {
-    CFftBuffer<TComplex, TReal> oIn(static_cast<std::size_t>(nHalf));
-    CFftBuffer<TReal, TReal> oOut(static_cast<std::size_t>(nX) + 2);
-    std::vector<TReal> vecRe(static_cast<std::size_t>(nHalf)), vecIm(static_cast<std::size_t>(nHalf));
+  // A worker's scratch: the two parts of a row, the row as complex values, the transform.
+  const int nRowBlock = 16, nBlocks = (nHeight + nRowBlock - 1) / nRowBlock;
+  const int nWorkers = WorkerCount(nBlocks);
+  const std::size_t nPartStride = ScratchStride<TReal>(std::size_t(nHalf));
+  const std::size_t nOutStride = ScratchStride<TReal>(std::size_t(nX) + 2);
+  const std::size_t nScratch = 4 * nPartStride + nOutStride;
+  CFftBuffer<TReal, TReal> oScratch(nScratch * std::size_t(nWorkers));
+  ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
+    TReal* vecRe = oScratch.Get() + nScratch * std::size_t(nWorker);
+    TReal* vecIm = vecRe + nPartStride;
+    TComplex* pIn = reinterpret_cast<TComplex*>(vecIm + nPartStride);
+    TReal* pOut = vecRe + 4 * nPartStride;
     Detail::CRowCursor<TItWorkRe> oRe(itWorkRe, 0, nHalf);
     Detail::CRowCursor<TItWorkIm> oIm(itWorkIm, 0, nHalf);
     Detail::CRowCursor<std::decay_t<decltype(itDest)>> oDestRows(itDest, 0, nWidth);
-    TReal* pOut = oOut.Get();
-    for (int y = nBegin; y < nEnd; ++y)
+    const int nEnd = std::min(nHeight, (nBlock + 1) * nRowBlock);
+    for (int y = nBlock * nRowBlock; y < nEnd; ++y)
     {
-      oRe.Read(y, vecRe.data());
-      oIm.Read(y, vecIm.data());
+      oRe.Read(y, vecRe);
+      oIm.Read(y, vecIm);
       for (int u = 0; u < nHalf; ++u)
       {
-        oIn.Get()[u][0] = vecRe[u];
-        oIn.Get()[u][1] = vecIm[u];
+        pIn[u][0] = vecRe[u];
+        pIn[u][1] = vecIm[u];
       }
-      TFftw::C2R(pRowPlan, oIn.Get(), pOut);
+      TFftw::C2R(pRowPlan, pIn, pOut);
       for (int x = 0; x < nWidth; ++x)
         pOut[x] *= tScale;
       oDestRows.Write(y, pOut);
