@@ -119,7 +119,8 @@ using TSumType = std::conditional_t<std::is_same<TPixel, double>::value ||
                                       (std::is_integral<TPixel>::value && sizeof(TPixel) >= 4),
                                     double, float>;
 
-// A computed value as a pixel: integers rounded to nearest and clamped to the type (NaN gives 0).
+// A computed value as a pixel: integers rounded to nearest, halves away from zero whatever the
+// floating-point rounding mode, and clamped to the type (NaN gives 0).
 template <class TPixel, class TValue>
 inline TPixel ToPixel(TValue tValue)
 {
@@ -131,7 +132,12 @@ inline TPixel ToPixel(TValue tValue)
       return tValue == tValue ? std::numeric_limits<TPixel>::lowest() : TPixel(0);
     if (tValue >= tHigh)
       return std::numeric_limits<TPixel>::max();
-    return TPixel(std::nearbyint(tValue));
+    // The conversion truncates toward zero and the remainder is exact: a step away from zero when
+    // it is half or more. Within (lowest, max) the wide integer cannot overflow.
+    using TWide = std::conditional_t<(sizeof(TPixel) < 4), int, long long>;
+    const TWide nTrunc = TWide(tValue);
+    const TValue tRest = tValue - TValue(nTrunc);
+    return TPixel(nTrunc + TWide(tRest >= TValue(0.5)) - TWide(tRest <= TValue(-0.5)));
   }
   else
     return TPixel(tValue);
