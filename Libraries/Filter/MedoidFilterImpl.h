@@ -20,10 +20,11 @@ namespace Detail {
 // member's distances to the n valid members is least exactly where at most n / 2 of them lie below
 // its value and at most n / 2 above (the median members), so counting replaces summing: no
 // rounding, no overflow, infinities included. Invalid members become NaN, which is neither below
-// nor above anything. Each pair of members is compared once across the chunk and both members'
-// counts updated, in plain loops that vectorise: N * (N - 1) / 2 pairs of two compares and four
-// adds per pixel. Values and counts are as wide as each other (float and int for pixels of up to 16
-// bits and float, double and 64-bit counts for the rest), so the compare masks need no narrowing.
+// nor above anything. Each member is compared with the others four at a time across the chunk, its
+// two counts held in chunk-wide arrays, in plain loops that vectorise: N * N compares of each kind
+// per pixel, and the member is taken or not as soon as it is counted. Values and counts are as wide
+// as each other (float and int for pixels of up to 16 bits and float, double and 64-bit counts for
+// the rest), so the compare masks need no narrowing.
 template <class TPixel>
 struct SMedianMemberKernel
 {
@@ -37,10 +38,8 @@ struct SMedianMemberKernel
   void operator()(int n, TPixel* const* ppDest, const TPixel* const* ppStack) const
   {
     const int nMembers = int(m_vecNoData.size());
-    const std::size_t nRows = std::size_t(nMembers) * ms_nChunk;
-    std::vector<TValue> vecValues(nRows);
-    std::vector<TCount> vecBelow(nRows), vecAbove(nRows);
-    TCount anValid[ms_nChunk], anFound[ms_nChunk];
+    std::vector<TValue> vecValues(std::size_t(nMembers) * ms_nChunk);
+    TCount anValid[ms_nChunk], anHalf[ms_nChunk], anFound[ms_nChunk], anBelow[ms_nChunk], anAbove[ms_nChunk];
     TValue atBest[ms_nChunk];
     for (int nStart = 0; nStart < n; nStart += ms_nChunk)
     {
@@ -58,39 +57,44 @@ struct SMedianMemberKernel
           pValue[i] = bInvalid ? std::numeric_limits<TValue>::quiet_NaN() : TValue(t);
           anValid[i] += TCount(!bInvalid);
         }
-        std::fill_n(&vecBelow[std::size_t(m) * ms_nChunk], nCount, TCount(0));
-        std::fill_n(&vecAbove[std::size_t(m) * ms_nChunk], nCount, TCount(0));
       }
-      for (int m = 0; m < nMembers; ++m)
-        for (int o = m + 1; o < nMembers; ++o)
-        {
-          const TValue* __restrict pM = &vecValues[std::size_t(m) * ms_nChunk];
-          const TValue* __restrict pO = &vecValues[std::size_t(o) * ms_nChunk];
-          TCount* __restrict pBelowM = &vecBelow[std::size_t(m) * ms_nChunk];
-          TCount* __restrict pAboveM = &vecAbove[std::size_t(m) * ms_nChunk];
-          TCount* __restrict pBelowO = &vecBelow[std::size_t(o) * ms_nChunk];
-          TCount* __restrict pAboveO = &vecAbove[std::size_t(o) * ms_nChunk];
-          for (int i = 0; i < nCount; ++i)
-          {
-            const TCount nOBelow = TCount(pO[i] < pM[i]), nOAbove = TCount(pO[i] > pM[i]);
-            pBelowM[i] += nOBelow;
-            pAboveM[i] += nOAbove;
-            pBelowO[i] += nOAbove;
-            pAboveO[i] += nOBelow;
-          }
-        }
+      for (int i = 0; i < nCount; ++i)
+        anHalf[i] = anValid[i] / 2;
       std::fill_n(anFound, nCount, TCount(0));
       std::fill_n(atBest, nCount, TValue(0));
       for (int m = 0; m < nMembers; ++m)
       {
-        const TValue* __restrict pValue = &vecValues[std::size_t(m) * ms_nChunk];
-        const TCount* __restrict pBelow = &vecBelow[std::size_t(m) * ms_nChunk];
-        const TCount* __restrict pAbove = &vecAbove[std::size_t(m) * ms_nChunk];
+        const TValue* __restrict pM = &vecValues[std::size_t(m) * ms_nChunk];
+        std::fill_n(anBelow, nCount, TCount(0));
+        std::fill_n(anAbove, nCount, TCount(0));
+        int o = 0;
+        for (; o + 4 <= nMembers; o += 4)
+        {
+          const TValue* __restrict p0 = &vecValues[std::size_t(o) * ms_nChunk];
+          const TValue* __restrict p1 = p0 + ms_nChunk;
+          const TValue* __restrict p2 = p1 + ms_nChunk;
+          const TValue* __restrict p3 = p2 + ms_nChunk;
+          for (int i = 0; i < nCount; ++i)
+          {
+            const TValue x = pM[i];
+            anBelow[i] += TCount(p0[i] < x) + TCount(p1[i] < x) + TCount(p2[i] < x) + TCount(p3[i] < x);
+            anAbove[i] += TCount(p0[i] > x) + TCount(p1[i] > x) + TCount(p2[i] > x) + TCount(p3[i] > x);
+          }
+        }
+        for (; o < nMembers; ++o)
+        {
+          const TValue* __restrict pO = &vecValues[std::size_t(o) * ms_nChunk];
+          for (int i = 0; i < nCount; ++i)
+          {
+            anBelow[i] += TCount(pO[i] < pM[i]);
+            anAbove[i] += TCount(pO[i] > pM[i]);
+          }
+        }
         for (int i = 0; i < nCount; ++i)
         {
-          const TValue tValue = pValue[i];
-          const bool bTake = (anFound[i] == 0) & (tValue == tValue) & (2 * pBelow[i] <= anValid[i]) &
-                             (2 * pAbove[i] <= anValid[i]);
+          const TValue tValue = pM[i];
+          const bool bTake = (anFound[i] == 0) & (tValue == tValue) & (anBelow[i] <= anHalf[i]) &
+                             (anAbove[i] <= anHalf[i]);
           atBest[i] = bTake ? tValue : atBest[i];
           anFound[i] = bTake ? TCount(1) : anFound[i];
         }
