@@ -433,7 +433,7 @@ void CHistoFunctor<TAcc, TPixel>::ApplyRow(const TPixel* pRow, std::size_t nLeng
     const auto fnExact = [this](TPixel tValue) { return GetBinIndex(tValue); };
 #if defined(__x86_64__) && defined(__GNUC__)
     if constexpr (std::is_same<TPixel, float>::value && Detail::ms_bVectorPredicate<TPredicate>)
-      if (nLanes == 4 && Detail::HasAvx2())
+      if (nLanes == 4 && oBins.HasFloatForm() && Detail::HasAvx2())
       {
         m_nCount += Detail::FloatBinRowAvx2(pRow, nLength, oPredicate, oBins, m_vecLanes.data(), nStride, fnExact);
         return;

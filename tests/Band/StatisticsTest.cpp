@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <limits>
 #include <map>
@@ -294,6 +295,34 @@ TEST(ForEach2DTest, StartStateProgressEmptyRectanglesAndExceptions)
   EXPECT_THROW(ForEach2D(oConst.GetBandIterators(oBand), SThrowOnNegative(), pLogger, SAllowParallelReduce()),
                std::runtime_error);
   EXPECT_EQ(pLogger->GetDepth(), 1u);
+}
+
+// Pixels of sizes that have no tiles (here 3 bytes) walk on the same kind of grid: every pixel once,
+// over several cells.
+TEST(ForEach2DTest, PixelsWithoutATileSizeWalkInParallel)
+{
+  struct SRgb
+  {
+    unsigned char m_anValue[3];
+  };
+  struct SSumRed
+  {
+    SSumRed() = default;
+    SSumRed(const SSumRed&, Orl::Harnel::Math::SEmptyState) {}
+    void operator()(const SRgb& o) { m_nSum += o.m_anValue[0], ++m_nCount; }
+    void Join(const SSumRed& o) { m_nSum += o.m_nSum, m_nCount += o.m_nCount; }
+    std::uint64_t m_nSum = 0, m_nCount = 0;
+  };
+  const unsigned nWidth = 70, nHeight = 2 * Detail::SWalkGrid<SRgb>::ms_nCellY + 3;
+  std::vector<SRgb> vecPixels(std::size_t(nWidth) * nHeight);
+  std::uint64_t nExpected = 0;
+  for (std::size_t i = 0; i < vecPixels.size(); ++i)
+    nExpected += vecPixels[i].m_anValue[0] = (unsigned char)(i * 31 % 251);
+  using TIterator = Detail::CMemoryBandIterator<SRgb, int>;
+  const auto oIts = boost::make_tuple(TIterator(vecPixels.data(), nWidth, nHeight, 0, 0, 64, 64),
+                                      TIterator(vecPixels.data(), nWidth, nHeight, int(nWidth), int(nHeight), 64, 64));
+  const SSumRed oSum = ForEach2D(oIts, SSumRed(), nullptr, SAllowParallelReduce());
+  EXPECT_TRUE(oSum.m_nSum == nExpected && oSum.m_nCount == vecPixels.size());
 }
 
 // Wraps a band's calculator and notes the calls that reach it: "name", or "name~" when approximate.
