@@ -196,6 +196,8 @@ public:
 
   std::uint32_t GetBlockHintX() const;
   std::uint32_t GetBlockHintY() const;
+  std::uint32_t GetBandWidth() const { return m_nBandWidth; }
+  std::uint32_t GetBandHeight() const { return m_nBandHeight; }
 
   // A row run: the pixels from the current one to the current tile's right edge lie one after the
   // other from &*it, so that walks can take them as a plain array. Only while attached. AdvanceX(n),

@@ -14,13 +14,31 @@
 
 #include "Band/MemoryBandIterator.h"
 #include "Band/TileBandIterator.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/Point.h"
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <cstdlib>
 #include <type_traits>
 
 namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
+
+// Throws CBasicException unless the rectangle a begin/end pair walks lies inside the band: it runs
+// |end - begin| pixels forward from begin on each axis, also where end is before begin. An empty
+// rectangle is inside any band. Needs the band's size from the iterator (GetBandWidth/Height).
+template <class TIterator>
+void CheckSourceInside(const TIterator& itBegin, const TIterator& itEnd)
+{
+  const std::int64_t nX = itBegin.X, nY = itBegin.Y;
+  const std::int64_t nColumns = std::abs(std::int64_t(itEnd.X) - nX), nRows = std::abs(std::int64_t(itEnd.Y) - nY);
+  const std::int64_t nBandWidth = std::int64_t(itBegin.GetBandWidth()), nBandHeight = std::int64_t(itBegin.GetBandHeight());
+  if (nColumns != 0 && nRows != 0 && (nX < 0 || nY < 0 || nX + nColumns > nBandWidth || nY + nRows > nBandHeight))
+    Harnel::ThrowBadArgument(__FILE__, __LINE__,
+                             "A source of %1% x %2% pixels at (%3%, %4%) reaches outside its band of %5% x %6% pixels",
+                             nColumns, nRows, nX, nY, nBandWidth, nBandHeight);
+}
 
 template <class TIterator>
 struct SRowRuns : std::false_type
