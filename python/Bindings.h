@@ -17,6 +17,7 @@
 #include <boost/shared_ptr.hpp>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
+#include <pybind11/stl.h> // in every unit, so that all agree on how a std::vector converts
 
 #include <algorithm>
 #include <cmath>
@@ -205,13 +206,15 @@ TPixel ToPixel(const py::object& oValue, const char* pArgument)
   return TPixel(dValue);
 }
 
-// Sets nodata (None: nothing) as the no-data value of the bands.
+// Sets nodata as the no-data value of the bands. Without one, float bands get NaN, so that pixels a
+// filter leaves without a value read as NaN in numpy (the library's own hint is the lowest value);
+// integer bands keep the hint.
 template <class TPixel, class... TBands>
 void SetNoData(const py::object& oNoData, TBands&... oBands)
 {
-  if (oNoData.is_none())
+  if (oNoData.is_none() && !std::is_floating_point<TPixel>::value)
     return;
-  const TPixel tValue = ToPixel<TPixel>(oNoData, "nodata");
+  const TPixel tValue = oNoData.is_none() ? std::numeric_limits<TPixel>::quiet_NaN() : ToPixel<TPixel>(oNoData, "nodata");
   (oBands.SetNoDataValue(tValue), ...);
 }
 
@@ -288,7 +291,8 @@ struct SApplyDestSrc
 
 // The shape of most bindings: the 2-D array a of pixel type TSrc, used in place, to a destination of
 // pixel type TDest and shape vecShape (a's when empty), out or a new array. nodata is set on the
-// source, and on the destination when it has the source's pixel type; oApply(filter, dest, src)
+// source, and on the destination when it has the source's pixel type (else the destination gets
+// NaN when it is float); oApply(filter, dest, src)
 // runs with the GIL released.
 template <class TDest, class TSrc, class TFilter, class TApply = SApplyDestSrc>
 py::array MapBand(const TFilter& oFilter, const py::handle& oA, const py::object& oNoData, const py::object& oOut,
@@ -303,6 +307,8 @@ py::array MapBand(const TFilter& oFilter, const py::handle& oA, const py::object
   SetNoData<TSrc>(oNoData, oSrc);
   if constexpr (std::is_same<TDest, TSrc>::value)
     SetNoData<TSrc>(oNoData, oDest);
+  else
+    SetNoData<TDest>(py::none(), oDest);
   RunFilter(oFilter, oProgress, [&](const TFilter& oRun) { oApply(oRun, oDest, oSrc); });
   return std::move(oOutArray);
 }
@@ -313,8 +319,8 @@ py::array MapBand(const TFilter& oFilter, const py::handle& oA, const py::object
 #define ORL_PY_COMMON_DOC                                                                                \
   "\nnodata : scalar, optional\n"                                                                        \
   "    The no-data value of the inputs (and of a destination of their dtype). Float NaN is always\n"   \
-  "    no-data. Destination pixels without a value get nodata, or without it the dtype's hint: NaN\n"  \
-  "    for floats, the maximum for unsigned and the minimum for signed integer dtypes.\n"               \
+  "    no-data. Destination pixels without a value get nodata, or without it NaN for floats, the\n"    \
+  "    maximum for unsigned and the minimum for signed integer dtypes.\n"                              \
   "out : ndarray, optional\n"                                                                            \
   "    C-contiguous, writeable destination of the result's dtype and shape, written in place and\n"     \
   "    returned; it must not overlap an input (unless noted below).\n"                                  \

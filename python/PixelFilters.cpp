@@ -9,8 +9,6 @@
 #include "Filter/MaskRangeReplaceFilter.h"
 #include "Filter/MinMaxBinaryFilter.h"
 
-#include <pybind11/stl.h>
-
 namespace Orl { namespace Python {
 
 namespace {

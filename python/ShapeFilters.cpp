@@ -13,8 +13,6 @@
 #include "Filter/SkeletonSimpleFilter.h"
 #include "Filter/SkeletonZhangSuenFilter.h"
 
-#include <pybind11/stl.h>
-
 namespace Orl { namespace Python {
 
 namespace {

@@ -10,7 +10,6 @@
 #include "Filter/FftFilter.h"
 
 #include <pybind11/complex.h>
-#include <pybind11/stl.h>
 
 #include <complex>
 

@@ -11,7 +11,6 @@
 
 #include <boost/numeric/ublas/matrix.hpp>
 #include <boost/numeric/ublas/vector.hpp>
-#include <pybind11/stl.h>
 
 namespace Orl { namespace Python {
 
@@ -38,8 +37,11 @@ py::array MaskMerge(const py::handle& oMasks, const py::object& oWeights, const 
     auto oOutArray = OutputArray<T>(oOut, BandShape(oMaskArray), {oMaskArray});
     auto vecMasks = StackBands(oMaskArray);
     auto oDest = ArrayBand(oOutArray);
-    SetNoData(oNoData, vecMasks);
-    SetNoData<T>(oNoData, oDest);
+    if (!oNoData.is_none()) // the marker; without it 0, also for float masks (NaN would set them all)
+    {
+      SetNoData(oNoData, vecMasks);
+      SetNoData<T>(oNoData, oDest);
+    }
     RunFilter(oFilter, oProgress, [&](const auto& oRun) { oRun.Apply(oDest, vecMasks); });
     return std::move(oOutArray);
   });
