@@ -225,6 +225,22 @@ void SetNoData(const py::object& oNoData, std::vector<TBand>& vecBands)
     SetNoData<typename TBand::TPixel>(oNoData, oBand);
 }
 
+// A Python argument as T (a sequence as a std::vector, a pair as a std::pair); TypeError naming the
+// argument instead of pybind11's RuntimeError.
+template <class T>
+T CastArgument(const py::handle& oValue, const char* pArgument, const char* pExpected)
+{
+  try
+  {
+    return py::cast<T>(oValue);
+  }
+  catch (const py::cast_error&)
+  {
+    throw py::type_error(std::string(pArgument) + ": expected " + pExpected + ", got " +
+                         std::string(py::str(oValue)));
+  }
+}
+
 // One of the names of a choice argument, as its enumerator; ValueError naming the choices.
 template <class TEnum>
 TEnum ParseChoice(const std::string& strValue, const char* pArgument,

@@ -98,7 +98,7 @@ py::array Mask(const py::handle& oA, const py::handle& oMask, const py::object& 
   bool bRange = !oMaskRange.is_none();
   std::pair<double, double> oRange(0.0, 0.0);
   if (bRange)
-    oRange = py::cast<std::pair<double, double>>(oMaskRange);
+    oRange = CastArgument<std::pair<double, double>>(oMaskRange, "mask_range", "(low, high)");
   if (oMaskObject.dtype().equal(py::dtype::of<bool>()))
   {
     oMaskObject = oMaskObject.attr("view")(py::dtype::of<unsigned char>());

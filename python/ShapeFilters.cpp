@@ -22,7 +22,7 @@ namespace Filter = Ostrel::Filter;
 // (rows, columns) of a shape argument, each in [1, 2^32 - 1].
 std::vector<py::ssize_t> ShapeArgument(const py::object& oShape, const char* pArgument)
 {
-  const auto vecShape = py::cast<std::vector<py::ssize_t>>(oShape);
+  const auto vecShape = CastArgument<std::vector<py::ssize_t>>(oShape, pArgument, "(rows, columns)");
   if (vecShape.size() != 2 || vecShape[0] < 1 || vecShape[1] < 1 || vecShape[0] > 0xffffffffL ||
       vecShape[1] > 0xffffffffL)
     throw py::value_error(std::string(pArgument) + ": expected (rows, columns), both at least 1");

@@ -50,7 +50,7 @@ py::array InverseFft(const py::handle& oSpectrum, const py::object& oShape, cons
 {
   auto oSpectrumArray = ContiguousArray<std::complex<T>>(oSpectrum, "spectrum");
   const auto vecPadded = ShapeOf(oSpectrumArray);
-  const auto vecShape = oShape.is_none() ? vecPadded : py::cast<std::vector<py::ssize_t>>(oShape);
+  const auto vecShape = oShape.is_none() ? vecPadded : CastArgument<std::vector<py::ssize_t>>(oShape, "shape", "(rows, columns)");
   if (vecShape.size() != 2 || vecShape[0] < 1 || vecShape[1] < 1 || vecShape[0] > vecPadded[0] ||
       vecShape[1] > vecPadded[1])
     throw py::value_error("shape: expected (rows, columns), at least 1 and at most the spectrum's");

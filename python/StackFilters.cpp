@@ -30,7 +30,7 @@ py::array MaskMerge(const py::handle& oMasks, const py::object& oWeights, const 
 {
   Filter::CMaskMergeFilter oFilter;
   if (!oWeights.is_none())
-    oFilter.SetWeights(py::cast<std::vector<double>>(oWeights));
+    oFilter.SetWeights(CastArgument<std::vector<double>>(oWeights, "weights", "a sequence of numbers"));
   return DispatchArray(oMasks, "masks", [&](auto tPixel) -> py::array {
     using T = decltype(tPixel);
     auto oMaskArray = ContiguousArray<T>(oMasks, "masks", 3);
@@ -106,9 +106,9 @@ py::array Predict(const py::handle& oStack, const std::vector<double>& vecCoeffi
 {
   boost::numeric::ublas::vector<double> vecModel(vecCoefficients.size());
   std::copy(vecCoefficients.begin(), vecCoefficients.end(), vecModel.begin());
-  const unsigned nTarget = oTarget.is_none() ? ~0u : py::cast<unsigned>(oTarget);
+  const unsigned nTarget = oTarget.is_none() ? ~0u : CastArgument<unsigned>(oTarget, "target", "a band number");
   const auto oRange = oBounds.is_none() ? std::pair<double, double>(1.0, 0.0)
-                                        : py::cast<std::pair<double, double>>(oBounds);
+                                        : CastArgument<std::pair<double, double>>(oBounds, "bounds", "(low, high)");
   if (!oBounds.is_none() && !(oRange.first <= oRange.second))
     throw py::value_error("bounds: expected (low, high) with low <= high");
   const Filter::CMultiRegressionPredictor oFilter(vecModel, nTarget, oRange.first, oRange.second);
@@ -134,7 +134,7 @@ py::array Stratify(const py::handle& oStack, const py::handle& oCoefficients, co
     throw py::value_error("coefficients: expected a 2-D array (classes, bands + 1)");
   boost::numeric::ublas::matrix<double> matModel(std::size_t(oModel.shape(0)), std::size_t(oModel.shape(1)));
   std::copy(oModel.data(), oModel.data() + oModel.size(), matModel.data().begin());
-  const auto vecClasses = oClasses.is_none() ? std::vector<unsigned>() : py::cast<std::vector<unsigned>>(oClasses);
+  const auto vecClasses = oClasses.is_none() ? std::vector<unsigned>() : CastArgument<std::vector<unsigned>>(oClasses, "classes", "a sequence of non-negative integers");
   const Filter::CMultinomialRegressionStratifier oFilter(matModel, vecClasses);
   return DispatchPixelType<STypeList<unsigned char, unsigned short>>(
     py::dtype::from_args(oDtype), "dtype", [&](auto tClass) {

@@ -94,6 +94,7 @@ BAD_CALLS = {
     "out read-only": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.float32),
                                                          out=np.broadcast_to(np.float32(0), (4, 4)))),
     "mask shape": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.float32), mask=np.zeros((4, 3), bool))),
+    "mask_range not a pair": (TypeError, lambda: orl.mask(np.ones((4, 4)), np.ones((4, 4), np.uint8), mask_range=(1,))),
     "mask dtype": (TypeError, lambda: orl.fill_holes(np.zeros((4, 4), np.int16), mask=np.zeros((4, 4), np.int16))),
     "range without mask": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.float32), mask_range=(0, 1))),
     "nodata beyond dtype": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.uint8), nodata=300)),
@@ -142,8 +143,9 @@ def test_progress_reaches_one_and_its_exception_comes_back():
 
 
 @pytest.mark.parametrize("call", [lambda a: orl.fill_holes(a, max_distance=8),
-                                  lambda a: [orl.statistics(a, bins=b) for b in (16, 32, 64)]],
-                         ids=["fill_holes", "statistics"])
+                                  lambda a: [orl.statistics(a, bins=b) for b in (16, 32, 64)],
+                                  lambda a: [orl.distance_transform(a, method=m) for m in ("exact", "chamfer")]],
+                         ids=["fill_holes", "statistics", "distance_transform"])
 def test_gil_is_released(call):
     a = raster(np.float32, shape=(3000, 3000), holes=0.2)
     ticks, stop = [0], threading.Event()
