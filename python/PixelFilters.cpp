@@ -147,7 +147,7 @@ py::array RangeReplace(const py::handle& oA, double dLow, double dHigh, const py
 constexpr const char* g_pBinaryDoc =
   "Parameters\n----------\n"
   "a : array_like, 2-D, any of the seven dtypes\n"
-  "b : array_like of a's dtype and shape, or a scalar\n" ORL_PY_COMMON_DOC
+  "b : array_like of a's dtype and shape, or a scalar" ORL_PY_COMMON_DOC
   "out may be a or b itself.\n\n"
   "Computed in float32 for float32, in float64 otherwise, rounded half away from zero and saturated\n"
   "for integer dtypes (7 / 2 gives 4). No-data or NaN in an input, division by zero and a NaN\n"
@@ -155,7 +155,7 @@ constexpr const char* g_pBinaryDoc =
 
 constexpr const char* g_pUnaryDoc =
   "Parameters\n----------\n"
-  "a : array_like, 2-D, any of the seven dtypes\n" ORL_PY_COMMON_DOC
+  "a : array_like, 2-D, any of the seven dtypes" ORL_PY_COMMON_DOC
   "out may be a itself.\n\n"
   "Computed in float32 for float32, in float64 otherwise, rounded half away from zero and saturated\n"
   "for integer dtypes. No-data and NaN in a, and a NaN result, give no-data.\n";
