@@ -10,7 +10,7 @@ namespace {
 
 struct SFillOptions
 {
-  SFilterArgs m_oArgs;
+  SBandsArgs m_oArgs;
   float m_fMaxDistance = 100.0f;
   unsigned int m_nMinDirections = 2;
   std::string m_strMask;
@@ -118,7 +118,7 @@ void RunFill(const SFillOptions& oOptions, const SGlobalOptions& oGlobal)
 TRunner DefineFill(CLI::App& oApp)
 {
   auto pOptions = std::make_shared<SFillOptions>();
-  AddFilterArgs(oApp, pOptions->m_oArgs);
+  AddBandsArgs(oApp, pOptions->m_oArgs, "IN", 2, 2);
   oApp.add_option("--max-distance,-d", pOptions->m_fMaxDistance,
                   "How far, in pixels, each hole looks for valid pixels along each of its eight lines")
     ->capture_default_str();

@@ -131,9 +131,10 @@ public:
   COutput(const COutput&) = delete;
   COutput& operator=(const COutput&) = delete;
 
-  // One band of eType and the input's size, with its georeferencing, projection, band description,
-  // unit, scale and offset; the no-data value when bNoData.
-  GDALRasterBandH Create(const CInput& oLike, GDALDataType eType, bool bNoData, double dNoData);
+  // nBands bands of eType and nWidth x nHeight pixels, each with oLike's unit, scale and offset; when
+  // bGeoreferenced, oLike's projection and georeferencing, its pixel size scaled to the new size.
+  GDALDatasetH Create(const CInput& oLike, unsigned int nBands, GDALDataType eType, unsigned int nWidth,
+                      unsigned int nHeight, bool bGeoreferenced);
   void Commit();
   const std::string& GetPath() const { return m_strPath; }
 
