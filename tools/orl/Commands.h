@@ -81,8 +81,8 @@ bool ToPixel(double dValue, TPixel& tPixel)
 }
 
 // Reads a band of the input as TPixel onto tag TTag with its no-data value; nInvalid gets the
-// number of pixels that are no-data, NaN or infinite.
-template <class TPixel, class TTag>
+// number of pixels that are no-data, NaN or infinite (0 unless BCount).
+template <class TPixel, class TTag, bool BCount = true>
 Ostrel::Band::CBand<TPixel, TTag> ReadInput(const CInput& oInput, const TLoggerPtr& pLogger, std::uint64_t& nInvalid)
 {
   Ostrel::Band::CBand<TPixel, TTag> oBand(oInput.m_nWidth, oInput.m_nHeight);
@@ -91,10 +91,10 @@ Ostrel::Band::CBand<TPixel, TTag> ReadInput(const CInput& oInput, const TLoggerP
   if (oInput.m_bHasNoData && !bNoData)
     Note(Text("%1%: the no-data value %2% does not fit the pixel type and is ignored", oInput.m_strPath,
               oInput.m_dNoData));
-  nInvalid = 0;
+  std::atomic<std::uint64_t> nAtomicInvalid(0);
   constexpr bool BFloating = std::is_floating_point<TPixel>::value;
   ReadBand(oInput, oBand, pLogger, [&](const TPixel* pData, std::size_t nPixels) {
-    if (!bNoData && !BFloating)
+    if (!BCount || (!bNoData && !BFloating))
       return;
     // Branch-free, so that it vectorises: a pixel is invalid when it equals the no-data value, or is
     // NaN or infinite (no comparison holds for NaN).
@@ -108,8 +108,9 @@ Ostrel::Band::CBand<TPixel, TTag> ReadInput(const CInput& oInput, const TLoggerP
       else
         nCount += std::uint32_t(t == tCompare);
     }
-    nInvalid += nCount;
+    nAtomicInvalid += nCount;
   });
+  nInvalid = nAtomicInvalid;
   if (bNoData)
     oBand.SetNoDataValue(tNoData);
   return oBand;

@@ -36,7 +36,7 @@ Ostrel::Band::CBand<TMaskPixel, TTag> ReadMask(const CInput& oMask, const SFillO
     throw CToolError(Text("%1%: the no-data value %2% does not fit the mask's pixel type", oMask.m_strPath,
                           oMask.m_dNoData));
   const double dLow = oOptions.m_oMaskRange.first, dHigh = oOptions.m_oMaskRange.second;
-  nHoles = 0;
+  std::atomic<std::uint64_t> nAtomicHoles(0);
   ReadBand(oMask, oBand, TLoggerPtr(), [&](const TMaskPixel* pData, std::size_t nPixels) {
     std::uint64_t nCount = 0;
     if (oOptions.m_bMaskRange)
@@ -45,8 +45,9 @@ Ostrel::Band::CBand<TMaskPixel, TTag> ReadMask(const CInput& oMask, const SFillO
     else
       for (std::size_t i = 0; i < nPixels; ++i)
         nCount += std::uint64_t(pData[i] == tMarker);
-    nHoles += nCount;
+    nAtomicHoles += nCount;
   });
+  nHoles = nAtomicHoles;
   if (oMask.m_bHasNoData)
     oBand.SetNoDataValue(tMarker);
   return oBand;

@@ -249,7 +249,8 @@ TRunner DefineMergeMasks(CLI::App& oApp)
 {
   auto pOptions = MakeOptions<SStackOptions>(oApp, "MASK...", 2, 0);
   oApp.add_option("--weights", pOptions->m_vecWeights, "One weight per mask, e.g. 2,1,1 (all 1 by default)")
-    ->delimiter(',');
+    ->delimiter(',')
+    ->allow_extra_args(false);
   oApp.footer("A mask pixel is set where it differs from its no-data value (0 without one); OUT is set (1) where "
               "the set masks carry at least half of the weight. The masks as the stack of medoid.\n" +
               oApp.get_footer());

@@ -75,7 +75,7 @@ void AddBandsArgs(CLI::App& oApp, SBandsArgs& oArgs, const std::string& strInput
                   "temporary name and renamed when done")
     ->required()
     ->expected(int(nMinPaths), nMaxPaths ? int(nMaxPaths) : -1);
-  oApp.add_option("-b,--band", oArgs.m_vecBands, "Band numbers, from 1 (see above)")->delimiter(',');
+  oApp.add_option("-b,--band", oArgs.m_vecBands, "Band numbers, from 1, e.g. 1 or 3,2,1")->delimiter(',')->allow_extra_args(false);
   oApp.add_option("--of", oArgs.m_oOutput.m_strFormat, "Output format, a GDAL driver name (also -of)")->capture_default_str();
   oApp.add_option("--co", oArgs.m_oOutput.m_vecCreationOptions,
                   "Creation option NAME=VALUE (also -co), repeatable; GTiff defaults: TILED=YES COMPRESS=ZSTD ZSTD_LEVEL=1 "
@@ -94,9 +94,11 @@ std::vector<std::unique_ptr<CInput>> OpenInputs(const SBandsArgs& oArgs, const S
     std::vector<int> vecNumbers = oArgs.m_vecBands;
     if (vecNumbers.empty())
     {
-      unsigned int nCount = oShape.m_nInputs;
-      if (nCount == 0) // all of them: the first band's opening checks the file
-        nCount = unsigned(GDALGetRasterCount(CInput(vecFiles[0], 1).m_hDataset));
+      // The first band's opening checks the file.
+      const unsigned int nBands = unsigned(GDALGetRasterCount(CInput(vecFiles[0], 1).m_hDataset));
+      if (nBands < oShape.m_nInputs)
+        throw CToolError(Text("%1% takes %2% input bands: %3% has %4%", strName, oShape.m_nInputs, vecFiles[0], nBands));
+      const unsigned int nCount = oShape.m_nInputs ? oShape.m_nInputs : nBands;
       for (unsigned int i = 1; i <= nCount; ++i)
         vecNumbers.push_back(int(i));
     }
@@ -175,6 +177,9 @@ int main(int argc, char** argv)
   GDALAllRegister();
   if (!CPLGetConfigOption("GDAL_NUM_THREADS", nullptr))
     CPLSetConfigOption("GDAL_NUM_THREADS", "ALL_CPUS");
+  // Uncompressed GeoTIFF strips are read straight into the band, not through GDAL's block cache.
+  if (!CPLGetConfigOption("GTIFF_DIRECT_IO", nullptr))
+    CPLSetConfigOption("GTIFF_DIRECT_IO", "YES");
   // Whole strips go through GDAL once: its block cache only needs to hold the blocks of one strip.
   if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
     GDALSetCacheMax64(std::int64_t(64) << 20);
