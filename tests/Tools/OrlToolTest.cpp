@@ -313,7 +313,7 @@ TEST_P(COrlFilterTest, EqualsLibrary)
     ASSERT_EQ(vecOut.size(), vecExpected.size()) << strArgs;
     for (std::size_t i = 0; i < vecOut.size(); ++i)
       EXPECT_TRUE(std::equal(vecOut[i].begin(), vecOut[i].end(), vecExpected[i].begin(), vecExpected[i].end(),
-                             [&](double a, double b) { return std::abs(a - b) <= GetParam().m_dTolerance || (a != a && b != b); }))
+                             [&](double a, double b) { return a == b || std::abs(a - b) <= GetParam().m_dTolerance || (a != a && b != b); }))
         << strArgs << ", band " << i + 1;
   }
 }

@@ -122,12 +122,12 @@ struct SSamePixel
   using type = TPixel;
 };
 
-// SAs<T>::template TOf: every pixel type to T.
+// SAs<T>::template SOf: every pixel type to T.
 template <class T>
 struct SAs
 {
   template <class>
-  struct TOf
+  struct SOf
   {
     using type = T;
   };

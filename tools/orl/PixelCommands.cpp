@@ -120,10 +120,11 @@ TRunner DefineMask(CLI::App& oApp)
 TRunner DefineCalc(CLI::App& oApp)
 {
   auto pOptions = std::make_shared<SCalcOptions>();
-  std::string strOperations;
-  for (const auto& oEntry : g_mapCalc)
-    strOperations += (strOperations.empty() ? "" : ", ") + oEntry.first;
-  oApp.add_option("OP", pOptions->m_strOperation, strOperations)->required()->check(CLI::IsMember(g_mapCalc));
+  oApp.add_option("OP", pOptions->m_strOperation,
+                  "The operation: neg, abs, sqrt, log, exp, scale and clamp on A; add, sub, mul, div, pow, min and max "
+                  "on A and B, or on A and --constant")
+    ->required()
+    ->check(CLI::IsMember(g_mapCalc));
   AddBandsArgs(oApp, pOptions->m_oArgs, "A [B]", 2, 3);
   oApp.add_option("--factor", pOptions->m_dFactor, "scale: the factor a of a * x + b")->capture_default_str();
   oApp.add_option("--offset", pOptions->m_dOffset, "scale: the offset b of a * x + b")->capture_default_str();
@@ -171,7 +172,7 @@ TRunner DefineConvert(CLI::App& oApp)
               "value.\n" + oApp.get_footer());
   return [pOptions](const SGlobalOptions& oGlobal) {
     DispatchPixelType(GDALGetDataTypeByName(pOptions->m_strType.c_str()), [&](auto tDest) {
-      RunBandFilter<SSamePixel, SAs<decltype(tDest)>::template TOf>(
+      RunBandFilter<SSamePixel, SAs<decltype(tDest)>::template SOf>(
         "convert", pOptions->m_oArgs, oGlobal,
         [&](auto& oDest, const auto& oSrc, const SFilterRun& oRun) { ApplyWith(CCopyFilter(), oRun, oDest, oSrc); });
     });
