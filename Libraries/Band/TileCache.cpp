@@ -51,8 +51,9 @@
 //
 // Read-ahead runs on the same threads after the queued writes (those free the room that the reads
 // take): a reload exactly as GetTile's, with its failures dropped, since whoever needs the tile reads
-// it again and meets them. At most a quarter of the budget is queued for reading, so that what was
-// read ahead is not pushed out again by what is read behind it.
+// it again and meets them. A tile read ahead comes in with its clock bit set. Requests are all or
+// nothing within an eighth of the budget, so that what was read ahead is not pushed out again by what
+// is read behind it; a budget too small for a walk's next row of tiles gets no read-ahead.
 //
 // The global cache is made under a mutex of its own, a leaf taken after a band's lock: two bands that
 // make the process's first tiles at once get the same cache.
@@ -353,6 +354,14 @@ void CTileCache::ReadAhead(const unsigned int* pIds, std::size_t nCount)
   boost::unique_lock<boost::mutex> oLock(m_oMutex);
   if (!m_oSpillFile.IsOpen())
     return;
+  // A request that does not fit into an eighth of the budget with what is already on its way would
+  // push out what it reads before the walk gets there, and read it twice: it is not made at all.
+  std::uint64_t nAsked = m_nAheadBytes;
+  for (std::size_t i = 0; i < nCount; ++i)
+    if (_IsLive(pIds[i]) && _GetEntry(pIds[i]).m_eState == eSpilled && !_GetEntry(pIds[i]).m_bAhead)
+      nAsked += _GetEntry(pIds[i]).m_nBytes;
+  if (nAsked > m_nBudget / 8)
+    return;
   bool bQueued = false;
   for (std::size_t i = 0; i < nCount; ++i)
   {
@@ -362,8 +371,6 @@ void CTileCache::ReadAhead(const unsigned int* pIds, std::size_t nCount)
     SEntry& oEntry = _GetEntry(nId);
     if (oEntry.m_eState != eSpilled || oEntry.m_bAhead)
       continue;
-    if (m_nAheadBytes + oEntry.m_nBytes > m_nBudget / 4)
-      break;
     _StartIoThreads();
     if (m_bNoIoThreads)
       return;
@@ -603,6 +610,8 @@ void CTileCache::_ReadAheadOne(boost::unique_lock<boost::mutex>& oLock, unsigned
   try
   {
     _Reload(oLock, nId);
+    // Wanted soon: the hand passes it once before it may go.
+    _GetEntry(nId).m_bReferenced = true;
   }
   catch (...)
   {
