@@ -221,6 +221,11 @@ public:
       _CrossRight();
   }
 
+  // A row walk's read-ahead: the walk read row nPreviousY before this one. When that lies in another
+  // row of tiles, or with bAlways, the band is asked to bring back the next row of tiles in the
+  // walk's direction over nCount pixels from here (see CTileBandRep::ReadAhead). Only a hint.
+  void ReadAheadOfWalk(int nCount, int nPreviousY, bool bAlways) const;
+
   // For tests.
   bool IsAttached() const { return bool(m_pTile); }
   int GetTileOffsetX() const { return m_nTileX; }
@@ -373,6 +378,17 @@ template <class TPixel, class TCoord, bool bMutable>
 std::uint32_t CTileBandIterator<TPixel, TCoord, bMutable>::GetBlockHintY() const
 {
   return 2 * m_pBandRep->m_nTileSizeY;
+}
+
+template <class TPixel, class TCoord, bool bMutable>
+void CTileBandIterator<TPixel, TCoord, bMutable>::ReadAheadOfWalk(int nCount, int nPreviousY, bool bAlways) const
+{
+  if (!m_pTile || nPreviousY == m_nY)
+    return;
+  const int nTop = m_nY - m_nTileY;
+  if (!bAlways && nPreviousY >= nTop && nPreviousY < nTop + m_nTileHeight)
+    return;
+  m_pBandRep->ReadAhead(unsigned(m_nX), unsigned(nCount), nPreviousY < m_nY ? nTop + m_nTileHeight : nTop - 1);
 }
 
 template <class TPixel, class TCoord, bool bMutable>

@@ -11,6 +11,9 @@
 //   Length(it)      pixels from the current one to the run's end (at least 1, while in the band)
 //   Pointer(it)     &*it, const for read-only iterators
 //   Advance(it, n)  n steps of ++it.X, n at most Length(it)
+//   ms_bReadAhead, ReadAhead(it, n, y, bAlways)
+//                   whether the storage reads ahead, and the hint of a row walk (see
+//                   CTileBandIterator::ReadAheadOfWalk); a no-op where memory is all there is
 
 #include "Band/MemoryBandIterator.h"
 #include "Band/TileBandIterator.h"
@@ -51,6 +54,8 @@ struct SMemoryRowRuns : std::true_type
   static int Length(const TIterator&) { return INT_MAX; }
   static auto Pointer(const TIterator& it) { return &*it; }
   static void Advance(TIterator& it, int nCount) { it.X += nCount; }
+  static constexpr bool ms_bReadAhead = false;
+  static void ReadAhead(const TIterator&, int, int, bool) {}
 };
 
 template <class TPixel, class TCoord>
@@ -69,6 +74,11 @@ struct STileRowRuns : std::true_type
   static int Length(const TIterator& it) { return it.GetRunLength(); }
   static auto Pointer(const TIterator& it) { return it.GetRunPointer(); }
   static void Advance(TIterator& it, int nCount) { it.AdvanceX(nCount); }
+  static constexpr bool ms_bReadAhead = true;
+  static void ReadAhead(const TIterator& it, int nCount, int nPreviousY, bool bAlways)
+  {
+    it.ReadAheadOfWalk(nCount, nPreviousY, bAlways);
+  }
 };
 
 template <class TPixel, class TCoord, bool bMutable>
