@@ -6,6 +6,7 @@
 // Also the few things these filters share: the parallel loop over rows, progress and size errors.
 
 #include "Band/Detail/RowRuns.h"
+#include "Filter/Detail/PixelConversion.h"
 #include "Foundation/BadArgument.h"
 #include "Foundation/BasicException.h"
 #include "Foundation/Logger.h"
@@ -120,27 +121,14 @@ using TSumType = std::conditional_t<std::is_same<TPixel, double>::value ||
                                     double, float>;
 
 // A computed value as a pixel: integers rounded to nearest, halves away from zero whatever the
-// floating-point rounding mode, and clamped to the type (NaN gives 0).
+// floating-point rounding mode, and clamped to the type; NaN gives 0.
 template <class TPixel, class TValue>
 inline TPixel ToPixel(TValue tValue)
 {
   if constexpr (std::is_integral<TPixel>::value)
-  {
-    const TValue tLow = TValue(std::numeric_limits<TPixel>::lowest());
-    const TValue tHigh = TValue(std::numeric_limits<TPixel>::max());
-    if (!(tValue > tLow)) // NaN too
-      return tValue == tValue ? std::numeric_limits<TPixel>::lowest() : TPixel(0);
-    if (tValue >= tHigh)
-      return std::numeric_limits<TPixel>::max();
-    // The conversion truncates toward zero and the remainder is exact: a step away from zero when
-    // it is half or more. Within (lowest, max) the wide integer cannot overflow.
-    using TWide = std::conditional_t<(sizeof(TPixel) < 4), int, long long>;
-    const TWide nTrunc = TWide(tValue);
-    const TValue tRest = tValue - TValue(nTrunc);
-    return TPixel(nTrunc + TWide(tRest >= TValue(0.5)) - TWide(tRest <= TValue(-0.5)));
-  }
-  else
-    return TPixel(tValue);
+    if (tValue != tValue)
+      return TPixel(0);
+  return RoundToPixel<TPixel>(tValue);
 }
 
 // Whether a source pixel takes part: not the no-data value, and not NaN.
