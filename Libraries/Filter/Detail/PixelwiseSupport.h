@@ -62,8 +62,10 @@ inline TTo ToPixel(TFrom x, bool bInvalid, TTo tNoData)
     return bInvalid ? tNoData : TTo(x);
   else
   {
+    // A select by bit mask: GCC turns a conditional here into a branch inside the AVX2 loops.
     const TRoundWide<TTo> t = RoundToWide<TTo>(x);
-    return TTo(bInvalid ? TRoundWide<TTo>(tNoData) : t);
+    const TRoundWide<TTo> nMask = -TRoundWide<TTo>(bInvalid);
+    return TTo((TRoundWide<TTo>(tNoData) & nMask) | (t & ~nMask));
   }
 }
 

@@ -15,6 +15,8 @@
 // pmaxub, punpck*, pmullw, minps, cvtps2pd...). Auto-vectorisation was not reliable here: the
 // predicated minimum and the widening sums stayed scalar.
 
+#include "Math/Detail/CpuFeatures.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -216,11 +218,6 @@ inline void FloatRowSse2(const float* pRow, std::size_t nLength, const TPredicat
 // Where the processor has AVX2 (asked once, at run time; nothing is built with -march) the same lanes
 // run in one register. All vector code stays inside this one function compiled for AVX2; what it
 // calls takes plain arrays.
-inline bool HasAvx2()
-{
-  static const bool s_bHasAvx2 = __builtin_cpu_supports("avx2");
-  return s_bHasAvx2;
-}
 
 typedef float TV8F __attribute__((vector_size(32)));
 typedef std::int32_t TV8I __attribute__((vector_size(32)));
