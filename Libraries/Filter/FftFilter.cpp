@@ -5,12 +5,14 @@
 // then only the columns 0 to Nx / 2 complex-to-complex, and writes the other columns as conjugates:
 // F(Nx - u, Ny - v) = conj F(u, v). Rows below the source's height are zero and never read. The
 // destinations hold the row results between the passes, so no working band is needed forward; the
-// reverse pass keeps its column results, rows [0, height) of columns [0, Nx / 2], as complex values
-// in memory, or on tile bands in a tile band twice Nx / 2 + 1 wide.
+// reverse pass keeps its column results, rows [0, height) of columns [0, Nx / 2], as complex values:
+// on tile bands in a tile band twice Nx / 2 + 1 wide, on memory bands in the destination itself
+// when it is Nx wide (column Nx / 2 aside), else in a buffer. A fresh 64 MB buffer cost a fifth of
+// the reverse filter's time in page faults at 4096 x 4096 float.
 //
 // One layout for every storage kind. A row is copied into a scratch row whose length is a multiple
-// of 64 bytes and transformed there with a plan of one transform: at 4096 values one plan of 16 rows
-// side by side took two fifths more time per row. Tasks take 16 rows at a time. Columns go in
+// of 64 bytes and transformed there with a plan of one transform: at 4096 values a measured plan of
+// 16 rows side by side (split output) took two fifths more time per row. Tasks take 16 rows at a time. Columns go in
 // blocks of 256 bytes of a row
 // (32 float or 16 double complex values): a block of a 4096-row band, about 1.3 MB with its row
 // padding, stays in the L2 cache while FFTW transforms its columns in place. A strip is one block
@@ -555,6 +557,51 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
     });
 }
 
+// The column results of the reverse pass in memory: row y holds complex values [0, m_nSplit) at
+// m_p + y * m_nStride (real and imaginary parts side by side) and the m_nTail values after them at
+// m_pTail + 2 * y * m_nTail.
+template <class TReal>
+struct SMemoryWork
+{
+  TReal* m_p;
+  std::size_t m_nStride;
+  int m_nSplit;
+  TReal* m_pTail;
+  int m_nTail;
+
+  // Values [nU, nU + nCount) of row nY from pFrom.
+  void Put(int nY, int nU, int nCount, const TReal* pFrom) const
+  {
+    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
+    TReal* pTo = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
+    for (int i = 0; i < 2 * nHead; ++i)
+      pTo[i] = pFrom[i];
+    for (int j = nHead; j < nCount; ++j)
+    {
+      TReal* pTail = m_pTail + 2 * (std::size_t(nY) * std::size_t(m_nTail) + std::size_t(nU + j - m_nSplit));
+      pTail[0] = pFrom[2 * j];
+      pTail[1] = pFrom[2 * j + 1];
+    }
+  }
+  // Row nY, m_nSplit + m_nTail values, to pTo.
+  void Get(int nY, TReal* pTo) const
+  {
+    const TReal* pFrom = m_p + std::size_t(nY) * m_nStride;
+    for (int i = 0; i < 2 * m_nSplit; ++i)
+      pTo[i] = pFrom[i];
+    for (int i = 0; i < 2 * m_nTail; ++i)
+      pTo[2 * m_nSplit + i] = m_pTail[2 * std::size_t(nY) * std::size_t(m_nTail) + std::size_t(i)];
+  }
+  void Prefetch(int nY, int nU, int nCount) const
+  {
+    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
+    const TReal* p = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
+    constexpr int nLine = int(64 / sizeof(TReal));
+    for (int i = 0; i < 2 * nHead; i += nLine)
+      __builtin_prefetch(p + i, 1);
+  }
+};
+
 template <class TDestBand, class TSrcBand>
 void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcIm,
                  const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger)
@@ -569,41 +616,63 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   const int nStep = ScratchStride<TComplex>(nHalf);
 
   // Columns [0, nHalf) backward, rows [0, nHeight) kept as complex values, a row's real and imaginary
-  // parts side by side: on tile bands in a tile band twice nHalf wide, else in memory.
+  // parts side by side: on tile bands in a tile band twice nHalf wide; on memory bands in the
+  // destination itself when it is nX wide (no allocation to fault in, and its rows are then written
+  // where they were read), else in a buffer.
   constexpr bool bTiles = IsTileBand<TSrcBand>();
   using TWorkBand = Band::CBand<TReal, Band::STileTag>;
   std::unique_ptr<TWorkBand> pWorkBand;
-  std::unique_ptr<CFftBuffer<TComplex, TReal>> pWorkBuffer;
+  std::unique_ptr<CFftBuffer<TReal, TReal>> pWorkBuffer;
+  SMemoryWork<TReal> oWorkMemory{};
   if constexpr (bTiles)
     pWorkBand = std::make_unique<TWorkBand>(2u * unsigned(nHalf), unsigned(nHeight));
+  else if (nWidth == nX)
+  {
+    pWorkBuffer = std::make_unique<CFftBuffer<TReal, TReal>>(2 * std::size_t(nHeight));
+    oWorkMemory = {oDest.GetRep().GetDataLocation(), std::size_t(nX), nX / 2, pWorkBuffer->Get(), nHalf - nX / 2};
+  }
   else
-    pWorkBuffer = std::make_unique<CFftBuffer<TComplex, TReal>>(std::size_t(nStep) * std::size_t(nHeight));
-  const auto fnWork = [&] {
+  {
+    pWorkBuffer = std::make_unique<CFftBuffer<TReal, TReal>>(2 * std::size_t(nHalf) * std::size_t(nHeight));
+    oWorkMemory = {pWorkBuffer->Get(), 2 * std::size_t(nHalf), nHalf, nullptr, 0};
+  }
+  [[maybe_unused]] const auto fnWork = [&] {
     if constexpr (bTiles)
       return RowsOf(*pWorkBand);
     else
-    {
-      TReal* p = reinterpret_cast<TReal*>(pWorkBuffer->Get());
-      const std::size_t nStride = 2 * std::size_t(nStep);
-      return [p, nStride](int nX0, int nW, TReal*) { return CMemoryRows<TReal>(p, nStride, nX0, nW); };
-    }
+      return 0;
   }();
 
   TransformColumns<TReal>(
     RowsOf(oSrcRe), RowsOf(oSrcIm), nHalf, StripBlocks<TComplex>(oSrcRe, nHalf), nY, nY, ePlanColumnsBackward,
     pLogger, [&](int nX0, int nStripWidth, const SStrip<TComplex>& oStrip, TReal* pRows) {
       const int nB = oStrip.m_nBlock, nBlockCount = (nStripWidth + nB - 1) / nB;
-      auto oWork = fnWork(2 * nX0, 2 * nStripWidth, pRows);
-      for (int y = 0; y < nHeight; ++y)
+      if constexpr (bTiles)
       {
-        TReal* pTo = oWork.Write(y);
-        for (int k = 0; k < nBlockCount; ++k)
+        auto oWork = fnWork(2 * nX0, 2 * nStripWidth, pRows);
+        for (int y = 0; y < nHeight; ++y)
         {
-          const TReal* pFrom = reinterpret_cast<const TReal*>(oStrip.Row(k, y));
-          const int c0 = 2 * k * nB, nCount = 2 * std::min(nB, nStripWidth - k * nB);
-          std::copy(pFrom, pFrom + nCount, pTo + c0);
+          TReal* pTo = oWork.Write(y);
+          for (int k = 0; k < nBlockCount; ++k)
+          {
+            const TReal* pFrom = reinterpret_cast<const TReal*>(oStrip.Row(k, y));
+            const int c0 = 2 * k * nB, nCount = 2 * std::min(nB, nStripWidth - k * nB);
+            std::copy(pFrom, pFrom + nCount, pTo + c0);
+          }
+          oWork.Done();
         }
-        oWork.Done();
+      }
+      else
+      {
+        (void)pRows;
+        for (int y = 0; y < nHeight; ++y)
+        {
+          if (y + g_nPrefetchRows < nHeight)
+            oWorkMemory.Prefetch(y + g_nPrefetchRows, nX0, nStripWidth);
+          for (int k = 0; k < nBlockCount; ++k)
+            oWorkMemory.Put(y, nX0 + k * nB, std::min(nB, nStripWidth - k * nB),
+                            reinterpret_cast<const TReal*>(oStrip.Row(k, y)));
+        }
       }
     });
 
@@ -622,12 +691,22 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
     TComplex* pIn = reinterpret_cast<TComplex*>(pBase);
     TReal* pOut = pBase + 2 * std::size_t(nStep);
     TReal* pRows = pBase + 4 * std::size_t(nStep);
-    auto oWork = fnWork(0, 2 * nHalf, pRows);
+    [[maybe_unused]] auto oWork = [&] {
+      if constexpr (bTiles)
+        return fnWork(0, 2 * nHalf, pRows);
+      else
+        return 0;
+    }();
     auto oDestRows = fnDest(0, nWidth, pRows + nRowStride);
     for (int y = nBlock * g_nRowBlock, nEnd = std::min(nHeight, y + g_nRowBlock); y < nEnd; ++y)
     {
-      const TReal* pFrom = oWork.Read(y);
-      std::copy(pFrom, pFrom + 2 * nHalf, reinterpret_cast<TReal*>(pIn));
+      if constexpr (bTiles)
+      {
+        const TReal* pFrom = oWork.Read(y);
+        std::copy(pFrom, pFrom + 2 * nHalf, reinterpret_cast<TReal*>(pIn));
+      }
+      else
+        oWorkMemory.Get(y, reinterpret_cast<TReal*>(pIn));
       TFftw::RowsBackward(pRowPlan, pIn, pOut);
       TReal* pTo = oDestRows.Write(y);
       for (int x = 0; x < nWidth; ++x)
