@@ -218,23 +218,17 @@ int ScratchStride(int nCount)
   return (nCount + nLine - 1) / nLine * nLine + nLine;
 }
 
-int NextPowerOfTwo(int n)
-{
-  int nResult = 1;
-  while (nResult < n)
-    nResult *= 2;
-  return nResult;
-}
-
 // Rows per work item of the row passes.
 constexpr int g_nRowBlock = 16;
-// Columns per column transform: 256 bytes of each row, a strip of a 4096-row band within the L2 cache.
+// Columns per column transform: 256 bytes of each row (fewer for narrower spectra), so that a block
+// of a 4096-row band stays within the L2 cache.
 template <class TComplex>
 int BlockColumns(int nColumns)
 {
-  return std::min(int(256 / sizeof(TComplex)), NextPowerOfTwo(nColumns));
+  return std::min(int(256 / sizeof(TComplex)), int(Detail::FftSize(unsigned(nColumns))));
 }
-// Blocks per strip on memory bands.
+// Blocks per strip on memory bands: with the rows asked for ahead, reading four blocks' width at a
+// time took a tenth more processor time at 4096 x 4096 float (the strip then leaves the L2 cache).
 constexpr int g_nMemoryStripBlocks = 1;
 
 // fn(nWorker, nItem) for every item of [0, nItems), on at most nWorkers workers at once, each taking
