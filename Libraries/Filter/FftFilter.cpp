@@ -1,28 +1,38 @@
 // Design notes.
 //
 // FFTW does the one-dimensional transforms; the band walks are ours. A real band's spectrum is
-// Hermitian, so the forward pass transforms each source row real-to-complex (Nx / 2 + 1 outputs),
+// Hermitian, so the forward pass transforms the source rows real-to-complex (Nx / 2 + 1 outputs),
 // then only the columns 0 to Nx / 2 complex-to-complex, and writes the other columns as conjugates:
 // F(Nx - u, Ny - v) = conj F(u, v). Rows below the source's height are zero and never read. The
 // destinations hold the row results between the passes, so no working band is needed forward; the
-// reverse pass keeps its column results in two bands of the sources' storage kind, (Nx / 2 + 1) x height.
+// reverse pass keeps its column results, rows [0, height) of columns [0, Nx / 2], as complex values:
+// on tile bands in a tile band twice Nx / 2 + 1 wide, on memory bands in the destination itself
+// when it is Nx wide (column Nx / 2 aside), else in a buffer. A fresh 64 MB buffer cost a fifth of
+// the reverse filter's time in page faults at 4096 x 4096 float.
 //
-// Columns go in strips: the strip is read row by row into a row-major complex buffer whose rows are
-// a multiple of 64 bytes long (the alignment the plans were made with) plus 64 bytes (so that a
-// column's values do not all fall into the same cache sets), and FFTW transforms all its columns in
-// place with one plan of that many transforms side by side, then the strip is written back row by
-// row. On tile bands a strip is as wide as a tile: it costs one pass over a column of tiles, and a
-// band larger than memory streams through the tile cache. On memory bands a strip is 128 columns:
-// each of its rows is then a few cache lines of each band, and a 4096 x 4096 float forward
-// transform took about half the processor time it took with 16-column strips (far fewer page and
-// cache-line misses for the same pixels) and a tenth less than with 256.
+// One layout for every storage kind. A row is copied into a scratch row whose length is a multiple
+// of 64 bytes and transformed there with a plan of one transform: at 4096 values a measured plan of
+// 16 rows side by side (split output) took two fifths more time per row. Tasks take 16 rows at a time. Columns go in
+// blocks of 256 bytes of a row
+// (32 float or 16 double complex values): a block of a 4096-row band, about 1.3 MB with its row
+// padding, stays in the L2 cache while FFTW transforms its columns in place. A strip is one block
+// on memory bands, whose rows are read in place with the next rows asked for ahead (each row of a
+// strip lies on another page); on tile bands a strip is as many blocks as fill half a tile's width,
+// read through the tile cursors once, so that a band larger than memory streams through the tile
+// cache one column of tiles at a time. Since memory and tile bands run the same plans on buffers of
+// the same layout and alignment, they give the same bits.
 //
-// Plans: one per kind, length and strip width, made on first use with FFTW_ESTIMATE under a lock
-// (the planner is not thread-safe) and kept until the process ends. Estimated plans depend on the
-// length and the machine's instruction set only, not on timings, so every process computes the same
-// bits; measured plans (FFTW_MEASURE) were 5 to 10 percent faster on 4096 x 4096 float but could
-// differ in the last bits from run to run. Tasks execute the plans on their own buffers through the
-// new-array functions, which are thread-safe.
+// Plans: one per kind, length, count and step, made on first use under a lock (the planner is not
+// thread-safe) and kept until the process ends; tasks execute them on their own buffers through the
+// new-array functions, which are thread-safe. Transforms of g_nMeasuredLength (1024) values or more
+// get FFTW_MEASURE plans, shorter ones FFTW_ESTIMATE plans. At 4096 values, one core, buffers in
+// cache, measured row plans took 0.77 ns per pixel against 2.0 for estimated ones, and measured
+// column plans (32 columns side by side) 0.9 against 2.4: estimated plans cost the forward filter
+// about a fifth more processor time on a loaded machine, more on a quiet one. Measuring costs about
+// 0.2 s per plan at 4096 on the first call of a size (forward and reverse of 4096 x 4096 float plan
+// four), and it times the candidates, so two processes may pick different algorithms for one size
+// and then differ in the last bits. Within a process a shape has one plan, and memory and tile bands
+// run the same shapes on the same layouts, so they agree to the bit.
 //
 // Scratch memory: the passes run one worker per core, each taking the next block of rows or the next
 // strip until none is left; the workers' buffers are allocated once per pass on the calling thread,
@@ -38,24 +48,43 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
-#include <complex>
+#include <cstddef>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <tuple>
 #include <type_traits>
-#include <utility>
 
 namespace Orl { namespace Ostrel { namespace Filter {
 
 namespace {
 
+// Transforms this long or longer get measured plans, shorter ones estimated plans (see the notes).
+constexpr int g_nMeasuredLength = 1024;
+
 enum EPlanKind
 {
-  ePlanRealToComplex,
-  ePlanComplexForward, // in place
-  ePlanComplexBackward, // in place
-  ePlanComplexToReal
+  ePlanRows, // real-to-complex, rows side by side
+  ePlanColumnsForward, // complex in place, columns side by side
+  ePlanColumnsBackward,
+  ePlanRowsBackward // complex-to-real
+};
+
+// What a plan transforms. Rows: m_nCount rows of m_nLength values, the complex ones m_nStep values
+// apart and the real ones 2 * m_nStep. Columns: m_nCount adjacent columns of m_nLength complex values
+// whose rows are m_nStep values apart, transformed in place.
+struct SPlanShape
+{
+  EPlanKind m_eKind;
+  int m_nLength, m_nCount, m_nStep;
+
+  bool operator<(const SPlanShape& o) const
+  {
+    return std::tie(m_eKind, m_nLength, m_nCount, m_nStep) < std::tie(o.m_eKind, o.m_nLength, o.m_nCount, o.m_nStep);
+  }
+  // Complex values of the arrays the plan works on (the real ones take as many pairs).
+  std::size_t Extent() const { return std::size_t(m_nStep) * std::size_t(std::max(m_nLength, m_nCount)); }
 };
 
 std::mutex g_oPlanMutex;
@@ -70,15 +99,24 @@ struct SFftw<float>
   using TPlan = fftwf_plan;
   static void* Malloc(std::size_t n) { return fftwf_malloc(n); }
   static void Free(void* p) { fftwf_free(p); }
-  static TPlan PlanR2C(int n, float* pIn, TComplex* pOut, unsigned f) { return fftwf_plan_dft_r2c_1d(n, pIn, pOut, f); }
-  static TPlan PlanC2R(int n, TComplex* pIn, float* pOut, unsigned f) { return fftwf_plan_dft_c2r_1d(n, pIn, pOut, f); }
-  static TPlan PlanC2C(int n, int nCount, int nStep, TComplex* p, int nSign, unsigned f)
+  static TPlan PlanRows(const SPlanShape& o, float* pReal, TComplex* pComplex, unsigned f)
   {
-    return fftwf_plan_many_dft(1, &n, nCount, p, nullptr, nStep, 1, p, nullptr, nStep, 1, nSign, f);
+    return fftwf_plan_many_dft_r2c(1, &o.m_nLength, o.m_nCount, pReal, nullptr, 1, 2 * o.m_nStep, pComplex, nullptr,
+                                   1, o.m_nStep, f);
   }
-  static void R2C(TPlan p, float* pIn, TComplex* pOut) { fftwf_execute_dft_r2c(p, pIn, pOut); }
-  static void C2R(TPlan p, TComplex* pIn, float* pOut) { fftwf_execute_dft_c2r(p, pIn, pOut); }
-  static void C2C(TPlan p, TComplex* pInOut) { fftwf_execute_dft(p, pInOut, pInOut); }
+  static TPlan PlanRowsBackward(const SPlanShape& o, TComplex* pComplex, float* pReal, unsigned f)
+  {
+    return fftwf_plan_many_dft_c2r(1, &o.m_nLength, o.m_nCount, pComplex, nullptr, 1, o.m_nStep, pReal, nullptr, 1,
+                                   2 * o.m_nStep, f);
+  }
+  static TPlan PlanColumns(const SPlanShape& o, TComplex* p, int nSign, unsigned f)
+  {
+    return fftwf_plan_many_dft(1, &o.m_nLength, o.m_nCount, p, nullptr, o.m_nStep, 1, p, nullptr, o.m_nStep, 1, nSign,
+                               f);
+  }
+  static void Rows(TPlan p, float* pIn, TComplex* pOut) { fftwf_execute_dft_r2c(p, pIn, pOut); }
+  static void RowsBackward(TPlan p, TComplex* pIn, float* pOut) { fftwf_execute_dft_c2r(p, pIn, pOut); }
+  static void Columns(TPlan p, TComplex* pInOut) { fftwf_execute_dft(p, pInOut, pInOut); }
   static void Destroy(TPlan p) { fftwf_destroy_plan(p); }
 };
 
@@ -89,15 +127,24 @@ struct SFftw<double>
   using TPlan = fftw_plan;
   static void* Malloc(std::size_t n) { return fftw_malloc(n); }
   static void Free(void* p) { fftw_free(p); }
-  static TPlan PlanR2C(int n, double* pIn, TComplex* pOut, unsigned f) { return fftw_plan_dft_r2c_1d(n, pIn, pOut, f); }
-  static TPlan PlanC2R(int n, TComplex* pIn, double* pOut, unsigned f) { return fftw_plan_dft_c2r_1d(n, pIn, pOut, f); }
-  static TPlan PlanC2C(int n, int nCount, int nStep, TComplex* p, int nSign, unsigned f)
+  static TPlan PlanRows(const SPlanShape& o, double* pReal, TComplex* pComplex, unsigned f)
   {
-    return fftw_plan_many_dft(1, &n, nCount, p, nullptr, nStep, 1, p, nullptr, nStep, 1, nSign, f);
+    return fftw_plan_many_dft_r2c(1, &o.m_nLength, o.m_nCount, pReal, nullptr, 1, 2 * o.m_nStep, pComplex, nullptr,
+                                  1, o.m_nStep, f);
   }
-  static void R2C(TPlan p, double* pIn, TComplex* pOut) { fftw_execute_dft_r2c(p, pIn, pOut); }
-  static void C2R(TPlan p, TComplex* pIn, double* pOut) { fftw_execute_dft_c2r(p, pIn, pOut); }
-  static void C2C(TPlan p, TComplex* pInOut) { fftw_execute_dft(p, pInOut, pInOut); }
+  static TPlan PlanRowsBackward(const SPlanShape& o, TComplex* pComplex, double* pReal, unsigned f)
+  {
+    return fftw_plan_many_dft_c2r(1, &o.m_nLength, o.m_nCount, pComplex, nullptr, 1, o.m_nStep, pReal, nullptr, 1,
+                                  2 * o.m_nStep, f);
+  }
+  static TPlan PlanColumns(const SPlanShape& o, TComplex* p, int nSign, unsigned f)
+  {
+    return fftw_plan_many_dft(1, &o.m_nLength, o.m_nCount, p, nullptr, o.m_nStep, 1, p, nullptr, o.m_nStep, 1, nSign,
+                              f);
+  }
+  static void Rows(TPlan p, double* pIn, TComplex* pOut) { fftw_execute_dft_r2c(p, pIn, pOut); }
+  static void RowsBackward(TPlan p, TComplex* pIn, double* pOut) { fftw_execute_dft_c2r(p, pIn, pOut); }
+  static void Columns(TPlan p, TComplex* pInOut) { fftw_execute_dft(p, pInOut, pInOut); }
   static void Destroy(TPlan p) { fftw_destroy_plan(p); }
 };
 
@@ -121,17 +168,15 @@ private:
   T* m_p;
 };
 
-// The plan of one kind and length: for the complex kinds, nCount transforms in place whose values
-// lie nStep apart, the transforms side by side (the columns of a row-major strip of nStep columns).
+// The plan for oShape, made on first use and kept until the process ends.
 template <class TReal>
-typename SFftw<TReal>::TPlan GetPlan(EPlanKind eKind, int nLength, int nCount = 1, int nStep = 1)
+typename SFftw<TReal>::TPlan GetPlan(const SPlanShape& oShape)
 {
   using TFftw = SFftw<TReal>;
   using TComplex = typename TFftw::TComplex;
-  // The plans live until the process ends, and go with it.
   struct SPlans
   {
-    std::map<std::tuple<int, int, int, int>, typename TFftw::TPlan> m_map;
+    std::map<SPlanShape, typename TFftw::TPlan> m_map;
     ~SPlans()
     {
       for (const auto& oEntry : m_map)
@@ -142,23 +187,20 @@ typename SFftw<TReal>::TPlan GetPlan(EPlanKind eKind, int nLength, int nCount = 
   static SPlans s_oPlans;
 
   std::lock_guard<std::mutex> oLock(g_oPlanMutex);
-  auto& pPlan = s_oPlans.m_map[std::make_tuple(int(eKind), nLength, nCount, nStep)];
+  auto& pPlan = s_oPlans.m_map[oShape];
   if (!pPlan)
   {
-    // Planning arrays of the alignment of every buffer used later (FFTW_ESTIMATE leaves them alone).
-    CFftBuffer<TReal, TReal> oReal(std::size_t(nLength) + 2);
-    CFftBuffer<TComplex, TReal> oComplex(std::size_t(nLength) * std::size_t(nStep) + 1);
-    const unsigned nFlags = FFTW_ESTIMATE;
-    switch (eKind)
+    // Arrays of the layout and alignment of every buffer the plan runs on later; the planner may
+    // overwrite them.
+    CFftBuffer<TReal, TReal> oReal(2 * oShape.Extent());
+    CFftBuffer<TComplex, TReal> oComplex(oShape.Extent());
+    const unsigned nFlags = oShape.m_nLength >= g_nMeasuredLength ? FFTW_MEASURE : FFTW_ESTIMATE;
+    switch (oShape.m_eKind)
     {
-    case ePlanRealToComplex: pPlan = TFftw::PlanR2C(nLength, oReal.Get(), oComplex.Get(), nFlags); break;
-    case ePlanComplexForward:
-      pPlan = TFftw::PlanC2C(nLength, nCount, nStep, oComplex.Get(), FFTW_FORWARD, nFlags);
-      break;
-    case ePlanComplexBackward:
-      pPlan = TFftw::PlanC2C(nLength, nCount, nStep, oComplex.Get(), FFTW_BACKWARD, nFlags);
-      break;
-    case ePlanComplexToReal: pPlan = TFftw::PlanC2R(nLength, oComplex.Get(), oReal.Get(), nFlags); break;
+    case ePlanRows: pPlan = TFftw::PlanRows(oShape, oReal.Get(), oComplex.Get(), nFlags); break;
+    case ePlanColumnsForward: pPlan = TFftw::PlanColumns(oShape, oComplex.Get(), FFTW_FORWARD, nFlags); break;
+    case ePlanColumnsBackward: pPlan = TFftw::PlanColumns(oShape, oComplex.Get(), FFTW_BACKWARD, nFlags); break;
+    case ePlanRowsBackward: pPlan = TFftw::PlanRowsBackward(oShape, oComplex.Get(), oReal.Get(), nFlags); break;
     }
     if (!pPlan)
       throw std::bad_alloc();
@@ -166,22 +208,28 @@ typename SFftw<TReal>::TPlan GetPlan(EPlanKind eKind, int nLength, int nCount = 
   return pPlan;
 }
 
-// Values per scratch column or row: a multiple of 64 bytes, so that every one starts with the
-// alignment of the buffer's start, the widest SIMD alignment FFTW may plan for, and 64 bytes more,
-// so that power-of-two lengths do not map every column to the same cache sets.
+// Values per scratch row: a multiple of 64 bytes, so that every row starts with the alignment of the
+// buffer's start, the widest SIMD alignment FFTW may plan for, and 64 bytes more, so that
+// power-of-two lengths do not map every row to the same cache sets.
 template <class T>
-std::size_t ScratchStride(std::size_t nCount)
+int ScratchStride(int nCount)
 {
-  const std::size_t nLine = 64 / sizeof(T);
+  const int nLine = int(64 / sizeof(T));
   return (nCount + nLine - 1) / nLine * nLine + nLine;
 }
 
-// Columns per strip: a tile's width on tile bands (half the block hint), 128 on memory bands.
-template <class TIterator>
-int StripWidth(const TIterator& it, bool bTiles)
+// Rows per work item of the row passes.
+constexpr int g_nRowBlock = 16;
+// Columns per column transform: 256 bytes of each row (fewer for narrower spectra), so that a block
+// of a 4096-row band stays within the L2 cache.
+template <class TComplex>
+int BlockColumns(int nColumns)
 {
-  return bTiles ? int(std::max<std::uint32_t>(8, std::min<std::uint32_t>(256, it.GetBlockHintX() / 2))) : 128;
+  return std::min(int(256 / sizeof(TComplex)), int(Detail::FftSize(unsigned(nColumns))));
 }
+// Blocks per strip on memory bands: with the rows asked for ahead, reading four blocks' width at a
+// time took a tenth more processor time at 4096 x 4096 float (the strip then leaves the L2 cache).
+constexpr int g_nMemoryStripBlocks = 1;
 
 // fn(nWorker, nItem) for every item of [0, nItems), on at most nWorkers workers at once, each taking
 // the next item until none is left. nWorker < nWorkers indexes the scratch the caller made per worker.
@@ -200,55 +248,190 @@ int WorkerCount(int nItems)
   return std::max(1, std::min(nItems, tbb::this_task_arena::max_concurrency()));
 }
 
-// Strips of columns [0, nColumns): reads rows [0, nReadRows) of the two bands into a row-major
-// complex buffer of nStep values per row (rows up to nLength stay 0), transforms its columns in
-// place with one plan for the strip, and hands the buffer to fnWrite(x0, nWidth, pBuffer, nStep, pRe,
-// pIm): value (y, j) of the strip at pBuffer[y * nStep + j], pRe and pIm two scratch rows.
-template <class TReal, class TItRe, class TItIm, class TWrite>
-void TransformColumnStrips(const TItRe& itRe, const TItIm& itIm, bool bTiles, int nColumns, int nReadRows,
-                           int nLength, EPlanKind eKind, const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger,
-                           const TWrite& fnWrite)
+// Row windows: Read(y) gives the window's pixels of row y, Write(y) where to put them and Done()
+// stores what was put there. Memory rows are the band's own pixels; tile rows go through a cursor
+// and a row of scratch.
+template <class TPixel> // const for a read-only band
+class CMemoryRows
+{
+public:
+  CMemoryRows(TPixel* p, std::size_t nStride, int nX, int nWidth) : m_p(p + nX), m_nStride(nStride), m_nWidth(nWidth) {}
+  TPixel* Read(int nY) const { return _Row(nY); }
+  TPixel* Write(int nY) const { return _Row(nY); }
+  void Done() const {}
+  // Asks for row nY ahead of its use.
+  void Prefetch(int nY) const
+  {
+    const TPixel* p = _Row(nY);
+    constexpr int nLine = int(64 / sizeof(TPixel));
+    for (int i = 0; i < m_nWidth; i += nLine)
+      __builtin_prefetch(p + i, std::is_const<TPixel>::value ? 0 : 1);
+    if (m_nWidth > 0)
+      __builtin_prefetch(p + m_nWidth - 1, std::is_const<TPixel>::value ? 0 : 1);
+  }
+
+private:
+  TPixel* _Row(int nY) const { return m_p + std::size_t(nY) * m_nStride; }
+
+  TPixel* m_p;
+  std::size_t m_nStride;
+  int m_nWidth;
+};
+
+template <class TIterator, class TPixel>
+class CTileRows
+{
+public:
+  CTileRows(const TIterator& it, int nX, int nWidth, TPixel* pScratch) : m_oCursor(it, nX, nWidth), m_p(pScratch) {}
+  const TPixel* Read(int nY)
+  {
+    m_oCursor.Read(nY, m_p);
+    return m_p;
+  }
+  TPixel* Write(int nY)
+  {
+    m_nY = nY;
+    return m_p;
+  }
+  void Done() { m_oCursor.Write(m_nY, m_p); }
+  void Prefetch(int) const {}
+
+private:
+  Detail::CRowCursor<TIterator> m_oCursor;
+  TPixel* m_p;
+  int m_nY = 0;
+};
+
+template <class TBand>
+constexpr bool IsTileBand()
+{
+  return std::is_same<typename std::remove_const_t<TBand>::TTagType, Band::STileTag>::value;
+}
+
+// fn(nX, nWidth, pScratch) makes a window of columns [nX, nX + nWidth) of oBand; pScratch holds
+// nWidth pixels (used by tile bands only). Made on the calling thread, called in the tasks.
+template <class TBand>
+auto RowsOf(TBand& oBand)
+{
+  using TPixel = typename std::remove_const_t<TBand>::TPixel;
+  if constexpr (IsTileBand<TBand>())
+  {
+    const auto it = boost::get<0>(oBand.GetBandIterators(oBand.GetRect()));
+    return [it](int nX, int nWidth, TPixel* pScratch) {
+      return CTileRows<std::decay_t<decltype(it)>, TPixel>(it, nX, nWidth, pScratch);
+    };
+  }
+  else
+  {
+    auto* p = oBand.GetRep().GetDataLocation(); // const for a read-only band
+    const std::size_t nStride = oBand.GetWidth();
+    return [p, nStride](int nX, int nWidth, TPixel*) {
+      return CMemoryRows<std::remove_pointer_t<decltype(p)>>(p, nStride, nX, nWidth);
+    };
+  }
+}
+
+// Rows ahead that the column passes ask for.
+constexpr int g_nPrefetchRows = 8;
+
+// A strip of columns in the scratch: blocks of m_nBlock columns, each m_nLength rows of m_nStep
+// complex values; value (v, c) of the strip is Row(c / m_nBlock, v)[c % m_nBlock].
+template <class TComplex>
+struct SStrip
+{
+  TComplex* m_p;
+  int m_nBlock, m_nStep, m_nLength;
+
+  std::size_t BlockSize() const { return std::size_t(m_nStep) * std::size_t(m_nLength); }
+  TComplex* Row(int nBlock, int nY) const
+  {
+    return m_p + std::size_t(nBlock) * BlockSize() + std::size_t(nY) * std::size_t(m_nStep);
+  }
+};
+
+// The column pass over columns [0, nColumns) of two bands (the parts of the values): strips of
+// nStripBlocks blocks, each block read from rows [0, nReadRows) (rows up to nLength are 0) into the
+// scratch, transformed in place with the one plan of its shape, then handed as a whole strip to
+// fnWrite(nX0, nWidth, oStrip, pRows), pRows scratch for four rows of the strip's width.
+template <class TReal, class TRowsRe, class TRowsIm, class TWrite>
+void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, int nStripBlocks, int nReadRows,
+                      int nLength, EPlanKind eKind, const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger,
+                      const TWrite& fnWrite)
 {
   using TFftw = SFftw<TReal>;
   using TComplex = typename TFftw::TComplex;
-  const int nStrip = std::min(StripWidth(itRe, bTiles), nColumns);
-  const std::size_t nStep = ScratchStride<TComplex>(std::size_t(nStrip)); // rows off the cache sets
-  const std::size_t nScratch = nStep * std::size_t(nLength) + nStep; // the strip, then two rows
+  const int nBlock = BlockColumns<TComplex>(nColumns);
+  const int nStep = ScratchStride<TComplex>(nBlock);
+  const auto pPlan = GetPlan<TReal>({eKind, nLength, nBlock, nStep});
+  nStripBlocks = std::max(1, std::min(nStripBlocks, (nColumns + nBlock - 1) / nBlock));
+  const int nStrip = nStripBlocks * nBlock;
   const int nStrips = (nColumns + nStrip - 1) / nStrip;
-  const int nLast = nColumns - (nStrips - 1) * nStrip;
-  const auto pPlan = GetPlan<TReal>(eKind, nLength, nStrip, int(nStep));
-  const auto pLastPlan = GetPlan<TReal>(eKind, nLength, nLast, int(nStep));
+  const std::size_t nBlockSize = std::size_t(nStep) * std::size_t(nLength);
+  const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(nStrip));
+  const std::size_t nScratch = nBlockSize * std::size_t(nStripBlocks) + 3 * nRowStride; // complex values
   const int nWorkers = WorkerCount(nStrips);
   CFftBuffer<TComplex, TReal> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nStrips, [&](int nWorker, int nS) {
-    TComplex* pBuffer = oScratch.Get() + nScratch * std::size_t(nWorker);
-    TReal* pRe = reinterpret_cast<TReal*>(pBuffer + nStep * std::size_t(nLength));
-    TReal* pIm = pRe + nStep;
+    const SStrip<TComplex> oStrip{oScratch.Get() + nScratch * std::size_t(nWorker), nBlock, nStep, nLength};
+    TReal* pRows = reinterpret_cast<TReal*>(oStrip.m_p + nBlockSize * std::size_t(nStripBlocks));
     const int nX0 = nS * nStrip;
     const int nWidth = std::min(nStrip, nColumns - nX0);
-    Detail::CRowCursor<TItRe> oRe(itRe, nX0, nWidth);
-    Detail::CRowCursor<TItIm> oIm(itIm, nX0, nWidth);
-    for (int nY = 0; nY < nReadRows; ++nY)
+    const int nBlocks = (nWidth + nBlock - 1) / nBlock;
+    auto oRe = fnRe(nX0, nWidth, pRows);
+    auto oIm = fnIm(nX0, nWidth, pRows + nRowStride);
+    for (int y = 0; y < nReadRows; ++y)
     {
-      oRe.Read(nY, pRe);
-      oIm.Read(nY, pIm);
-      TComplex* pRow = pBuffer + std::size_t(nY) * nStep;
-      for (int j = 0; j < nWidth; ++j)
+      if (y + g_nPrefetchRows < nReadRows)
       {
-        pRow[j][0] = pRe[j];
-        pRow[j][1] = pIm[j];
+        oRe.Prefetch(y + g_nPrefetchRows);
+        oIm.Prefetch(y + g_nPrefetchRows);
+      }
+      const TReal* pRe = oRe.Read(y);
+      const TReal* pIm = oIm.Read(y);
+      for (int k = 0; k < nBlocks; ++k)
+      {
+        TComplex* pTo = oStrip.Row(k, y);
+        const int c0 = k * nBlock, nCount = std::min(nBlock, nWidth - c0);
+        for (int j = 0; j < nCount; ++j)
+        {
+          pTo[j][0] = pRe[c0 + j];
+          pTo[j][1] = pIm[c0 + j];
+        }
+        for (int j = nCount; j < nBlock; ++j)
+          pTo[j][0] = pTo[j][1] = TReal(0);
       }
     }
-    for (int nY = nReadRows; nY < nLength; ++nY) // zero padding
+    for (int k = 0; k < nBlocks; ++k)
     {
-      TReal* pRow = reinterpret_cast<TReal*>(pBuffer + std::size_t(nY) * nStep);
-      std::fill(pRow, pRow + 2 * nWidth, TReal(0));
+      for (int y = nReadRows; y < nLength; ++y) // zero padding
+      {
+        TReal* pRow = reinterpret_cast<TReal*>(oStrip.Row(k, y));
+        std::fill(pRow, pRow + 2 * nBlock, TReal(0));
+      }
+      TFftw::Columns(pPlan, oStrip.Row(k, 0));
     }
-    TFftw::C2C(nWidth == nStrip ? pPlan : pLastPlan, pBuffer);
-    fnWrite(nX0, nWidth, static_cast<const TComplex*>(pBuffer), nStep, pRe, pIm);
+    fnWrite(nX0, nWidth, oStrip, pRows + 2 * nRowStride);
     if (pLogger)
       pLogger->IncrementProgress(double(nWidth));
   });
+}
+
+// Blocks per column strip: a tile's width (half the block hint) on tile bands, so that a strip costs
+// one pass over a column of tiles; g_nMemoryStripBlocks on memory bands.
+template <class TComplex, class TBand>
+int StripBlocks(const TBand& oBand, int nColumns)
+{
+  if constexpr (IsTileBand<TBand>())
+  {
+    const int nHint = int(std::min<std::uint32_t>(256, Detail::BeginOf(oBand).GetBlockHintX() / 2));
+    return std::max(1, nHint / BlockColumns<TComplex>(nColumns));
+  }
+  else
+  {
+    (void)oBand;
+    (void)nColumns;
+    return g_nMemoryStripBlocks;
+  }
 }
 
 template <class TDestBand, class TSrcBand>
@@ -259,102 +442,159 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
   using TPixel = typename TSrcBand::TPixel;
   using TFftw = SFftw<TReal>;
   using TComplex = typename TFftw::TComplex;
+  static_assert(std::is_same<TPixel, TReal>::value, "one pixel type in and out");
 
   const int nWidth = int(oSrc.GetWidth()), nHeight = int(oSrc.GetHeight());
   const int nX = int(oDestRe.GetWidth()), nY = int(oDestRe.GetHeight());
   const int nHalf = nX / 2 + 1;
   const bool bHasNoData = oSrc.HasNoDataValue();
   const TPixel tNoData = bHasNoData ? oSrc.GetNoDataValue() : TPixel(0);
-  const bool bTiles = std::is_same<typename TSrcBand::TTagType, Band::STileTag>::value;
+  const auto fnSrc = RowsOf(oSrc);
+  const auto fnRe = RowsOf(oDestRe);
+  const auto fnIm = RowsOf(oDestIm);
 
-  const auto itSrc = Detail::BeginOf(oSrc);
-  const auto itRe = Detail::MutableBeginOf(oDestRe);
-  const auto itIm = Detail::MutableBeginOf(oDestIm);
-  using TItRe = std::decay_t<decltype(itRe)>;
-  using TItIm = std::decay_t<decltype(itIm)>;
-
-  // Rows: source row y to columns [0, nHalf) of destination row y. A worker's scratch: the padded
-  // input row, the transform and its two parts.
-  static_assert(std::is_same<TPixel, TReal>::value, "one pixel type in and out");
-  const auto pRowPlan = GetPlan<TReal>(ePlanRealToComplex, nX);
-  const int nRowBlock = 16, nBlocks = (nHeight + nRowBlock - 1) / nRowBlock;
+  // Rows: source rows to columns [0, nHalf) of the destinations, in blocks of g_nRowBlock. A worker's
+  // scratch: the padded row, its transform, three rows for the windows.
+  const int nStep = ScratchStride<TComplex>(nHalf);
+  const auto pRowPlan = GetPlan<TReal>({ePlanRows, nX, 1, nStep});
+  const int nBlocks = (nHeight + g_nRowBlock - 1) / g_nRowBlock;
   const int nWorkers = WorkerCount(nBlocks);
-  const std::size_t nInStride = ScratchStride<TReal>(std::size_t(nX) + 2);
-  const std::size_t nPartStride = ScratchStride<TReal>(std::size_t(nHalf));
-  const std::size_t nScratch = nInStride + 4 * nPartStride; // in, out (complex), real part, imaginary part
+  const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(std::max(nWidth, nHalf)));
+  const std::size_t nScratch = 4 * std::size_t(nStep) + 3 * nRowStride; // reals
   CFftBuffer<TReal, TReal> oScratch(nScratch * std::size_t(nWorkers));
-  std::vector<char> vecZeroed(static_cast<std::size_t>(nWorkers), 0);
   ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
     TReal* pIn = oScratch.Get() + nScratch * std::size_t(nWorker);
-    TComplex* pOut = reinterpret_cast<TComplex*>(pIn + nInStride);
-    TReal* pRe = pIn + nInStride + 2 * nPartStride;
-    TReal* pIm = pRe + nPartStride;
-    if (!vecZeroed[std::size_t(nWorker)])
+    TComplex* pOut = reinterpret_cast<TComplex*>(pIn + 2 * std::size_t(nStep));
+    TReal* pRows = pIn + 4 * std::size_t(nStep);
+    auto oSrcRows = fnSrc(0, nWidth, pRows);
+    auto oReRows = fnRe(0, nHalf, pRows + nRowStride);
+    auto oImRows = fnIm(0, nHalf, pRows + 2 * nRowStride);
+    std::fill(pIn + nWidth, pIn + nX, TReal(0)); // the padding
+    for (int y = nBlock * g_nRowBlock, nEnd = std::min(nHeight, y + g_nRowBlock); y < nEnd; ++y)
     {
-      std::fill(pIn + nWidth, pIn + nX, TReal(0)); // the padding, never written after
-      vecZeroed[std::size_t(nWorker)] = 1;
-    }
-    Detail::CRowCursor<std::decay_t<decltype(itSrc)>> oSrcRows(itSrc, 0, nWidth);
-    Detail::CRowCursor<TItRe> oReRows(itRe, 0, nHalf);
-    Detail::CRowCursor<TItIm> oImRows(itIm, 0, nHalf);
-    const int nEnd = std::min(nHeight, (nBlock + 1) * nRowBlock);
-    for (int y = nBlock * nRowBlock; y < nEnd; ++y)
-    {
-      oSrcRows.Read(y, pIn);
+      const TPixel* pSrc = oSrcRows.Read(y);
       for (int x = 0; x < nWidth; ++x)
-        pIn[x] = Detail::IsValidPixel(pIn[x], bHasNoData, tNoData) ? pIn[x] : TReal(0);
-      TFftw::R2C(pRowPlan, pIn, pOut);
+        pIn[x] = Detail::IsValidPixel(pSrc[x], bHasNoData, tNoData) ? pSrc[x] : TReal(0);
+      TFftw::Rows(pRowPlan, pIn, pOut);
+      TReal* pRe = oReRows.Write(y);
+      TReal* pIm = oImRows.Write(y);
       for (int u = 0; u < nHalf; ++u)
       {
         pRe[u] = pOut[u][0];
         pIm[u] = pOut[u][1];
       }
-      oReRows.Write(y, pRe);
-      oImRows.Write(y, pIm);
+      oReRows.Done();
+      oImRows.Done();
       if (pLogger)
         pLogger->IncrementProgress();
     }
   });
 
   // Columns [0, nHalf), each with its conjugate mirror column nX - u for 0 < u < nX / 2.
-  TransformColumnStrips<TReal>(
-    itRe, itIm, bTiles, nHalf, nHeight, nY, ePlanComplexForward, pLogger,
-    [&](int nX0, int nStripWidth, const TComplex* pBuffer, std::size_t nStride, TReal* vecRe, TReal* vecIm) {
-      Detail::CRowCursor<TItRe> oRe(itRe, nX0, nStripWidth);
-      Detail::CRowCursor<TItIm> oIm(itIm, nX0, nStripWidth);
-      for (int v = 0; v < nY; ++v)
-      {
-        for (int j = 0; j < nStripWidth; ++j)
-        {
-          vecRe[j] = pBuffer[std::size_t(v) * nStride + j][0];
-          vecIm[j] = pBuffer[std::size_t(v) * nStride + j][1];
-        }
-        oRe.Write(v, vecRe);
-        oIm.Write(v, vecIm);
-      }
+  TransformColumns<TReal>(
+    fnRe, fnIm, nHalf, StripBlocks<TComplex>(oDestRe, nHalf), nHeight, nY, ePlanColumnsForward, pLogger,
+    [&](int nX0, int nStripWidth, const SStrip<TComplex>& oStrip, TReal* pRows) {
+      const int nB = oStrip.m_nBlock, nBlockCount = (nStripWidth + nB - 1) / nB;
       const int nM0 = std::max(nX0, 1), nM1 = std::min(nX0 + nStripWidth, nX / 2); // mirrored u
-      if (nM0 >= nM1)
-        return;
-      const int nCount = nM1 - nM0;
-      Detail::CRowCursor<TItRe> oMirrorRe(itRe, nX - nM1 + 1, nCount);
-      Detail::CRowCursor<TItIm> oMirrorIm(itIm, nX - nM1 + 1, nCount);
+      const int nMirror = std::max(0, nM1 - nM0);
+      const std::size_t nWindow = std::size_t(ScratchStride<TReal>(nStripWidth));
+      auto oRe = fnRe(nX0, nStripWidth, pRows);
+      auto oIm = fnIm(nX0, nStripWidth, pRows + nWindow);
+      const int nMirrorX = nMirror > 0 ? nX - nM1 + 1 : 0; // column nX - u at nM1 - 1 - u
+      auto oMirrorRe = fnRe(nMirrorX, nMirror, pRows + 2 * nWindow);
+      auto oMirrorIm = fnIm(nMirrorX, nMirror, pRows + 3 * nWindow);
       for (int v = 0; v < nY; ++v)
       {
-        const int nFrom = (nY - v) % nY;
-        for (int k = 0; k < nCount; ++k) // destination column nX - nM1 + 1 + k mirrors u = nM1 - 1 - k
+        if (v + g_nPrefetchRows < nY)
         {
-          const TComplex& oValue = pBuffer[std::size_t(nFrom) * nStride + std::size_t(nM1 - 1 - k - nX0)];
-          vecRe[k] = oValue[0];
-          vecIm[k] = -oValue[1];
+          oRe.Prefetch(v + g_nPrefetchRows);
+          oIm.Prefetch(v + g_nPrefetchRows);
+          if (nMirror > 0)
+          {
+            oMirrorRe.Prefetch(v + g_nPrefetchRows);
+            oMirrorIm.Prefetch(v + g_nPrefetchRows);
+          }
         }
-        oMirrorRe.Write(v, vecRe);
-        oMirrorIm.Write(v, vecIm);
+        TReal* pRe = oRe.Write(v);
+        TReal* pIm = oIm.Write(v);
+        for (int k = 0; k < nBlockCount; ++k)
+        {
+          const TComplex* pFrom = oStrip.Row(k, v);
+          const int c0 = k * nB, nCount = std::min(nB, nStripWidth - c0);
+          for (int j = 0; j < nCount; ++j)
+          {
+            pRe[c0 + j] = pFrom[j][0];
+            pIm[c0 + j] = pFrom[j][1];
+          }
+        }
+        oRe.Done();
+        oIm.Done();
+        if (nMirror == 0)
+          continue;
+        const int nFrom = (nY - v) & (nY - 1);
+        TReal* pMirrorRe = oMirrorRe.Write(v);
+        TReal* pMirrorIm = oMirrorIm.Write(v);
+        for (int k = 0; k < nBlockCount; ++k)
+        {
+          const int c0 = nX0 + k * nB; // u of the block's first column
+          const int nU0 = std::max(c0, nM0), nU1 = std::min(c0 + nB, nM1);
+          const TComplex* pFrom = oStrip.Row(k, nFrom) - c0;
+          for (int u = nU0; u < nU1; ++u)
+          {
+            pMirrorRe[nM1 - 1 - u] = pFrom[u][0];
+            pMirrorIm[nM1 - 1 - u] = -pFrom[u][1];
+          }
+        }
+        oMirrorRe.Done();
+        oMirrorIm.Done();
       }
     });
 }
 
-template <class TTag>
-using TWorkTag = std::conditional_t<std::is_same<TTag, Band::STileTag>::value, Band::STileTag, Band::SMemoryTag>;
+// The column results of the reverse pass in memory: row y holds complex values [0, m_nSplit) at
+// m_p + y * m_nStride (real and imaginary parts side by side) and the m_nTail values after them at
+// m_pTail + 2 * y * m_nTail.
+template <class TReal>
+struct SMemoryWork
+{
+  TReal* m_p;
+  std::size_t m_nStride;
+  int m_nSplit;
+  TReal* m_pTail;
+  int m_nTail;
+
+  // Values [nU, nU + nCount) of row nY from pFrom.
+  void Put(int nY, int nU, int nCount, const TReal* pFrom) const
+  {
+    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
+    TReal* pTo = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
+    for (int i = 0; i < 2 * nHead; ++i)
+      pTo[i] = pFrom[i];
+    for (int j = nHead; j < nCount; ++j)
+    {
+      TReal* pTail = m_pTail + 2 * (std::size_t(nY) * std::size_t(m_nTail) + std::size_t(nU + j - m_nSplit));
+      pTail[0] = pFrom[2 * j];
+      pTail[1] = pFrom[2 * j + 1];
+    }
+  }
+  // Row nY, m_nSplit + m_nTail values, to pTo.
+  void Get(int nY, TReal* pTo) const
+  {
+    const TReal* pFrom = m_p + std::size_t(nY) * m_nStride;
+    for (int i = 0; i < 2 * m_nSplit; ++i)
+      pTo[i] = pFrom[i];
+    for (int i = 0; i < 2 * m_nTail; ++i)
+      pTo[2 * m_nSplit + i] = m_pTail[2 * std::size_t(nY) * std::size_t(m_nTail) + std::size_t(i)];
+  }
+  void Prefetch(int nY, int nU, int nCount) const
+  {
+    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
+    const TReal* p = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
+    constexpr int nLine = int(64 / sizeof(TReal));
+    for (int i = 0; i < 2 * nHead; i += nLine)
+      __builtin_prefetch(p + i, 1);
+  }
+};
 
 template <class TDestBand, class TSrcBand>
 void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcIm,
@@ -363,70 +603,109 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   using TReal = typename TSrcBand::TPixel;
   using TFftw = SFftw<TReal>;
   using TComplex = typename TFftw::TComplex;
-  using TWork = Band::CBand<TReal, TWorkTag<typename TSrcBand::TTagType>>;
 
   const int nWidth = int(oDest.GetWidth()), nHeight = int(oDest.GetHeight());
   const int nX = int(oSrcRe.GetWidth()), nY = int(oSrcRe.GetHeight());
   const int nHalf = nX / 2 + 1;
+  const int nStep = ScratchStride<TComplex>(nHalf);
 
-  // Columns [0, nHalf) backward, rows [0, nHeight) kept.
-  TWork oWorkRe(static_cast<unsigned>(nHalf), static_cast<unsigned>(nHeight));
-  TWork oWorkIm(static_cast<unsigned>(nHalf), static_cast<unsigned>(nHeight));
-  const auto itWorkRe = Detail::MutableBeginOf(oWorkRe);
-  const auto itWorkIm = Detail::MutableBeginOf(oWorkIm);
-  using TItWorkRe = std::decay_t<decltype(itWorkRe)>;
-  using TItWorkIm = std::decay_t<decltype(itWorkIm)>;
-  const bool bTiles = std::is_same<typename TSrcBand::TTagType, Band::STileTag>::value;
-  TransformColumnStrips<TReal>(
-    Detail::BeginOf(oSrcRe), Detail::BeginOf(oSrcIm), bTiles, nHalf, nY, nY, ePlanComplexBackward, pLogger,
-    [&](int nX0, int nStripWidth, const TComplex* pBuffer, std::size_t nStride, TReal* vecRe, TReal* vecIm) {
-      Detail::CRowCursor<TItWorkRe> oRe(itWorkRe, nX0, nStripWidth);
-      Detail::CRowCursor<TItWorkIm> oIm(itWorkIm, nX0, nStripWidth);
-      for (int y = 0; y < nHeight; ++y)
+  // Columns [0, nHalf) backward, rows [0, nHeight) kept as complex values, a row's real and imaginary
+  // parts side by side: on tile bands in a tile band twice nHalf wide; on memory bands in the
+  // destination itself when it is nX wide (no allocation to fault in, and its rows are then written
+  // where they were read), else in a buffer.
+  constexpr bool bTiles = IsTileBand<TSrcBand>();
+  using TWorkBand = Band::CBand<TReal, Band::STileTag>;
+  std::unique_ptr<TWorkBand> pWorkBand;
+  std::unique_ptr<CFftBuffer<TReal, TReal>> pWorkBuffer;
+  SMemoryWork<TReal> oWorkMemory{};
+  if constexpr (bTiles)
+    pWorkBand = std::make_unique<TWorkBand>(2u * unsigned(nHalf), unsigned(nHeight));
+  else if (nWidth == nX)
+  {
+    pWorkBuffer = std::make_unique<CFftBuffer<TReal, TReal>>(2 * std::size_t(nHeight));
+    oWorkMemory = {oDest.GetRep().GetDataLocation(), std::size_t(nX), nX / 2, pWorkBuffer->Get(), nHalf - nX / 2};
+  }
+  else
+  {
+    pWorkBuffer = std::make_unique<CFftBuffer<TReal, TReal>>(2 * std::size_t(nHalf) * std::size_t(nHeight));
+    oWorkMemory = {pWorkBuffer->Get(), 2 * std::size_t(nHalf), nHalf, nullptr, 0};
+  }
+  [[maybe_unused]] const auto fnWork = [&] {
+    if constexpr (bTiles)
+      return RowsOf(*pWorkBand);
+    else
+      return 0;
+  }();
+
+  TransformColumns<TReal>(
+    RowsOf(oSrcRe), RowsOf(oSrcIm), nHalf, StripBlocks<TComplex>(oSrcRe, nHalf), nY, nY, ePlanColumnsBackward,
+    pLogger, [&](int nX0, int nStripWidth, const SStrip<TComplex>& oStrip, TReal* pRows) {
+      const int nB = oStrip.m_nBlock, nBlockCount = (nStripWidth + nB - 1) / nB;
+      if constexpr (bTiles)
       {
-        for (int j = 0; j < nStripWidth; ++j)
+        auto oWork = fnWork(2 * nX0, 2 * nStripWidth, pRows);
+        for (int y = 0; y < nHeight; ++y)
         {
-          vecRe[j] = pBuffer[std::size_t(y) * nStride + j][0];
-          vecIm[j] = pBuffer[std::size_t(y) * nStride + j][1];
+          TReal* pTo = oWork.Write(y);
+          for (int k = 0; k < nBlockCount; ++k)
+          {
+            const TReal* pFrom = reinterpret_cast<const TReal*>(oStrip.Row(k, y));
+            const int c0 = 2 * k * nB, nCount = 2 * std::min(nB, nStripWidth - k * nB);
+            std::copy(pFrom, pFrom + nCount, pTo + c0);
+          }
+          oWork.Done();
         }
-        oRe.Write(y, vecRe);
-        oIm.Write(y, vecIm);
+      }
+      else
+      {
+        (void)pRows;
+        for (int y = 0; y < nHeight; ++y)
+        {
+          if (y + g_nPrefetchRows < nHeight)
+            oWorkMemory.Prefetch(y + g_nPrefetchRows, nX0, nStripWidth);
+          for (int k = 0; k < nBlockCount; ++k)
+            oWorkMemory.Put(y, nX0 + k * nB, std::min(nB, nStripWidth - k * nB),
+                            reinterpret_cast<const TReal*>(oStrip.Row(k, y)));
+        }
       }
     });
 
-  // Rows complex-to-real, scaled and cropped.
-  const auto pRowPlan = GetPlan<TReal>(ePlanComplexToReal, nX);
+  // Rows complex-to-real, scaled and cropped, in blocks of g_nRowBlock. A worker's scratch: the row,
+  // its transform, two rows for the windows.
+  const auto pRowPlan = GetPlan<TReal>({ePlanRowsBackward, nX, 1, nStep});
   const TReal tScale = TReal(1.0 / (double(nX) * double(nY)));
-  const auto itDest = Detail::MutableBeginOf(oDest);
-  // A worker's scratch: the two parts of a row, the row as complex values, the transform.
-  const int nRowBlock = 16, nBlocks = (nHeight + nRowBlock - 1) / nRowBlock;
+  const auto fnDest = RowsOf(oDest);
+  const int nBlocks = (nHeight + g_nRowBlock - 1) / g_nRowBlock;
   const int nWorkers = WorkerCount(nBlocks);
-  const std::size_t nPartStride = ScratchStride<TReal>(std::size_t(nHalf));
-  const std::size_t nOutStride = ScratchStride<TReal>(std::size_t(nX) + 2);
-  const std::size_t nScratch = 4 * nPartStride + nOutStride;
+  const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(std::max(2 * nHalf, nWidth)));
+  const std::size_t nScratch = 4 * std::size_t(nStep) + 2 * nRowStride; // reals
   CFftBuffer<TReal, TReal> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
-    TReal* vecRe = oScratch.Get() + nScratch * std::size_t(nWorker);
-    TReal* vecIm = vecRe + nPartStride;
-    TComplex* pIn = reinterpret_cast<TComplex*>(vecIm + nPartStride);
-    TReal* pOut = vecRe + 4 * nPartStride;
-    Detail::CRowCursor<TItWorkRe> oRe(itWorkRe, 0, nHalf);
-    Detail::CRowCursor<TItWorkIm> oIm(itWorkIm, 0, nHalf);
-    Detail::CRowCursor<std::decay_t<decltype(itDest)>> oDestRows(itDest, 0, nWidth);
-    const int nEnd = std::min(nHeight, (nBlock + 1) * nRowBlock);
-    for (int y = nBlock * nRowBlock; y < nEnd; ++y)
+    TReal* pBase = oScratch.Get() + nScratch * std::size_t(nWorker);
+    TComplex* pIn = reinterpret_cast<TComplex*>(pBase);
+    TReal* pOut = pBase + 2 * std::size_t(nStep);
+    TReal* pRows = pBase + 4 * std::size_t(nStep);
+    [[maybe_unused]] auto oWork = [&] {
+      if constexpr (bTiles)
+        return fnWork(0, 2 * nHalf, pRows);
+      else
+        return 0;
+    }();
+    auto oDestRows = fnDest(0, nWidth, pRows + nRowStride);
+    for (int y = nBlock * g_nRowBlock, nEnd = std::min(nHeight, y + g_nRowBlock); y < nEnd; ++y)
     {
-      oRe.Read(y, vecRe);
-      oIm.Read(y, vecIm);
-      for (int u = 0; u < nHalf; ++u)
+      if constexpr (bTiles)
       {
-        pIn[u][0] = vecRe[u];
-        pIn[u][1] = vecIm[u];
+        const TReal* pFrom = oWork.Read(y);
+        std::copy(pFrom, pFrom + 2 * nHalf, reinterpret_cast<TReal*>(pIn));
       }
-      TFftw::C2R(pRowPlan, pIn, pOut);
+      else
+        oWorkMemory.Get(y, reinterpret_cast<TReal*>(pIn));
+      TFftw::RowsBackward(pRowPlan, pIn, pOut);
+      TReal* pTo = oDestRows.Write(y);
       for (int x = 0; x < nWidth; ++x)
-        pOut[x] *= tScale;
-      oDestRows.Write(y, pOut);
+        pTo[x] = pOut[x] * tScale;
+      oDestRows.Done();
       if (pLogger)
         pLogger->IncrementProgress();
     }

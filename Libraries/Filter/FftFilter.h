@@ -29,10 +29,13 @@ inline unsigned int FftSize(unsigned int nSize)
 // must be Nx x Ny; no scaling on the way forward.
 //
 // Float and double bands; destination and source of one pixel type, all three of one storage tag.
-// Rows are transformed first, then columns in strips as wide as a tile, through the destinations,
-// so a tile band larger than memory can be transformed. FFTW does the one-dimensional transforms;
-// its plans are made on the first call for each length, under a lock of this library's own: other
-// code of the process that plans with FFTW must not do so at the same time.
+// Rows are transformed first, then columns in strips, through the destinations, so a tile band
+// larger than memory can be transformed. FFTW does the one-dimensional transforms; its plans are
+// made on the first call for each size, under a lock of this library's own: other code of the
+// process that plans with FFTW must not do so at the same time. Axes of 1024 or more are planned by
+// timing candidates (FFTW_MEASURE): the first call of such a size takes longer (about a second for
+// 4096 x 4096, forward and reverse), and results may differ in the last bits from one process to
+// another. Within a process, memory and tile bands give the same bits.
 class CFftForwardFilter : public Detail::CBandFilterBase
 {
 public:
