@@ -350,7 +350,8 @@ void PrintTileCache()
   const auto fnMiB = [](std::uint64_t n) { return double(n) / 1048576.0; };
   std::cout << "Tile cache: budget " << fnMiB(oCounters.m_nBudgetBytes) << " MiB, " << oCounters.m_nTiles
             << " tiles, " << oCounters.m_nResidentTiles << " in memory (" << fnMiB(oCounters.m_nResidentBytes)
-            << " MiB), " << oCounters.m_nSpilledTiles << " on disk\n"
+            << " MiB, at most " << fnMiB(oCounters.m_nPeakResidentBytes) << " MiB), " << oCounters.m_nSpilledTiles
+            << " on disk\n"
             << "  written: " << oCounters.m_nRecordsWritten << " records, " << fnMiB(oCounters.m_nBytesWritten)
             << " MiB; read: " << oCounters.m_nRecordsRead << " records, " << fnMiB(oCounters.m_nBytesRead)
             << " MiB; spill file " << fnMiB(oCounters.m_nFileBytes) << " MiB" << std::endl;

@@ -262,6 +262,16 @@ unsigned int CTileBandRep<TPixel>::GetTileId(unsigned int nIndex) const
 }
 
 template <class TPixel>
+void CTileBandRep<TPixel>::ReleaseLocalCache() const
+{
+  // The tile cache still owns the tiles: none dies here.
+  boost::unique_lock<boost::mutex> oLock(m_oMutex);
+  const unsigned int nCapacity = m_oLocalCache.GetCapacity();
+  m_oLocalCache.SetCapacity(0);
+  m_oLocalCache.SetCapacity(nCapacity);
+}
+
+template <class TPixel>
 unsigned int CTileBandRep<TPixel>::GetLocalCacheCapacity() const
 {
   boost::unique_lock<boost::mutex> oLock(m_oMutex);

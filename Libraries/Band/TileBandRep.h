@@ -105,6 +105,11 @@ public:
   // Rows outside the band ask for nothing. Never raises.
   void ReadAhead(unsigned int nX, unsigned int nWidth, int nY) const;
 
+  // Lets go of the tiles in the band's local cache, which otherwise holds the last tiles asked for
+  // until others replace them: for a band that a walk is done with for a while, so that its tiles may
+  // leave memory. A band of a few tiles would keep them all. Iterators keep theirs.
+  void ReleaseLocalCache() const;
+
   // The tile id at a tile index, 0 while the position has no tile.
   unsigned int GetTileId(unsigned int nIndex) const;
   unsigned int GetTileCount() const { return static_cast<unsigned int>(m_vTileIds.size()); }

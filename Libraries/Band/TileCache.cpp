@@ -53,7 +53,9 @@
 // take): a reload exactly as GetTile's, with its failures dropped, since whoever needs the tile reads
 // it again and meets them. A tile read ahead comes in with its clock bit set. Requests are all or
 // nothing within an eighth of the budget, so that what was read ahead is not pushed out again by what
-// is read behind it; a budget too small for a walk's next row of tiles gets no read-ahead.
+// is read behind it; a budget too small for a walk's next row of tiles gets no read-ahead. Nor does a
+// cache whose budget is taken by held tiles: a read ahead there would go over the budget for a tile
+// that the next miss may push out before the walk gets to it.
 //
 // The global cache is made under a mutex of its own, a leaf taken after a band's lock: two bands that
 // make the process's first tiles at once get the same cache.
@@ -190,6 +192,8 @@ void CTileCache::SetMemoryBudget(std::uint64_t nBytes)
     }
   }
   _MakeRoom(0);
+  boost::unique_lock<boost::mutex> oLock(m_oMutex);
+  m_oCounters.m_nPeakResidentBytes = m_oCounters.m_nResidentBytes;
 }
 
 std::string CTileCache::GetSpillDirectory() const
@@ -241,8 +245,7 @@ unsigned int CTileCache::RegisterTile(const boost::shared_ptr<Detail::CTileBase>
   oEntry.m_eState = eResident;
   oEntry.m_nBytes = pTile->GetAllocBytes();
   _RingInsert(nId);
-  m_oCounters.m_nResidentBytes += oEntry.m_nBytes;
-  ++m_oCounters.m_nResidentTiles;
+  _AddResident(oEntry.m_nBytes);
   ++m_oCounters.m_nTiles;
   return nId;
 }
@@ -339,8 +342,7 @@ boost::shared_ptr<Detail::CTileBase> CTileCache::_Reload(boost::unique_lock<boos
   oRead.m_eState = eResident;
   oRead.m_nBytes = pTile->GetAllocBytes();
   _RingInsert(nId);
-  m_oCounters.m_nResidentBytes += oRead.m_nBytes;
-  ++m_oCounters.m_nResidentTiles;
+  _AddResident(oRead.m_nBytes);
   --m_oCounters.m_nSpilledTiles;
   ++m_oCounters.m_nRecordsRead;
   m_oCounters.m_nBytesRead += Detail::g_nTileRecordAlign + Detail::GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize());
@@ -481,7 +483,7 @@ unsigned int CTileCache::_FindVictim()
   return 0;
 }
 
-void CTileCache::_MakeRoom(std::uint64_t nIncoming, bool bReport)
+bool CTileCache::_MakeRoom(std::uint64_t nIncoming, bool bReport)
 {
   boost::unique_lock<boost::mutex> oLock(m_oMutex);
   if (bReport && m_pBehindError)
@@ -495,13 +497,14 @@ void CTileCache::_MakeRoom(std::uint64_t nIncoming, bool bReport)
   {
     const unsigned int nId = _FindVictim();
     if (nId == 0)
-      return;  // everything left is in use
+      return false;  // everything left is in use
     SEntry& oEntry = _GetEntry(nId);
     if (oEntry.m_nRecordBytes != 0 && !oEntry.m_pTile->IsModified())
       _Evict(oEntry);
     else if (!_QueueWrite(oLock, nId))
       _Spill(oLock, nId);
   }
+  return true;
 }
 
 bool CTileCache::_QueueWrite(boost::unique_lock<boost::mutex>&, unsigned int nId)
@@ -594,18 +597,19 @@ void CTileCache::_ReadAheadOne(boost::unique_lock<boost::mutex>& oLock, unsigned
     return;
   const std::uint64_t nIncoming = oEntry.m_nBytes;
   oLock.unlock();
+  bool bRoom = false;
   try
   {
     // A failure here is the callers' to meet when they need room or the tile; nothing is lost.
-    _MakeRoom(nIncoming, false);
+    bRoom = _MakeRoom(nIncoming, false);
   }
   catch (...)
   {
-    oLock.lock();
-    return;
   }
   oLock.lock();
-  if (!_IsLive(nId) || _GetEntry(nId).m_eState != eSpilled)
+  // Without room, what is held fills the budget: a tile read ahead would take the cache further
+  // over it, and go again before the walk gets there.
+  if (!bRoom || !_IsLive(nId) || _GetEntry(nId).m_eState != eSpilled)
     return;
   try
   {
@@ -710,6 +714,13 @@ void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nI
   else
     _Evict(oWritten);
   _IoDone(oWritten);
+}
+
+void CTileCache::_AddResident(unsigned int nBytes)
+{
+  m_oCounters.m_nResidentBytes += nBytes;
+  ++m_oCounters.m_nResidentTiles;
+  m_oCounters.m_nPeakResidentBytes = std::max(m_oCounters.m_nPeakResidentBytes, m_oCounters.m_nResidentBytes);
 }
 
 void CTileCache::_Evict(SEntry& oEntry)

@@ -22,6 +22,7 @@ struct STileCacheCounters
 {
   std::uint64_t m_nBudgetBytes = 0;
   std::uint64_t m_nResidentBytes = 0;   // blocks of the tiles in memory
+  std::uint64_t m_nPeakResidentBytes = 0; // the most of them at once since the budget was last set
   std::uint64_t m_nTiles = 0;           // registered tiles
   std::uint64_t m_nResidentTiles = 0;
   std::uint64_t m_nSpilledTiles = 0;    // tiles whose pixels are only in the spill file
@@ -38,9 +39,18 @@ struct STileCacheCounters
 // Budget. The blocks of resident tiles (their rounded allocation) count against a budget of bytes: by
 // default a quarter of GetUsableMemory(), or ORL_TILE_CACHE_BYTES from the environment (a byte count as
 // ParseByteCount reads it; any other value falls back to the default with one line on std::cerr).
-// The budget is soft: tiles that others hold (iterators, a band's local cache) cannot leave, and when
-// only such tiles are left the cache goes over the budget rather than fail. Set the process's budget
-// with CScopedTileCacheBudget, or through GetGlobal().SetMemoryBudget.
+// The budget is soft: tiles that others hold (iterators, row accesses, a band's local cache) cannot
+// leave, and when only such tiles are left the cache goes over the budget rather than fail. Set the
+// process's budget with CScopedTileCacheBudget, or through GetGlobal().SetMemoryBudget.
+//
+// Sizing. A budget is sensible when it holds the working set of what runs, plus the room of the
+// background I/O below: each band's local cache (4 tiles per scheduler thread, a band of fewer tiles
+// whole, until ReleaseLocalCache), 4 tiles per live iterator, and what a walk holds. A walk row by row
+// over a band's full width (Band/Detail/RowAccess.h, the fill-hole filter) holds one row of tiles,
+// two at a border, and reads ahead one more: a row of tiles is width x 1 KiB for 16- and 32-bit
+// pixels, half that for 8-bit and twice that for double. Below its working set a walk still moves
+// each tile once per pass, with the cache over its budget by what is held; tiles that nobody holds
+// and that are used again after more than the budget's worth of others are read again each time.
 //
 // Spill file. One per cache, made at the first spill in the spill directory (ORL_TILE_CACHE_DIR, else
 // TMPDIR, else /tmp; SetSpillDirectory before the first spill). It is anonymous: nothing is ever left
@@ -55,7 +65,10 @@ struct STileCacheCounters
 // so always with a budget of fewer than eight tiles) the caller writes itself. The first spill is the
 // caller's too. SetMemoryBudget waits for the writes behind. A tile asked
 // for while its write is still queued stays without a write. ReadAhead queues reloads of spilled tiles
-// for the same threads, best effort: a walk asks for the tiles it reaches next.
+// for the same threads, best effort: a walk asks for the tiles it reaches next. A request is taken
+// whole when its spilled tiles, with the reads already queued, fit into an eighth of the budget, else
+// not at all; a queued read is dropped when the cache cannot make room for it without going over the
+// budget.
 //
 // Failures. A failed write leaves the tile in memory and modified, so no pixel is lost; the
 // CFileioError reaches the caller of the operation that needed room (RegisterTile, GetTile,
@@ -79,8 +92,10 @@ public:
   boost::shared_ptr<Detail::CTileBase> GetTile(unsigned int nId, bool bWrite);
   // Gives up the cache's ownership and the tile's slot; the id is dead afterwards.
   void ReleaseTile(unsigned int nId);
-  // Asks the I/O threads to bring the spilled ones among nCount live tile ids back into memory, as far
-  // as a quarter of the budget allows. Never raises for a failed read: GetTile meets it again.
+  // Asks the I/O threads to bring the spilled ones among nCount live tile ids back into memory: all
+  // of them when they fit, with the reads already queued, into an eighth of the budget, else none.
+  // Each is read when its turn comes and the cache has room for it within the budget, else dropped.
+  // Never raises for a failed read: GetTile meets it again.
   void ReadAhead(const unsigned int* pIds, std::size_t nCount);
 
   // The process's cache, made at the first call by exactly one thread; the same cache until
@@ -135,9 +150,10 @@ private:
   void _RingRemove(unsigned int nId);
   unsigned int _FindVictim();
 
-  // Spills until nIncoming more bytes fit in the budget. Takes and leaves the lock. With bReport the
-  // failure of an earlier write behind is raised first.
-  void _MakeRoom(std::uint64_t nIncoming, bool bReport = true);
+  // Spills until nIncoming more bytes fit in the budget; false when only tiles that others hold are
+  // left before they fit. Takes and leaves the lock. With bReport the failure of an earlier write
+  // behind is raised first.
+  bool _MakeRoom(std::uint64_t nIncoming, bool bReport = true);
   // Writes one record outside the lock and frees the tile's memory unless someone wants it. With
   // bBehind a failure is kept for the next _MakeRoom instead of raised.
   void _Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nId, bool bBehind = false);
@@ -151,6 +167,8 @@ private:
   void _IoLoop();
   void _ReadAheadOne(boost::unique_lock<boost::mutex>& oLock, unsigned int nId);
   void _Evict(SEntry& oEntry);
+  // A tile came into memory: the resident counters and their peak.
+  void _AddResident(unsigned int nBytes);
   void _OpenSpillFile(boost::unique_lock<boost::mutex>& oLock);
   void _WaitForIo(boost::unique_lock<boost::mutex>& oLock, SEntry& oEntry);
   void _IoDone(SEntry& oEntry);

@@ -31,6 +31,16 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // bound nMaxHolePixels of at least the number of holes; CountHoles gives that number. Apply throws
 // CBasicException, with the destination untouched, when any of these fails.
 //
+// Tile bands larger than the tile cache's budget: each sweep walks the source (and the mask, if
+// used; the destination in the backward sweep) a row of pixels at a time over the full width, and
+// holds the row of tiles it is on (two at a border) until it leaves it; the hole list keeps one chunk
+// of 2.25 MiB in memory and the rest in tiles that spill. A row of tiles is width x 1 KiB for 16-
+// and 32-bit pixels, half that for 8-bit and twice that for double. A budget of three rows of tiles
+// per band walked, plus 8 MiB, lets every tile come into memory once per sweep and the next row be
+// read ahead while one is worked on: for float 16384 x 16384 bands without a mask, about 100 MiB.
+// With less, the cache goes over its budget by what the sweeps hold, and every tile still comes into
+// memory once per sweep.
+//
 // The bound is a limit, not a size: the hole list grows in chunks as holes are met, so a generous
 // bound (width * height) costs nothing, while a source with more holes than the bound is refused
 // rather than given an unbounded list. A caller who set a bound meant it as a memory budget; one who

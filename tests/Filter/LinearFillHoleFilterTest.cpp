@@ -67,6 +67,25 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBitOnEveryBandKi
   EXPECT_GT(Orl::Test::TileCache().GetCounters().m_nRecordsRead, nReadBefore);
 }
 
+// Bands eight times the budget, three tiles across, with a hole list of several chunks: each sweep
+// brings every tile in about once, not once per row of pixels. The reads counted are those of the
+// whole run: the hole count, both sweeps, the hole list and the destination read back, a few bands'
+// worth; a sweep that lost its tiles from row to row would read hundreds.
+TEST(LinearFillHoleFilter, SpilledBandsComeInOncePerSweep)
+{
+  using TTile = Detail::STileSize<float>;
+  const unsigned nWidth = 3 * TTile::ms_nX, nHeight = 8 * TTile::ms_nY;
+  const std::uint64_t nBandBytes = std::uint64_t(nWidth) * nHeight * sizeof(float);
+  std::mt19937 oRng(3);
+  const SParams oParams{1, 10.0f, false, false, 0.0, 0.0};
+  const auto oCase = MakeCase<float, unsigned char>(oRng, nWidth, nHeight, eDense, oParams);
+  const auto oExpected = RunFilter<SMemoryTag>(oCase, oParams);
+  const Orl::Test::CTileBudget oBudget(nBandBytes / 8);
+  const auto nReadBefore = Orl::Test::TileCache().GetCounters().m_nBytesRead;
+  ExpectSame(oExpected, RunFilter<STileTag>(oCase, oParams), "spilled");
+  EXPECT_LE(Orl::Test::TileCache().GetCounters().m_nBytesRead - nReadBefore, 8 * nBandBytes);
+}
+
 // A band of the given width (default: one row), with a mask that selects nothing.
 template <class TPixel>
 SCase<TPixel, unsigned char> Row(std::vector<TPixel> vecSrc, TPixel tNoData, unsigned int nWidth = 0)
@@ -158,18 +177,25 @@ TYPED_TEST(LinearFillHoleTagTest, BadArgumentsAreRefusedBeforeAPixelIsWritten)
 }
 
 // The list gives back what it took, in reverse, across rows and chunks, and makes chunks only as
-// holes come.
+// holes come. On tiles it holds one chunk (2.25 MiB) in memory: under a budget of 1 MiB, four chunks
+// stay within it and the write-behind allowance plus two chunks.
 TYPED_TEST(LinearFillHoleTagTest, HoleListGivesBackInReverseAndGrowsWithTheHoles)
 {
   using TList = Orl::Ostrel::Filter::Detail::CHoleList<TypeParam>;
   constexpr std::uint32_t nChunk = TList::ms_nWidth * TList::ms_nChunkRows;
-  for (const std::uint32_t nEntries : {0u, 1u, 1024u, 1025u, nChunk + 3})
+  constexpr std::uint64_t nBudget = 1u << 20, nChunkBytes = nChunk * 9ull;
+  const Orl::Test::CTileBudget oBudget(nBudget);
+  for (const std::uint32_t nEntries : {0u, 1u, 1024u, 1025u, nChunk + 3, 4 * nChunk})
   {
     TList oList(std::numeric_limits<std::uint32_t>::max()); // a bound far beyond memory
     Orl::Ostrel::Filter::Detail::CHoleAppender<TypeParam> oAppender(oList);
     for (std::uint32_t n = 0; n < nEntries; ++n)
       oAppender.Append({float(n), -float(n), n % 9});
     EXPECT_EQ(oList.GetChunkCount(), (nEntries + nChunk - 1) / nChunk) << nEntries;
+    if (std::is_same<TypeParam, STileTag>::value)
+    {
+      EXPECT_LE(Orl::Test::TileCache().GetCounters().m_nPeakResidentBytes, nBudget * 9 / 8 + 2 * nChunkBytes);
+    }
     oList.EndForward(nEntries);
     Orl::Ostrel::Filter::Detail::CHoleTaker<TypeParam> oTaker(oList);
     for (std::uint32_t n = nEntries; n-- != 0;)

@@ -14,6 +14,12 @@
 //   ms_bReadAhead, ReadAhead(it, n, y, bAlways)
 //                   whether the storage reads ahead, and the hint of a row walk (see
 //                   CTileBandIterator::ReadAheadOfWalk); a no-op where memory is all there is
+//   ms_bTiles       whether runs lie in tiles; then also, for the tile under the iterator,
+//     Stride(it)      pixels from a run's start to the same column one row down
+//     RowsAbove(it), RowsBelow(it)
+//                     the tile's rows above and below the current one, where the run goes on at
+//                     the same column, Stride pixels per row
+//     Hold(it)        the tile, to keep it in memory while its pixels are used without the iterator
 
 #include "Band/MemoryBandIterator.h"
 #include "Band/TileBandIterator.h"
@@ -56,6 +62,7 @@ struct SMemoryRowRuns : std::true_type
   static void Advance(TIterator& it, int nCount) { it.X += nCount; }
   static constexpr bool ms_bReadAhead = false;
   static void ReadAhead(const TIterator&, int, int, bool) {}
+  static constexpr bool ms_bTiles = false;
 };
 
 template <class TPixel, class TCoord>
@@ -79,6 +86,11 @@ struct STileRowRuns : std::true_type
   {
     it.ReadAheadOfWalk(nCount, nPreviousY, bAlways);
   }
+  static constexpr bool ms_bTiles = true;
+  static int Stride(const TIterator& it) { return it.GetTileWidth(); }
+  static int RowsAbove(const TIterator& it) { return it.GetTileOffsetY(); }
+  static int RowsBelow(const TIterator& it) { return it.GetTileHeight() - 1 - it.GetTileOffsetY(); }
+  static const boost::shared_ptr<CTileBase>& Hold(const TIterator& it) { return it.GetCurrentTile(); }
 };
 
 template <class TPixel, class TCoord, bool bMutable>

@@ -11,6 +11,11 @@
 // never to the caller's bound. Rows are reached through the row access of the band layer
 // (Band/Detail/RowAccess.h): a memory band's row is written in place, a tile band's through a row
 // buffer, a tile's stretch at a time.
+//
+// On tile bands the list holds in memory only the chunk it works on: the forward sweep lets go of a
+// chunk when it moves on to the next (its tiles may then leave for the spill file), and the backward
+// sweep drops each chunk it has taken back. So the list costs the tile cache's budget one chunk,
+// 2.25 MiB, however many holes there are.
 
 #include "Band/Band.h"
 #include "Band/Detail/RowAccess.h"
@@ -19,6 +24,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -58,7 +64,7 @@ public:
   explicit CHoleList(std::uint32_t nMaxHoles) : m_nMaxHoles(nMaxHoles) {}
 
   std::uint32_t GetMaxHoles() const { return m_nMaxHoles; }
-  // Chunks made so far: what the list holds in memory or in tiles.
+  // Chunks held: made so far going forward, less those taken back entirely going backward.
   std::size_t GetChunkCount() const { return m_vecChunks.size(); }
 
   // Forward: stores the row written so far, if any, and gives the next one, making its chunk when
@@ -68,7 +74,8 @@ public:
   {
     _EndWrite();
     const std::uint64_t nRow = m_nRows++;
-    if (nRow % ms_nChunkRows == 0)
+    const bool bNewChunk = nRow % ms_nChunkRows == 0;
+    if (bNewChunk)
     {
       // As many rows as the bound can still need, at most a chunk's.
       const std::uint64_t nRowsLeft = (std::uint64_t(m_nMaxHoles) + ms_nWidth - 1) / ms_nWidth - nRow;
@@ -77,9 +84,14 @@ public:
                                    TCountBand(ms_nWidth, nRows)});
     }
     SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
-    return SRowOut{m_oWeights.BeginWrite(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), ms_nWidth),
-                   m_oValues.BeginWrite(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), ms_nWidth),
-                   m_oCounts.BeginWrite(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), ms_nWidth)};
+    const SRowOut oRow{
+      m_oWeights.BeginWrite(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), ms_nWidth),
+      m_oValues.BeginWrite(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), ms_nWidth),
+      m_oCounts.BeginWrite(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), ms_nWidth)};
+    // The writers have left the chunk before: nothing holds it in memory now but its bands.
+    if (bNewChunk && m_vecChunks.size() > 1)
+      _LetGo(m_vecChunks[m_vecChunks.size() - 2]);
+    return oRow;
   }
 
   // Between the sweeps: stores the last row; nSize entries were written.
@@ -98,10 +110,15 @@ public:
     const std::uint64_t nRow = --m_nRows;
     const std::uint32_t nEntries = std::uint32_t(std::min<std::uint64_t>(ms_nWidth, m_nSize - nRow * ms_nWidth));
     const SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
-    return SRowIn{m_oReadWeights.Read(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), nEntries),
-                  m_oReadValues.Read(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), nEntries),
-                  m_oReadCounts.Read(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), nEntries),
-                  nEntries};
+    const SRowIn oRow{m_oReadWeights.Read(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), nEntries),
+                      m_oReadValues.Read(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), nEntries),
+                      m_oReadCounts.Read(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), nEntries),
+                      nEntries};
+    // The chunk after this row's is taken back entirely, and the readers have left it: it goes, tiles
+    // and records, without a write.
+    if (m_vecChunks.size() > nRow / ms_nChunkRows + 1)
+      m_vecChunks.pop_back();
+    return oRow;
   }
 
 private:
@@ -122,6 +139,20 @@ private:
   using TReader = Band::Detail::CRowReader<typename TBand::TRep::TConstIterator>;
 
   static TRect _Row(std::uint64_t nRow) { return TRect(0, unsigned(nRow % ms_nChunkRows), ms_nWidth, 1); }
+
+  // Tile bands keep the tiles last asked for in a local cache of their own, which would hold a band
+  // of a chunk's size whole.
+  static void _LetGo(const SChunk& oChunk)
+  {
+    if constexpr (std::is_same<TTag, Band::STileTag>::value)
+    {
+      oChunk.m_oWeights.GetRep().ReleaseLocalCache();
+      oChunk.m_oValues.GetRep().ReleaseLocalCache();
+      oChunk.m_oCounts.GetRep().ReleaseLocalCache();
+    }
+    else
+      (void)oChunk;
+  }
 
   void _EndWrite()
   {
