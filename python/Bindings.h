@@ -329,6 +329,23 @@ py::array MapBand(const TFilter& oFilter, const py::handle& oA, const py::object
   return std::move(oOutArray);
 }
 
+// MapBand for a filter of two arrays of one pixel type and shape, a and b (named pA and pB in
+// errors): Apply(dest, a, b), nodata set on all three.
+template <class TPixel, class TFilter>
+py::array MapTwoBands(const TFilter& oFilter, const py::handle& oA, const char* pA, const py::handle& oB,
+                      const char* pB, const py::object& oNoData, const py::object& oOut, const py::object& oProgress)
+{
+  auto oAArray = ContiguousArray<TPixel>(oA, pA);
+  auto oBArray = ContiguousArray<TPixel>(oB, pB);
+  if (ShapeOf(oBArray) != ShapeOf(oAArray))
+    throw py::value_error(std::string(pB) + ": shape differs from " + pA + "'s");
+  auto oOutArray = OutputArray<TPixel>(oOut, ShapeOf(oAArray), {oAArray, oBArray}, oFilter.AllowDestIsSrc());
+  auto oDest = ArrayBand(oOutArray), oABand = ArrayBand(oAArray), oBBand = ArrayBand(oBArray);
+  SetNoData<TPixel>(oNoData, oDest, oABand, oBBand);
+  RunFilter(oFilter, oProgress, [&](const TFilter& oRun) { oRun.Apply(oDest, oABand, oBBand); });
+  return std::move(oOutArray);
+}
+
 // The trailing arguments every filter binding takes, and their documentation.
 #define ORL_PY_NODATA_OUT_PROGRESS                                                                       \
   py::arg("nodata") = py::none(), py::arg("out") = py::none(), py::arg("progress") = py::none()

@@ -27,18 +27,9 @@ py::array Binary(Filter::EArithmeticBinaryOperation eOperation, const py::handle
       return MapBand<T, T>(Filter::CArithmeticBinaryFilter(eOperation, dConstant), oA, oNoData, oOut, oProgress);
     });
   }
-  return DispatchArray(oA, "a", [&](auto tPixel) -> py::array {
-    using T = decltype(tPixel);
-    auto oAArray = ContiguousArray<T>(oA, "a");
-    auto oBArray = ContiguousArray<T>(oB, "b");
-    if (ShapeOf(oBArray) != ShapeOf(oAArray))
-      throw py::value_error("b: shape differs from a's");
-    auto oOutArray = OutputArray<T>(oOut, ShapeOf(oAArray), {oAArray, oBArray}, true);
-    auto oDest = ArrayBand(oOutArray), oABand = ArrayBand(oAArray), oBBand = ArrayBand(oBArray);
-    SetNoData<T>(oNoData, oDest, oABand, oBBand);
-    RunFilter(Filter::CArithmeticBinaryFilter(eOperation), oProgress,
-              [&](const auto& oFilter) { oFilter.Apply(oDest, oABand, oBBand); });
-    return std::move(oOutArray);
+  return DispatchArray(oA, "a", [&](auto tPixel) {
+    return MapTwoBands<decltype(tPixel)>(Filter::CArithmeticBinaryFilter(eOperation), oA, "a", oB, "b", oNoData, oOut,
+                                         oProgress);
   });
 }
 

@@ -81,18 +81,9 @@ py::array Skeleton(const py::handle& oA, const std::string& strMethod, const py:
 py::array Reconstruction(const py::handle& oMarker, const py::handle& oMask, const py::object& oNoData,
                          const py::object& oOut, const py::object& oProgress)
 {
-  return DispatchArray(oMarker, "marker", [&](auto tPixel) -> py::array {
-    using T = decltype(tPixel);
-    auto oMarkerArray = ContiguousArray<T>(oMarker, "marker");
-    auto oMaskArray = ContiguousArray<T>(oMask, "mask");
-    if (ShapeOf(oMaskArray) != ShapeOf(oMarkerArray))
-      throw py::value_error("mask: shape differs from the marker's");
-    auto oOutArray = OutputArray<T>(oOut, ShapeOf(oMarkerArray), {oMarkerArray, oMaskArray});
-    auto oDest = ArrayBand(oOutArray), oMarkerBand = ArrayBand(oMarkerArray), oMaskBand = ArrayBand(oMaskArray);
-    SetNoData<T>(oNoData, oDest, oMarkerBand, oMaskBand);
-    RunFilter(Filter::CGrayscaleReconstructionFilter(), oProgress,
-              [&](const auto& oFilter) { oFilter.Apply(oDest, oMarkerBand, oMaskBand); });
-    return std::move(oOutArray);
+  return DispatchArray(oMarker, "marker", [&](auto tPixel) {
+    return MapTwoBands<decltype(tPixel)>(Filter::CGrayscaleReconstructionFilter(), oMarker, "marker", oMask, "mask",
+                                         oNoData, oOut, oProgress);
   });
 }
 
@@ -182,7 +173,8 @@ void BindShapeFilters(py::module_& oModule)
               "\nA raster without background is no-data everywhere. Global: single-machine only.\n");
 
   oModule.def("skeleton", &Skeleton, py::arg("a"), py::arg("method") = "zhang_suen", ORL_PY_NODATA_OUT_PROGRESS,
-              "Thin the valid non-zero pixels to skeletons one pixel wide: 1 on the skeleton, 0 elsewhere.\n\n"
+              "Thin the valid non-zero pixels to skeletons: 1 on the skeleton, 0 elsewhere. Lines end one\n"
+              "pixel wide; 2 x 2 blocks stay where no pixel can go without changing the topology.\n\n"
               "Parameters\n----------\n"
               "a : array_like, 2-D, any of the seven dtypes\n"
               "method : {'zhang_suen', 'guo_hall_a1', 'guo_hall_a2', 'simple'}\n"

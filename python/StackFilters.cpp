@@ -25,25 +25,37 @@ std::vector<py::ssize_t> BandShape(const py::array& oStack)
   return {vecShape[vecShape.size() - 2], vecShape.back()};
 }
 
+// The shape of the filters from a stack to one band: the stack (array argument pArgument, 3-D) of
+// pixel type T used in place, the destination of pixel type TDest and one band's shape, out or a new
+// array; fnNoData(bands, dest) sets their no-data values, then the filter runs Apply(dest, bands).
+template <class TDest, class T, class TFilter, class TNoData>
+py::array MapStack(const TFilter& oFilter, const py::handle& oStack, const char* pArgument, const py::object& oOut,
+                   const py::object& oProgress, TNoData fnNoData)
+{
+  auto oStackArray = ContiguousArray<T>(oStack, pArgument, 3);
+  auto oOutArray = OutputArray<TDest>(oOut, BandShape(oStackArray), {oStackArray});
+  auto vecBands = StackBands(oStackArray);
+  auto oDest = ArrayBand(oOutArray);
+  fnNoData(vecBands, oDest);
+  RunFilter(oFilter, oProgress, [&](const auto& oRun) { oRun.Apply(oDest, vecBands); });
+  return std::move(oOutArray);
+}
+
 py::array MaskMerge(const py::handle& oMasks, const py::object& oWeights, const py::object& oNoData,
                     const py::object& oOut, const py::object& oProgress)
 {
   Filter::CMaskMergeFilter oFilter;
   if (!oWeights.is_none())
     oFilter.SetWeights(CastArgument<std::vector<double>>(oWeights, "weights", "a sequence of numbers"));
-  return DispatchArray(oMasks, "masks", [&](auto tPixel) -> py::array {
+  return DispatchArray(oMasks, "masks", [&](auto tPixel) {
     using T = decltype(tPixel);
-    auto oMaskArray = ContiguousArray<T>(oMasks, "masks", 3);
-    auto oOutArray = OutputArray<T>(oOut, BandShape(oMaskArray), {oMaskArray});
-    auto vecMasks = StackBands(oMaskArray);
-    auto oDest = ArrayBand(oOutArray);
-    if (!oNoData.is_none()) // the marker; without it 0, also for float masks (NaN would set them all)
-    {
-      SetNoData(oNoData, vecMasks);
-      SetNoData<T>(oNoData, oDest);
-    }
-    RunFilter(oFilter, oProgress, [&](const auto& oRun) { oRun.Apply(oDest, vecMasks); });
-    return std::move(oOutArray);
+    return MapStack<T, T>(oFilter, oMasks, "masks", oOut, oProgress, [&](auto& vecMasks, auto& oDest) {
+      if (!oNoData.is_none()) // the marker; without it 0, also for float masks (NaN would set them all)
+      {
+        SetNoData(oNoData, vecMasks);
+        SetNoData<T>(oNoData, oDest);
+      }
+    });
   });
 }
 
@@ -112,16 +124,12 @@ py::array Predict(const py::handle& oStack, const std::vector<double>& vecCoeffi
   if (!oBounds.is_none() && !(oRange.first <= oRange.second))
     throw py::value_error("bounds: expected (low, high) with low <= high");
   const Filter::CMultiRegressionPredictor oFilter(vecModel, nTarget, oRange.first, oRange.second);
-  return DispatchArray(oStack, "stack", [&](auto tPixel) -> py::array {
+  return DispatchArray(oStack, "stack", [&](auto tPixel) {
     using T = decltype(tPixel);
-    auto oStackArray = ContiguousArray<T>(oStack, "stack", 3);
-    auto oOutArray = OutputArray<T>(oOut, BandShape(oStackArray), {oStackArray});
-    auto vecBands = StackBands(oStackArray);
-    auto oDest = ArrayBand(oOutArray);
-    SetNoData(oNoData, vecBands);
-    SetNoData<T>(oNoData, oDest);
-    RunFilter(oFilter, oProgress, [&](const auto& oRun) { oRun.Apply(oDest, vecBands); });
-    return std::move(oOutArray);
+    return MapStack<T, T>(oFilter, oStack, "stack", oOut, oProgress, [&](auto& vecBands, auto& oDest) {
+      SetNoData(oNoData, vecBands);
+      SetNoData<T>(oNoData, oDest);
+    });
   });
 }
 
@@ -139,15 +147,10 @@ py::array Stratify(const py::handle& oStack, const py::handle& oCoefficients, co
   return DispatchPixelType<STypeList<unsigned char, unsigned short>>(
     py::dtype::from_args(oDtype), "dtype", [&](auto tClass) {
       using TClass = decltype(tClass);
-      return DispatchArray(oStack, "stack", [&](auto tPixel) -> py::array {
+      return DispatchArray(oStack, "stack", [&](auto tPixel) {
         using T = decltype(tPixel);
-        auto oStackArray = ContiguousArray<T>(oStack, "stack", 3);
-        auto oOutArray = OutputArray<TClass>(oOut, BandShape(oStackArray), {oStackArray});
-        auto vecBands = StackBands(oStackArray);
-        auto oDest = ArrayBand(oOutArray);
-        SetNoData(oNoData, vecBands);
-        RunFilter(oFilter, oProgress, [&](const auto& oRun) { oRun.Apply(oDest, vecBands); });
-        return std::move(oOutArray);
+        return MapStack<TClass, T>(oFilter, oStack, "stack", oOut, oProgress,
+                                   [&](auto& vecBands, auto&) { SetNoData(oNoData, vecBands); });
       });
     });
 }

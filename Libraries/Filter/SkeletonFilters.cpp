@@ -37,6 +37,7 @@
 #include <atomic>
 #include <cassert>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace Orl { namespace Ostrel { namespace Filter { namespace Detail {
@@ -142,9 +143,9 @@ SAlgorithm MakeAlgorithm(EThinning eAlgorithm)
 
 using TWord = std::uint64_t;
 
-// At least two of the n words have the bit set, per bit; exactly one.
+// Per bit, whether at least one and whether at least two of the n words have it set.
 template <std::size_t n>
-TWord AtLeastTwo(const std::array<TWord, n>& a)
+std::pair<TWord, TWord> OneAndTwo(const std::array<TWord, n>& a)
 {
   TWord nOne = 0, nTwo = 0;
   for (const TWord t : a)
@@ -152,19 +153,20 @@ TWord AtLeastTwo(const std::array<TWord, n>& a)
     nTwo |= nOne & t;
     nOne |= t;
   }
-  return nTwo;
+  return {nOne, nTwo};
+}
+
+template <std::size_t n>
+TWord AtLeastTwo(const std::array<TWord, n>& a)
+{
+  return OneAndTwo(a).second;
 }
 
 template <std::size_t n>
 TWord ExactlyOne(const std::array<TWord, n>& a)
 {
-  TWord nOne = 0, nTwo = 0;
-  for (const TWord t : a)
-  {
-    nTwo |= nOne & t;
-    nOne |= t;
-  }
-  return nOne & ~nTwo;
+  const auto o = OneAndTwo(a);
+  return o.first & ~o.second;
 }
 
 // The tables of MakeAlgorithm as formulas on neighbour words n[0..7] (north, then clockwise), for

@@ -16,6 +16,13 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // with all deletions of a subiteration decided on the picture before it, until an iteration of both
 // deletes nothing. No two pixels of a subfield are 4-adjacent, so every deletion set is simple as a
 // whole: components and holes are preserved. End points and one-pixel-wide lines stay.
+// Thinness: every remaining pixel is an end point (B <= 1) or not simple (C != 1), so no pixel can go
+// on its own without changing components or holes; 2 x 2 blocks of four pixels that are not simple
+// stay (a block with a diagonal branch leaving each corner, for one).
+// Open point: the paper (Commun. ACM 32(3), 1989) presents A2 as one thinning operator applied
+// alternately to the two subfields of a checkerboard; the operator used here, C = 1 and B >= 2, is
+// the plain form of that scheme. Whether the paper's operator tests more (its treatment of end
+// points, say, or of two-pixel-thick diagonals) has not been checked against its text.
 //
 // Foreground: valid non-zero source pixels; pixels outside the band count as background, so shapes
 // are thinned up to the band's edge. Writes 1 on the skeleton and 0 elsewhere; invalid source

@@ -13,9 +13,12 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // direction is background, it is simple for 8-connected foreground (C = 1, C as for the Guo-Hall
 // filters) and it is not an end point (at least two foreground neighbours); the deletions of a
 // subiteration are decided on the picture before it. Repeated until four subiterations in a row
-// delete nothing. Deleting border pixels of one side only keeps components and holes as they were;
-// the result is one pixel thin: every remaining pixel is an end point, an isolated pixel or not simple
-// for any side it has background on.
+// delete nothing. Deleting border pixels of one side only keeps components and holes as they were.
+// Thinness: every remaining pixel is an end point (at most one foreground neighbour) or not simple
+// (C != 1, which includes C = 0 for a pixel without a background 4-neighbour), so no pixel can go on
+// its own without changing components or holes. That is as thin as topology allows pixel by pixel,
+// but not free of 2 x 2 blocks: a block whose four pixels are not simple stays, for instance one
+// with a diagonal branch leaving each corner.
 //
 // Foreground: valid non-zero source pixels; pixels outside the band count as background, so shapes
 // are thinned up to the band's edge. Writes 1 on the skeleton and 0 elsewhere; invalid source

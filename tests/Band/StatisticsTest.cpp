@@ -32,6 +32,25 @@ Detail::CGrayValueStatisticsCalculator<TPixel, double>& Calculator(const TMemBan
   return *oBand.GetRep().GetStatistics().m_pCalculator;
 }
 
+// CalcHisto's outputs, seeded with values it must overwrite.
+struct SHisto
+{
+  std::vector<unsigned long> m_vecBins = std::vector<unsigned long>(3, 1);
+  double m_dMedian = 1, m_dMode = 1, m_dWidth = 0, m_dStep = 0;
+  unsigned long m_nMaxCount = 1, m_nValid = 1, m_nInvalid = 1;
+  unsigned int m_nBins;
+};
+
+template <class TPixel>
+SHisto Histo(const TMemBand<TPixel>& oBand, unsigned int nBins, TPixel tLow, TPixel tHigh)
+{
+  SHisto o;
+  o.m_nBins = nBins;
+  Calculator(oBand).CalcHisto(o.m_vecBins, o.m_dMedian, o.m_dMode, o.m_nBins, o.m_nMaxCount, o.m_dWidth, o.m_dStep,
+                              o.m_nValid, o.m_nInvalid, tLow, tHigh, false, TLoggerPtr());
+  return o;
+}
+
 template <class TPixel>
 class StatisticsTest : public ::testing::Test
 {
@@ -161,15 +180,10 @@ TYPED_TEST(StatisticsTest, HistogramRowLoopFollowsTheBinRuleAtEveryEdge)
       if (!bNoData || !(tValue == oBand.GetNoDataValue()))
         oRule(tValue);
     }
-    std::vector<unsigned long> vecHistogram;
-    double dMedian, dMode, dWidth, dStep;
-    unsigned long nMaxCount, nValid, nInvalid;
-    unsigned int nUsed = nBins;
-    Calculator(oBand).CalcHisto(vecHistogram, dMedian, dMode, nUsed, nMaxCount, dWidth, dStep, nValid, nInvalid, tLow,
-                                tHigh, false, TLoggerPtr());
-    ASSERT_EQ(nUsed, nBins);
-    EXPECT_EQ(nValid, oRule.m_nCount);
-    EXPECT_TRUE(std::equal(vecHistogram.begin(), vecHistogram.end(), oRule.m_vecBins.begin(), oRule.m_vecBins.end()));
+    const SHisto o = Histo(oBand, nBins, tLow, tHigh);
+    ASSERT_EQ(o.m_nBins, nBins);
+    EXPECT_EQ(o.m_nValid, oRule.m_nCount);
+    EXPECT_TRUE(std::equal(o.m_vecBins.begin(), o.m_vecBins.end(), oRule.m_vecBins.begin(), oRule.m_vecBins.end()));
   }
 }
 
@@ -198,19 +212,16 @@ TYPED_TEST(StatisticsTest, EmptyAndAllNoDataBands)
       oBand.SetNoDataValue(TPixel(7));
     auto& oCalc = Calculator(oBand);
     TPixel tMin = 1, tMax = 1;
-    unsigned long nValid = 1, nInvalid = 1, nMaxCount = 1;
+    unsigned long nValid = 1, nInvalid = 1;
     oCalc.CalcMinMax(tMin, tMax, nValid, nInvalid, false, TLoggerPtr());
     EXPECT_TRUE(tMin == o.tExpectedMin && tMax == o.tExpectedMax && nValid == 0 && nInvalid == o.nExpectedInvalid);
     double dMean = 1, dVariance = 0;
     oCalc.CalcMinMaxMeanVar(tMin, tMax, nValid, dMean, dVariance, nInvalid, false, TLoggerPtr());
     EXPECT_TRUE(tMin == TPixel(0) && tMax == TPixel(0) && dMean == 0.0 && dVariance == 1.0);
-    std::vector<unsigned long> vecHistogram(3, 1);
-    double dMedian = 1, dMode = 1, dBinWidth = 0, dBinStep = 0;
-    unsigned int nBins = 1024;
-    oCalc.CalcHisto(vecHistogram, dMedian, dMode, nBins, nMaxCount, dBinWidth, dBinStep, nValid, nInvalid,
-                    o.tExpectedMin, o.tExpectedMax, false, TLoggerPtr());
-    EXPECT_TRUE(vecHistogram.empty() && nBins == 0 && nMaxCount == 0 && dBinWidth == 1.0 && dMedian == 0.0);
-    EXPECT_EQ(nInvalid, o.nExpectedInvalid);
+    const SHisto oHisto = Histo(oBand, 1024, o.tExpectedMin, o.tExpectedMax);
+    EXPECT_TRUE(oHisto.m_vecBins.empty() && oHisto.m_nBins == 0 && oHisto.m_nMaxCount == 0 && oHisto.m_dWidth == 1.0 &&
+                oHisto.m_dMedian == 0.0);
+    EXPECT_EQ(oHisto.m_nInvalid, o.nExpectedInvalid);
   }
 }
 
@@ -222,17 +233,12 @@ void CheckHistoCase(std::vector<TPixel> vecPixels, TPixel tMin, TPixel tMax, uns
 {
   TMemBand<TPixel> oBand(unsigned(vecPixels.size()), 1);
   std::copy(vecPixels.begin(), vecPixels.end(), oBand.GetRep().GetDataLocation());
-  std::vector<unsigned long> vecHistogram;
-  double dMedian, dMode, dWidth, dStep;
-  unsigned long nMaxCount, nValid, nInvalid;
-  unsigned int nBins = nBinsWanted;
-  Calculator(oBand).CalcHisto(vecHistogram, dMedian, dMode, nBins, nMaxCount, dWidth, dStep, nValid, nInvalid, tMin,
-                              tMax, false, TLoggerPtr());
-  EXPECT_EQ(nBins, nBinsUsed);
-  ASSERT_EQ(vecHistogram.size(), nBinsUsed);
-  EXPECT_DOUBLE_EQ(dStep, dBinStep);
-  EXPECT_DOUBLE_EQ(dWidth, dBinWidth);
-  EXPECT_GE(vecHistogram[nBinOfFirstPixel], 1u);
+  const SHisto o = Histo(oBand, nBinsWanted, tMin, tMax);
+  EXPECT_EQ(o.m_nBins, nBinsUsed);
+  ASSERT_EQ(o.m_vecBins.size(), nBinsUsed);
+  EXPECT_DOUBLE_EQ(o.m_dStep, dBinStep);
+  EXPECT_DOUBLE_EQ(o.m_dWidth, dBinWidth);
+  EXPECT_GE(o.m_vecBins[nBinOfFirstPixel], 1u);
 }
 
 TEST(CalcHistoTest, RangeAndBinRules)

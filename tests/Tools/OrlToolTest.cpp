@@ -15,6 +15,8 @@
 #include "Filter/MaskFilter.h"
 #include "Filter/MaskMergeFilter.h"
 #include "Filter/MedoidFilter.h"
+#include "Filter/MultiRegressionPredictor.h"
+#include "Filter/MultinomialRegressionStratifier.h"
 #include "Filter/ResampleFilter.h"
 #include "Filter/SkeletonGuoHallA2Filter.h"
 #include "Support/PixelTypes.h"
@@ -409,6 +411,23 @@ INSTANTIATE_TEST_SUITE_P(
       oFilter.SetWeights({2.0, 1.0, 1.0});
       oFilter.Apply(oDest, std::vector<BBand>{Load<unsigned char>(d + "rgb.tif", 1), Load<unsigned char>(d + "rgb.tif", 2),
                                               Load<unsigned char>(d + "rgb.tif", 3)});
+      return Values(oDest); }},
+    SFilterCase{"StratifyByModelFile", "stratify f.tif g.tif --coefficients @model.txt --classes 10,20,300", [](const std::string& d) {
+      std::ofstream(d + "model.txt") << "# f, g, intercept\n1, -1, 0\n-1 1 5\n\n0.5,0.5,-20  # third class\n";
+      boost::numeric::ublas::matrix<double> matModel(3, 3);
+      const double adModel[] = {1, -1, 0, -1, 1, 5, 0.5, 0.5, -20};
+      std::copy(adModel, adModel + 9, matModel.data().begin());
+      Band::CBand<unsigned short, Band::SMemoryTag> oDest(g_nWidth, g_nHeight);
+      oDest.SetNoDataValue(65535);
+      Filter::CMultinomialRegressionStratifier(matModel, {10, 20, 300})
+        .Apply(oDest, std::vector<FBand>{Load<float>(d + "f.tif"), Load<float>(d + "g.tif")});
+      return Values(oDest); }},
+    SFilterCase{"PredictGapsOfFirstBand", "predict f.tif g.tif --coefficients -3,0.5,1 --target 1 --clamp 0 40", [](const std::string& d) {
+      const FBand oF = Load<float>(d + "f.tif");
+      FBand oDest = Like(oF);
+      boost::numeric::ublas::vector<double> vecModel(3);
+      vecModel[0] = -3, vecModel[1] = 0.5, vecModel[2] = 1;
+      Filter::CMultiRegressionPredictor(vecModel, 0, 0.0, 40.0).Apply(oDest, std::vector<FBand>{oF, Load<float>(d + "g.tif")});
       return Values(oDest); }}),
   [](const ::testing::TestParamInfo<SFilterCase>& oInfo) { return std::string(oInfo.param.m_szName); });
 
@@ -480,6 +499,10 @@ INSTANTIATE_TEST_SUITE_P(
                     SErrorCase{"ResampleWithoutSize", "resample in.tif out.tif", "resample needs --factor or --size", 2},
                     SErrorCase{"ConstantForUnary", "calc sqrt in.tif out.tif --constant 2", "--constant goes with", 2},
                     SErrorCase{"UnknownType", "convert in.tif out.tif -ot Int8", "--ot", 2},
+                    SErrorCase{"ModelOfOtherWidth", "stratify in.tif out.tif --coefficients '1,2,3;4,5,6'",
+                               "row 1 has 3 values for 1 input band(s): expected 2", 2},
+                    SErrorCase{"ModelNotANumber", "predict in.tif out.tif --coefficients 1,x", "'x' is not a finite number", 2},
+                    SErrorCase{"ModelFileMissing", "predict in.tif out.tif --coefficients @nope.txt", "cannot read nope.txt", 2},
                     SErrorCase{"DiskFull", "fill in.tif old.tif --overwrite -co COMPRESS=NONE", "cannot write old.tif", 1, 65536}),
   [](const ::testing::TestParamInfo<SErrorCase>& oInfo) { return std::string(oInfo.param.m_szName); });
 

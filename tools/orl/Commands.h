@@ -57,6 +57,8 @@ TRunner DefineColor(CLI::App& oApp);
 TRunner DefineMedoid(CLI::App& oApp);
 TRunner DefineSelect(CLI::App& oApp);
 TRunner DefineMergeMasks(CLI::App& oApp);
+TRunner DefineStratify(CLI::App& oApp);
+TRunner DefinePredict(CLI::App& oApp);
 
 // The memory budget: --memory, or the tile cache's default (a quarter of the usable memory).
 std::uint64_t GetMemoryBudget(const SGlobalOptions& oGlobal);
@@ -173,6 +175,14 @@ struct SFilterShape
   bool m_bGeoreferenced = true; // the output keeps the input's georeferencing (scaled to its size)
   std::vector<std::string> m_vecBandNames; // the output bands' descriptions, else the inputs'
 };
+
+// The shape of the filters of a stack: all input bands, at least one, to one band.
+inline SFilterShape StackShape()
+{
+  SFilterShape oShape;
+  oShape.m_nInputs = 0;
+  return oShape;
+}
 
 // Opens the inputs that oArgs and oShape name; throws on a wrong count or extent.
 std::vector<std::unique_ptr<CInput>> OpenInputs(const SBandsArgs& oArgs, const SFilterShape& oShape,

@@ -84,14 +84,6 @@ std::shared_ptr<TOptions> MakeOptions(CLI::App& oApp, const char* szInputs, std:
   return pOptions;
 }
 
-// A stack: all input bands, at least one.
-SFilterShape StackShape()
-{
-  SFilterShape oShape;
-  oShape.m_nInputs = 0;
-  return oShape;
-}
-
 } // namespace
 
 TRunner DefineMask(CLI::App& oApp)

@@ -37,6 +37,8 @@ const SCommand g_aCommands[] = {
   {"medoid", "Per pixel, the medoid of a stack of bands", &DefineMedoid},
   {"select", "Per pixel, the band of a stack that an index band names", &DefineSelect},
   {"merge-masks", "Weighted majority vote of mask bands", &DefineMergeMasks},
+  {"stratify", "Per pixel, the class of the highest linear score over a stack of bands", &DefineStratify},
+  {"predict", "Per pixel, a linear prediction from a stack of bands, or one band's gaps filled with it", &DefinePredict},
 };
 
 } // namespace

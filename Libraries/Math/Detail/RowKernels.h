@@ -216,12 +216,27 @@ inline void FloatRowSse2(const float* pRow, std::size_t nLength, const TPredicat
 #if defined(__x86_64__) && defined(__GNUC__)
 // The float loop adds two doubles per pixel, which keeps SSE2's add units busier than memory is.
 // Where the processor has AVX2 (asked once, at run time; nothing is built with -march) the same lanes
-// run in one register. All vector code stays inside this one function compiled for AVX2; what it
-// calls takes plain arrays.
+// run in one register. All vector code stays inside the functions compiled for AVX2 (and the load
+// they share, always inlined into them); what they call takes plain arrays.
 
 typedef float TV8F __attribute__((vector_size(32)));
 typedef std::int32_t TV8I __attribute__((vector_size(32)));
 typedef double TV4D __attribute__((vector_size(32)));
+
+// Eight pixels from p; vReject gets all bits set in the lanes the predicate excludes, which
+// vRejected counts (as -1 per lane). Always inlined into its AVX2 callers.
+template <class TPredicate>
+__attribute__((target("avx2"), always_inline)) inline TV8F LoadFloat8(const float* p, const TPredicate& oPredicate,
+                                                                      TV8I& vReject, TV8I& vRejected)
+{
+  TV8F v;
+  std::memcpy(&v, p, sizeof v);
+  vReject = TV8I{};
+  if constexpr (!std::is_same<TPredicate, SAcceptAll>::value)
+    vReject = TV8I(v == float(oPredicate.GetExcludedValue()));
+  vRejected -= vReject;
+  return v;
+}
 
 template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredicate>
 __attribute__((target("avx2"))) void FloatRowAvx2(const float* pRow, std::size_t nLength,
@@ -234,12 +249,8 @@ __attribute__((target("avx2"))) void FloatRowAvx2(const float* pRow, std::size_t
   const std::size_t nVector = nLength & ~std::size_t(7);
   for (std::size_t i = 0; i < nVector; i += 8)
   {
-    TV8F v;
-    std::memcpy(&v, pRow + i, sizeof v);
-    TV8I vReject = {};
-    if constexpr (!std::is_same<TPredicate, SAcceptAll>::value)
-      vReject = TV8I(v == float(oPredicate.GetExcludedValue()));
-    vRejected -= vReject;
+    TV8I vReject;
+    const TV8F v = LoadFloat8(pRow + i, oPredicate, vReject, vRejected);
     if constexpr (bMinMax)
     {
       const TV8F vCandidate = TV8F(TV8I(v) | vReject);
@@ -546,12 +557,8 @@ __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow,
   TV8I vRejected = {};
   for (std::size_t i = 0; i < nVector; i += 8)
   {
-    TV8F v;
-    std::memcpy(&v, pRow + i, sizeof v);
-    TV8I vReject = {};
-    if constexpr (!std::is_same<TPredicate, SAcceptAll>::value)
-      vReject = TV8I(v == float(oPredicate.GetExcludedValue()));
-    vRejected -= vReject;
+    TV8I vReject;
+    const TV8F v = LoadFloat8(pRow + i, oPredicate, vReject, vRejected);
     const TV8F vT = (v - vMin) * vInverse + vHalf;
     const TV8I vInRange = TV8I(vT >= vZero) & TV8I(vT < vLimit);
     const TV8F vSafe = TV8F(TV8I(vT) & vInRange); // out of range: 0, so the conversion is defined
