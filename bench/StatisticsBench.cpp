@@ -11,7 +11,8 @@
 // - BM_MomentsToPlainLoop: CalcMinMaxMeanVar on the float band against the parallel plain sum, with
 //   one thread and with all (threads:0).
 // - BM_HistogramToMoments: on a float 16384 x 16384 band (1 GiB, made on first use), the histogram
-//   with 256 and 1024 bins against CalcMinMaxMeanVar.
+//   with 256 and 1024 bins against CalcMinMaxMeanVar; uniform values, and (smooth:1) a smooth surface
+//   with 10% no-data, whose neighbouring pixels share bins.
 //   StatisticsBench --benchmark_filter='Ratio|ToPlain|ToMoments' --benchmark_repetitions=5
 //
 //   StatisticsBench --benchmark_repetitions=12 --benchmark_enable_random_interleaving=true
@@ -27,6 +28,7 @@
 #include <tbb/task_arena.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <type_traits>
@@ -265,10 +267,12 @@ void BM_MomentsToPlainLoop(benchmark::State& state)
   SetRatio(state, oOurs, oReference, double(Pixels<float>()));
 }
 
-// The histogram of range(0) bins against min/max/mean/variance, on the same float 16384 x 16384 band.
-void BM_HistogramToMoments(benchmark::State& state)
+// A float 16384 x 16384 band (1 GiB, made on first use): uniform values, or (bSmooth) a smooth
+// surface with a little noise and 10% no-data -9999, like bench/orl_vs_gdal.sh's raster, where
+// neighbouring pixels mostly fall into the same bin.
+const CBand<float, SMemoryTag>& LargeBand(bool bSmooth)
 {
-  static const auto s_oBand = [] {
+  const auto fnMake = [](bool bSmoothBand) {
     constexpr unsigned n = 16384;
     CBand<float, SMemoryTag> oBand(n, n);
     float* p = oBand.GetRep().GetDataLocation();
@@ -279,13 +283,33 @@ void BM_HistogramToMoments(benchmark::State& state)
         for (unsigned x = 0; x < n; ++x)
         {
           nState = nState * 1664525u + 1013904223u;
-          p[std::size_t(y) * n + x] = float(nState >> 8) * (1.0f / 65536.0f);
+          const float fUniform = float(nState >> 8) * (1.0f / 65536.0f);
+          p[std::size_t(y) * n + x] =
+            !bSmoothBand ? fUniform
+            : (nState >> 24) < 26 ? -9999.0f
+                                  : float(900.0 + 300.0 * std::sin(x / 700.0) * std::cos(y / 900.0) + 0.01 * (x + y) +
+                                          (fUniform / 256.0f - 0.5f) * 1.4);
         }
       }
     });
+    if (bSmoothBand)
+      oBand.SetNoDataValue(-9999.0f);
     return oBand;
-  }();
-  auto& oCalc = *s_oBand.GetRep().GetStatistics().m_pCalculator;
+  };
+  if (bSmooth)
+  {
+    static const auto s_oBand = fnMake(true);
+    return s_oBand;
+  }
+  static const auto s_oBand = fnMake(false);
+  return s_oBand;
+}
+
+// The histogram of range(0) bins against min/max/mean/variance, on the same band of LargeBand(range(1)).
+void BM_HistogramToMoments(benchmark::State& state)
+{
+  const auto& oBand = LargeBand(state.range(1) != 0);
+  auto& oCalc = *oBand.GetRep().GetStatistics().m_pCalculator;
   float fMin, fMax;
   unsigned long nValid, nInvalid, nMaxCount;
   oCalc.CalcMinMax(fMin, fMax, nValid, nInvalid, false, {});
@@ -300,7 +324,7 @@ void BM_HistogramToMoments(benchmark::State& state)
                     false, {});
     benchmark::DoNotOptimize(dMedian);
     const TClock::time_point t1 = TClock::now();
-    RunMinMaxMeanVar(s_oBand);
+    RunMinMaxMeanVar(oBand);
     oOurs += t1 - t0;
     oReference += TClock::now() - t1;
   }
@@ -308,7 +332,11 @@ void BM_HistogramToMoments(benchmark::State& state)
 }
 
 BENCHMARK(BM_MomentsToPlainLoop)->ArgName("threads")->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_HistogramToMoments)->ArgName("bins")->Arg(256)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_HistogramToMoments)
+  ->ArgNames({"bins", "smooth"})
+  ->ArgsProduct({{256, 1024}, {0, 1}})
+  ->Unit(benchmark::kMillisecond)
+  ->UseRealTime();
 
 #define ORL_STATISTICS_BENCH(T)                                                                         \
   BENCHMARK_TEMPLATE(BM_ReferenceSumOneThread, T)->Unit(benchmark::kMillisecond)->UseRealTime();         \

@@ -38,6 +38,9 @@ public:
   }
 
   const TPixel& operator*() const { return m_pData[_Index()]; }
+  // The current pixel's address, found without reading it: the row walks load pixels from it with
+  // memcpy, which takes any address (see Math/Detail/RowKernels.h).
+  const TPixel* GetPointer() const { return m_pData + _Index(); }
 
   CMemoryBandIterator& operator+=(const Pravik::GraphObject2d::CPoint<int>& oOffset)
   {
@@ -78,6 +81,7 @@ public:
   using TBase::TBase;
 
   TPixel& operator*() const { return this->m_pData[this->_Index()]; }
+  TPixel* GetPointer() const { return this->m_pData + this->_Index(); }
 
   CMutableMemoryBandIterator& operator+=(const Pravik::GraphObject2d::CPoint<int>& oOffset)
   {

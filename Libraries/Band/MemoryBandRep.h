@@ -30,7 +30,9 @@ public:
   // representation dies and released then; it is what keeps the pixels alive (a language binding
   // passes a reference on its array) and may be empty when the caller guarantees that otherwise.
   // The pixels are neither initialised nor freed here, and nothing is traced. Throws CBasicException
-  // when pPixels is null for a non-empty band.
+  // when pPixels is null for a non-empty band. pPixels should be aligned for TPixel; a band that is
+  // only read through its statistic getters may have it at any address (a file mapped in place),
+  // since their row walks load pixels with memcpy.
   CMemoryBandRep(unsigned int nWidth, unsigned int nHeight, TPixel* pPixels, boost::shared_ptr<void> pOwner);
   ~CMemoryBandRep();
 

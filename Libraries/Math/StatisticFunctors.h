@@ -419,8 +419,11 @@ void CHistoFunctor<TAcc, TPixel>::ApplyRow(const TPixel* pRow, std::size_t nLeng
     if (m_nBins == 0 || nLength < 16) // short runs: not worth the lanes
     {
       for (std::size_t i = 0; i < nLength; ++i)
-        if (oPredicate(pRow[i]))
-          (*this)(pRow[i]);
+      {
+        const TPixel tValue = Detail::LoadPixel(pRow + i);
+        if (oPredicate(tValue))
+          (*this)(tValue);
+      }
       return;
     }
     const std::size_t nStride = std::size_t(m_nBins) + 1, nLanes = _GetLaneCount();
@@ -433,9 +436,10 @@ void CHistoFunctor<TAcc, TPixel>::ApplyRow(const TPixel* pRow, std::size_t nLeng
     const auto fnExact = [this](TPixel tValue) { return GetBinIndex(tValue); };
 #if defined(__x86_64__) && defined(__GNUC__)
     if constexpr (std::is_same<TPixel, float>::value && Detail::ms_bVectorPredicate<TPredicate>)
-      if (nLanes == 4 && oBins.HasFloatForm() && Detail::HasAvx2())
+      if (nLanes >= 4 && oBins.HasFloatForm() && Detail::HasAvx2())
       {
-        m_nCount += Detail::FloatBinRowAvx2(pRow, nLength, oPredicate, oBins, m_vecLanes.data(), nStride, fnExact);
+        m_nCount +=
+          Detail::FloatBinRowAvx2(pRow, nLength, oPredicate, oBins, m_vecLanes.data(), nStride, nLanes, fnExact);
         return;
       }
 #endif

@@ -158,7 +158,8 @@ TYPED_TEST(StatisticsTest, HistogramRowLoopFollowsTheBinRuleAtEveryEdge)
   for (unsigned i = 0; i <= nBins; ++i) // the edge below bin i, and one more above the last bin
     fnAround(double(tLow) + (double(i) - 0.5) * oPattern.m_dBinStep);
   for (const double d : {double(tLow), double(tHigh), double(tLow) - 10 * oPattern.m_dBinStep,
-                         double(tHigh) + 10 * oPattern.m_dBinStep})
+                         double(tHigh) + 10 * oPattern.m_dBinStep, double(tLow) - 3e6 * oPattern.m_dBinStep,
+                         double(tHigh) + 5e6 * oPattern.m_dBinStep})
     fnAround(d);
   if constexpr (std::is_floating_point<TPixel>::value)
     for (const TPixel t : {TLimits::quiet_NaN(), TLimits::infinity(), -TLimits::infinity(), TLimits::max()})

@@ -23,8 +23,11 @@
 #include "Support/ScratchFiles.h"
 
 #include <boost/property_tree/json_parser.hpp>
+#include <cpl_string.h>
+#include <cpl_virtualmem.h>
 #include <gdal.h>
 
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -180,34 +183,113 @@ TEST(COrlTool, FillWithMaskEqualsLibrary)
                          [](float a, float b) { return a == b || (a != a && b != b); }));
 }
 
-// stats --json parses and carries the band's own statistics, exact and approximate.
-TEST(COrlTool, StatsJsonMatchesBand)
+// stats --json carries the library's statistics of the band's pixels however the file lays them out:
+// mapped in place (uncompressed strips, whose 4- and 8-byte pixels GDAL puts 2 bytes off alignment),
+// read through GDAL (tiled, compressed, pixel-interleaved), or held in tile bands. The band is above
+// the size where the sample of --approx is the whole band, so that only the sample is read there.
+struct SStatsCase
 {
+  const char* m_szName;
+  GDALDataType m_eType;
+  const char* m_szCreation; // GTiff creation options, space-separated
+  const char* m_szArgs;     // besides "stats in.tif --json -p 10,90"
+  bool m_bMappable;         // GDAL maps the band as a memory band lays it out
+};
+
+class COrlStatsTest : public ::testing::TestWithParam<SStatsCase>
+{
+};
+
+constexpr unsigned int g_nStatsSize = 2100; // 2100^2 pixels: more than 2^22, so --approx samples
+
+template <class TPixel>
+void ExpectStats(const std::string& strPath, int nBand, bool bApprox, const boost::property_tree::ptree& oJson)
+{
+  Band::CBand<TPixel, Band::SMemoryTag> oBand(g_nStatsSize, g_nStatsSize);
+  GDALDatasetH hDataset = GDALOpen(strPath.c_str(), GA_ReadOnly);
+  ASSERT_EQ(GDALRasterIO(GDALGetRasterBand(hDataset, nBand), GF_Read, 0, 0, g_nStatsSize, g_nStatsSize,
+                         oBand.GetRep().GetDataLocation(), g_nStatsSize, g_nStatsSize, GdalType<TPixel>(), 0, 0), CE_None);
+  GDALClose(hDataset);
+  oBand.SetNoDataValue(TPixel(7));
+  const auto& oConst = std::as_const(oBand);
+  unsigned long nValid = 0, nInvalid = 0;
+  TPixel tMin = 0, tMax = 0;
+  double dMean = 0.0, dVariance = 0.0;
+  oConst.GetMeanVariance(dMean, dVariance, bApprox);
+  oConst.GetCounts(nValid, nInvalid, bApprox);
+  oConst.GetMinMax(tMin, tMax, bApprox);
+  const std::pair<const char*, double> aExpected[] = {
+    {"valid", double(nValid)}, {"invalid", double(nInvalid)}, {"min", double(tMin)}, {"max", double(tMax)},
+    {"mean", dMean}, {"std_dev", std::sqrt(std::max(dVariance, 0.0))}, {"median", oConst.GetMedian(bApprox)},
+    {"mode", oConst.GetMode(bApprox)}, {"percentiles.10", oConst.GetPercentile(10.0, bApprox)},
+    {"percentiles.90", oConst.GetPercentile(90.0, bApprox)}, {"no_data", 7.0}};
+  for (const auto& oExpected : aExpected) // printed with 17 digits: exact
+    EXPECT_EQ(oJson.get<double>(oExpected.first), oExpected.second) << oExpected.first;
+  EXPECT_EQ(oJson.get<std::string>("approximate"), bApprox ? "true" : "false");
+}
+
+TEST_P(COrlStatsTest, JsonEqualsLibrary)
+{
+  const SStatsCase& oCase = GetParam();
   CScratchDirectory oDir;
-  const std::vector<int> vecIn = MakePixels<int>();
-  WriteTiff(oDir.GetPath() + "/in.tif", vecIn);
-  Band::CBand<int, Band::SMemoryTag> oBand(g_nWidth, g_nHeight);
-  std::copy(vecIn.begin(), vecIn.end(), oBand.GetRep().GetDataLocation());
-  oBand.SetNoDataValue(7);
-  ASSERT_EQ(RunOrl(oDir, "stats in.tif --json --percentiles 10,90 > out.json").m_nStatus, 0);
+  const std::string strPath = oDir.GetPath() + "/in.tif";
+  char** papszOptions = CSLTokenizeString(oCase.m_szCreation);
+  GDALDatasetH hDataset = GDALCreate(GDALGetDriverByName("GTiff"), strPath.c_str(), g_nStatsSize, g_nStatsSize, 2,
+                                     oCase.m_eType, papszOptions);
+  CSLDestroy(papszOptions);
+  ASSERT_NE(hDataset, nullptr);
+  // Two bands of smooth values with noise and holes of no-data 7, as doubles for any file type.
+  const std::size_t nPixels = std::size_t(g_nStatsSize) * g_nStatsSize;
+  std::vector<double> vecPixels(2 * nPixels);
+  for (std::size_t i = 0; i < vecPixels.size(); ++i)
+  {
+    const std::uint32_t nHash = std::uint32_t(i * 2654435761u) >> 20;
+    vecPixels[i] = nHash % 13 == 0 ? 7.0
+                                   : std::floor(0.37 * double(i % g_nStatsSize) + 0.11 * double(i / g_nStatsSize % g_nStatsSize)) +
+                                       double(nHash % 16) * 0.25 - 900.0 * double(i >= nPixels);
+  }
+  ASSERT_EQ(GDALDatasetRasterIO(hDataset, GF_Write, 0, 0, g_nStatsSize, g_nStatsSize, vecPixels.data(), g_nStatsSize,
+                                g_nStatsSize, GDT_Float64, 2, nullptr, 0, 0, 0), CE_None);
+  for (int nBand : {1, 2})
+    GDALSetRasterNoDataValue(GDALGetRasterBand(hDataset, nBand), 7.0);
+  GDALClose(hDataset);
+  vecPixels = {};
+
+  const int nBand = std::strstr(oCase.m_szArgs, "-b 2") ? 2 : 1;
+  hDataset = GDALOpen(strPath.c_str(), GA_ReadOnly);
+  const char* const apszMapOptions[] = {"USE_DEFAULT_IMPLEMENTATION=NO", nullptr};
+  int nPixelSpace = 0;
+  GIntBig nLineSpace = 0;
+  CPLVirtualMem* pMapping = GDALGetVirtualMemAuto(GDALGetRasterBand(hDataset, nBand), GF_Read, &nPixelSpace, &nLineSpace, apszMapOptions);
+  EXPECT_EQ(pMapping && nPixelSpace == GDALGetDataTypeSizeBytes(oCase.m_eType), oCase.m_bMappable);
+  CPLVirtualMemFree(pMapping);
+  GDALClose(hDataset);
+
+  const SResult oResult = RunOrl(oDir, std::string("stats in.tif --json -p 10,90 ") + oCase.m_szArgs + " > out.json");
+  ASSERT_EQ(oResult.m_nStatus, 0) << oResult.m_strErrors;
   boost::property_tree::ptree oJson;
   boost::property_tree::read_json(oDir.GetPath() + "/out.json", oJson);
-  unsigned long nValid = 0, nInvalid = 0;
-  oBand.GetCounts(nValid, nInvalid);
-  int nMin = 0, nMax = 0;
-  oBand.GetMinMax(nMin, nMax);
-  double dMean = 0.0, dVariance = 0.0;
-  oBand.GetMeanVariance(dMean, dVariance);
-  EXPECT_EQ(oJson.get<unsigned long>("valid"), nValid);
-  EXPECT_EQ(oJson.get<unsigned long>("invalid"), nInvalid);
-  EXPECT_EQ(oJson.get<int>("min"), nMin);
-  EXPECT_EQ(oJson.get<int>("max"), nMax);
-  EXPECT_DOUBLE_EQ(oJson.get<double>("mean"), dMean);
-  EXPECT_DOUBLE_EQ(oJson.get<double>("std_dev"), std::sqrt(dVariance));
-  EXPECT_DOUBLE_EQ(oJson.get<double>("median"), oBand.GetMedian());
-  EXPECT_DOUBLE_EQ(oJson.get<double>("percentiles.90"), oBand.GetPercentile(90.0));
-  EXPECT_EQ(oJson.get<double>("no_data"), 7.0);
+  const bool bApprox = std::strstr(oCase.m_szArgs, "--approx") != nullptr;
+  switch (oCase.m_eType)
+  {
+  case GDT_Int16: ExpectStats<short>(strPath, nBand, bApprox, oJson); break;
+  case GDT_Int32: ExpectStats<int>(strPath, nBand, bApprox, oJson); break;
+  case GDT_Float32: ExpectStats<float>(strPath, nBand, bApprox, oJson); break;
+  default: ExpectStats<double>(strPath, nBand, bApprox, oJson); break;
+  }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+  Layouts, COrlStatsTest,
+  ::testing::Values(SStatsCase{"MappedFloat32", GDT_Float32, "INTERLEAVE=BAND", "", true},
+                    SStatsCase{"MappedFloat64Band2", GDT_Float64, "INTERLEAVE=BAND", "-b 2", true},
+                    SStatsCase{"MappedInt16Approx", GDT_Int16, "INTERLEAVE=BAND", "--approx", true},
+                    SStatsCase{"MappedFloat32Approx", GDT_Float32, "INTERLEAVE=BAND", "--approx", true},
+                    SStatsCase{"PixelInterleavedBand2", GDT_Float32, "INTERLEAVE=PIXEL", "-b 2", false},
+                    SStatsCase{"TiledZstdInt32", GDT_Int32, "TILED=YES COMPRESS=ZSTD", "", false},
+                    SStatsCase{"TiledZstdFloat32Approx", GDT_Float32, "TILED=YES COMPRESS=ZSTD", "--approx", false},
+                    SStatsCase{"TileBandsFloat32", GDT_Float32, "TILED=YES COMPRESS=ZSTD", "-q --memory 1M", false}),
+  [](const ::testing::TestParamInfo<SStatsCase>& oInfo) { return std::string(oInfo.param.m_szName); });
 
 // A band of a file read as TPixel, with the file's no-data value, as the tool reads it.
 template <class TPixel>

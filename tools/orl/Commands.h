@@ -82,6 +82,17 @@ bool ToPixel(double dValue, TPixel& tPixel)
   return true;
 }
 
+// The input's no-data value as a TPixel, with a note when it has one that TPixel cannot hold.
+template <class TPixel>
+bool GetNoData(const CInput& oInput, TPixel& tNoData)
+{
+  const bool bNoData = oInput.m_bHasNoData && ToPixel(oInput.m_dNoData, tNoData);
+  if (oInput.m_bHasNoData && !bNoData)
+    Note(Text("%1%: the no-data value %2% does not fit the pixel type and is ignored", oInput.m_strPath,
+              oInput.m_dNoData));
+  return bNoData;
+}
+
 // Reads a band of the input as TPixel onto tag TTag with its no-data value; nInvalid gets the
 // number of pixels that are no-data, NaN or infinite (0 unless BCount).
 template <class TPixel, class TTag, bool BCount = true>
@@ -89,10 +100,7 @@ Ostrel::Band::CBand<TPixel, TTag> ReadInput(const CInput& oInput, const TLoggerP
 {
   Ostrel::Band::CBand<TPixel, TTag> oBand(oInput.m_nWidth, oInput.m_nHeight);
   TPixel tNoData = TPixel();
-  const bool bNoData = oInput.m_bHasNoData && ToPixel(oInput.m_dNoData, tNoData);
-  if (oInput.m_bHasNoData && !bNoData)
-    Note(Text("%1%: the no-data value %2% does not fit the pixel type and is ignored", oInput.m_strPath,
-              oInput.m_dNoData));
+  const bool bNoData = GetNoData(oInput, tNoData);
   std::atomic<std::uint64_t> nAtomicInvalid(0);
   constexpr bool BFloating = std::is_floating_point<TPixel>::value;
   ReadBand(oInput, oBand, pLogger, [&](const TPixel* pData, std::size_t nPixels) {

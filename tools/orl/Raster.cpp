@@ -156,11 +156,43 @@ CInput::CInput(const std::string& strPath, int nBand) : m_strPath(strPath), m_nB
     GDALClose(m_hDataset);
     throw;
   }
+  _Map();
 }
 
 CInput::~CInput()
 {
+  if (m_pMapping) // before the dataset: the mapping may call back into its band when freed
+    CPLVirtualMemFree(m_pMapping);
   GDALClose(m_hDataset);
+}
+
+// Only GDAL's own file mappings: USE_DEFAULT_IMPLEMENTATION=NO keeps it from falling back to its
+// page-fault emulation, which reads through the block cache and is slower than reading. GDAL checks
+// compression, bit depth, byte order and that the strips follow one another; the spacing check here
+// keeps pixel-interleaved bands out. GDAL's complaints about layouts it cannot map are not errors.
+void CInput::_Map()
+{
+  if (m_eType != m_eWorkingType || GetPixels() == 0 || !CPLIsVirtualMemFileMapAvailable())
+    return;
+  const char* const apszOptions[] = {"USE_DEFAULT_IMPLEMENTATION=NO", nullptr};
+  int nPixelSpace = 0;
+  GIntBig nLineSpace = 0;
+  CPLPushErrorHandler(CPLQuietErrorHandler);
+  CPLVirtualMem* pMapping = GDALGetVirtualMemAuto(m_hBand, GF_Read, &nPixelSpace, &nLineSpace, apszOptions);
+  CPLPopErrorHandler();
+  ResetGdalError();
+  if (!pMapping)
+    return;
+  const int nPixelSize = GDALGetDataTypeSizeBytes(m_eType);
+  if (!CPLVirtualMemIsFileMapping(pMapping) || nPixelSpace != nPixelSize ||
+      nLineSpace != GIntBig(m_nWidth) * nPixelSize ||
+      CPLVirtualMemGetSize(pMapping) < GetPixels() * std::uint64_t(nPixelSize))
+  {
+    CPLVirtualMemFree(pMapping);
+    return;
+  }
+  m_pMapping = pMapping;
+  m_pMapped = CPLVirtualMemGetAddr(pMapping);
 }
 
 COutput::COutput(const std::string& strPath, const SOutputOptions& oOptions) : m_strPath(strPath), m_oOptions(oOptions)

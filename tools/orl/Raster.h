@@ -9,10 +9,12 @@
 #include "Internationalisation/Translator.h"
 
 #include <boost/format.hpp>
+#include <cpl_virtualmem.h>
 #include <gdal.h>
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -114,6 +116,20 @@ public:
   unsigned int m_nStripRows = 0; // rows per strip: whole GDAL blocks, at least 256 rows
 
   std::uint64_t GetPixels() const { return std::uint64_t(m_nWidth) * m_nHeight; }
+
+  // The band's pixels straight from the file, read-only, when GDAL maps them as a memory band lays
+  // them out: pixels of the working type in the machine's byte order, rows one after another without
+  // gaps (an uncompressed GeoTIFF in strips, raw formats such as ENVI or EHdr). Nothing is read when
+  // the input is opened: pages come in as pixels are first touched, from the page cache when the file
+  // is there. Null for any other layout. Valid while the input lives; bands over these pixels must
+  // not outlive it.
+  const void* GetMappedPixels() const { return m_pMapped; }
+
+private:
+  void _Map();
+
+  CPLVirtualMem* m_pMapping = nullptr;
+  const void* m_pMapped = nullptr;
 };
 
 // Where the output goes: the target, its driver and creation options. The constructor checks what
@@ -152,62 +168,92 @@ private:
   GDALDatasetH m_hDataset = nullptr;
 };
 
-// Reads the input's band into oBand (of the input's size) strip by strip, converted by GDAL to
-// TPixel. fnVisit(const TPixel* p, std::size_t n) sees each strip right after it is read, on the
-// thread that read it: memory bands of several strips are read by one thread per core, each through
-// its own handle of the file, so fnVisit must take calls on distinct strips at once. Tile bands are
-// read by one thread through one strip of memory.
+// Reads the input's band into oBand (of the input's size), converted by GDAL to TPixel: the whole band
+// strip by strip, or only the rectangles *pRects (for instance the band's sample for approximate
+// statistics; the other pixels stay as they were). fnVisit(const TPixel* p, std::size_t n) sees the
+// pixels right after they are read, a run of n at a time, on the thread that read them: memory bands
+// are read by one thread per core, so fnVisit must take calls on distinct runs at once. Tile bands are
+// read by one thread through one buffer. Pixels that the input maps (CInput::GetMappedPixels) are
+// copied from the mapping; others come through GDAL, each thread with its own handle of the file.
 template <class TPixel, class TTag, class TVisit>
 void ReadBand(const CInput& oInput, Ostrel::Band::CBand<TPixel, TTag>& oBand, const TLoggerPtr& pLogger,
-              TVisit&& fnVisit)
+              TVisit&& fnVisit, const std::vector<TRect>* pRects = nullptr)
 {
   using namespace Ostrel::Band;
   const unsigned int nWidth = oInput.m_nWidth, nHeight = oInput.m_nHeight;
+  std::vector<TRect> vecStrips;
+  if (!pRects)
+    for (unsigned int y = 0; y < nHeight; y += oInput.m_nStripRows)
+      vecStrips.emplace_back(0, y, nWidth, std::min(oInput.m_nStripRows, nHeight - y));
+  const std::vector<TRect>& vecRects = pRects ? *pRects : vecStrips;
+  double dTotal = 0.0;
+  for (const TRect& oRect : vecRects)
+    dTotal += double(oRect.GetWidth()) * oRect.GetHeight();
   if (pLogger)
-    pLogger->Push(Text("Read %1%", oInput.m_strPath), 1.0, double(nHeight), 0.0, false,
-                  Harnel::Progress::eLayerOperation, Harnel::Progress::eLayerPublic, std::string());
+    pLogger->Push(Text("Read %1%", oInput.m_strPath), 1.0, dTotal, 0.0, false, Harnel::Progress::eLayerOperation,
+                  Harnel::Progress::eLayerPublic, std::string());
   constexpr bool BMemory = std::is_same<TTag, SMemoryTag>::value;
-  const unsigned int nStrips = (nHeight + oInput.m_nStripRows - 1) / oInput.m_nStripRows;
-  std::atomic<unsigned int> nNextStrip(0);
+  const auto* pMapped = SGdalType<TPixel>::ms_eType == oInput.m_eType
+                          ? static_cast<const unsigned char*>(oInput.GetMappedPixels())
+                          : nullptr;
+  const std::size_t nRects = vecRects.size();
+  std::atomic<std::size_t> nNextRect(0);
   std::mutex oProgressMutex;
-  // Reads the strips not yet taken, through hBand, until none is left.
+  // Reads the rectangles not yet taken, through hBand (unused for mapped pixels), until none is left.
   const auto fnRead = [&](GDALRasterBandH hBand) {
-    std::unique_ptr<CBand<TPixel, SMemoryTag>> pStrip;
-    for (unsigned int nStrip; (nStrip = nNextStrip++) < nStrips;)
+    std::unique_ptr<CBand<TPixel, SMemoryTag>> pBuffer;
+    for (std::size_t nRect; (nRect = nNextRect++) < nRects;)
     {
-      const unsigned int y = nStrip * oInput.m_nStripRows;
-      const unsigned int nRows = std::min(oInput.m_nStripRows, nHeight - y);
+      const TRect& oRect = vecRects[nRect];
+      const unsigned int x = oRect.GetStart().x, y = oRect.GetStart().y;
+      const unsigned int nColumns = oRect.GetWidth(), nRows = oRect.GetHeight();
       TPixel* pData = nullptr;
+      std::size_t nLine = nColumns; // pixels from one row of pData to the next
       if constexpr (BMemory)
-        pData = oBand.GetRep().GetDataLocation() + std::size_t(y) * nWidth;
+      {
+        pData = oBand.GetRep().GetDataLocation() + std::size_t(y) * nWidth + x;
+        nLine = nWidth;
+      }
       else
       {
-        if (!pStrip)
-          pStrip = std::make_unique<CBand<TPixel, SMemoryTag>>(nWidth, oInput.m_nStripRows);
-        pData = pStrip->GetRep().GetDataLocation();
+        if (!pBuffer || pBuffer->GetWidth() != nColumns || pBuffer->GetHeight() < nRows)
+          pBuffer = std::make_unique<CBand<TPixel, SMemoryTag>>(nColumns, std::max(nRows, oInput.m_nStripRows));
+        pData = pBuffer->GetRep().GetDataLocation();
       }
-      if (GDALRasterIO(hBand, GF_Read, 0, int(y), int(nWidth), int(nRows), pData, int(nWidth), int(nRows),
-                       SGdalType<TPixel>::ms_eType, 0, 0) != CE_None)
+      if (pMapped)
+        for (unsigned int nRow = 0; nRow < nRows; ++nRow)
+          std::memcpy(pData + nRow * nLine, pMapped + ((std::size_t(y) + nRow) * nWidth + x) * sizeof(TPixel),
+                      std::size_t(nColumns) * sizeof(TPixel));
+      else if (GDALRasterIOEx(hBand, GF_Read, int(x), int(y), int(nColumns), int(nRows), pData, int(nColumns),
+                              int(nRows), SGdalType<TPixel>::ms_eType, sizeof(TPixel),
+                              GSpacing(nLine * sizeof(TPixel)), nullptr) != CE_None)
         throw CToolError(Text("cannot read %1%: %2%", oInput.m_strPath, GetGdalError()));
-      fnVisit(static_cast<const TPixel*>(pData), std::size_t(nWidth) * nRows);
+      if (nLine == nColumns)
+        fnVisit(static_cast<const TPixel*>(pData), std::size_t(nColumns) * nRows);
+      else
+        for (unsigned int nRow = 0; nRow < nRows; ++nRow)
+          fnVisit(static_cast<const TPixel*>(pData + nRow * nLine), std::size_t(nColumns));
       if constexpr (!BMemory)
-        Copy2D(static_cast<const CBand<TPixel, SMemoryTag>&>(*pStrip).GetBandIterators(TRect(0, 0, nWidth, nRows)),
-               oBand.GetBandIterators(TRect(0, y, nWidth, nRows)), TLoggerPtr(), SAllowParallelFor());
+        Copy2D(static_cast<const CBand<TPixel, SMemoryTag>&>(*pBuffer).GetBandIterators(TRect(0, 0, nColumns, nRows)),
+               oBand.GetBandIterators(oRect), TLoggerPtr(), SAllowParallelFor());
       if (pLogger)
       {
         const std::lock_guard<std::mutex> oLock(oProgressMutex);
-        pLogger->IncrementProgress(nRows);
+        pLogger->IncrementProgress(double(nColumns) * nRows);
       }
     }
   };
   ResetGdalError();
-  const unsigned int nThreads = BMemory ? std::min(std::max(std::thread::hardware_concurrency(), 1u), nStrips) : 1;
+  const std::size_t nThreads =
+    BMemory ? std::min<std::size_t>(std::max(std::thread::hardware_concurrency(), 1u), nRects) : 1;
   std::vector<std::thread> vecThreads;
   std::vector<std::exception_ptr> vecErrors(nThreads);
-  for (unsigned int i = 1; i < nThreads; ++i)
+  for (std::size_t i = 1; i < nThreads; ++i)
     vecThreads.emplace_back([&, i] {
       try
       {
+        if (pMapped)
+          return fnRead(nullptr);
         const std::unique_ptr<void, void (*)(void*)> pOwn(
           GDALOpenEx(oInput.m_strPath.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr),
           [](void* hDataset) { if (hDataset) GDALClose(hDataset); });
@@ -218,7 +264,7 @@ void ReadBand(const CInput& oInput, Ostrel::Band::CBand<TPixel, TTag>& oBand, co
       catch (...)
       {
         vecErrors[i] = std::current_exception();
-        nNextStrip = nStrips; // the others stop at their next strip
+        nNextRect = nRects; // the others stop at their next rectangle
       }
     });
   try
@@ -227,8 +273,9 @@ void ReadBand(const CInput& oInput, Ostrel::Band::CBand<TPixel, TTag>& oBand, co
   }
   catch (...)
   {
-    vecErrors[0] = std::current_exception();
-    nNextStrip = nStrips;
+    if (!vecErrors.empty())
+      vecErrors[0] = std::current_exception();
+    nNextRect = nRects;
   }
   for (std::thread& oThread : vecThreads)
     oThread.join();

@@ -2,8 +2,13 @@
 
 #include "Commands.h"
 
+#include <boost/make_shared.hpp>
+
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
+#include <memory>
+#include <utility>
 
 namespace Orl { namespace Tools {
 
@@ -48,6 +53,40 @@ std::string JsonString(const std::string& strText)
   return strOut + "\"";
 }
 
+// Whether the input's mapped pixels can stand as a memory band of TPixel as they lie. They need not be
+// aligned for TPixel (GDAL's GeoTIFF strips often start 2 bytes past an aligned address): the
+// statistic getters load pixels with memcpy.
+template <class TPixel>
+bool IsMappedBand(const CInput& oInput)
+{
+  return oInput.GetMappedPixels() && SGdalType<TPixel>::ms_eType == oInput.m_eType;
+}
+
+// The band that the statistics are taken of: over the input's mapped pixels when there are any, else
+// read into a band of tag TTag. For approximate
+// statistics only the band's sample (its GetApproxRects()) is read: the getters look at nothing else.
+template <class TPixel, class TTag>
+Ostrel::Band::CBand<TPixel, TTag> MakeStatsBand(const CInput& oInput, bool bApprox, const TLoggerPtr& pLogger)
+{
+  using namespace Ostrel::Band;
+  std::unique_ptr<CBand<TPixel, TTag>> pBand;
+  if constexpr (std::is_same<TTag, SMemoryTag>::value)
+    if (IsMappedBand<TPixel>(oInput)) // read-only pages: only the const statistic getters look at them
+      pBand = std::make_unique<CBand<TPixel, TTag>>(boost::make_shared<CMemoryBandRep<TPixel>>(
+        oInput.m_nWidth, oInput.m_nHeight, static_cast<TPixel*>(const_cast<void*>(oInput.GetMappedPixels())),
+        boost::shared_ptr<void>()));
+  if (!pBand)
+  {
+    pBand = std::make_unique<CBand<TPixel, TTag>>(oInput.m_nWidth, oInput.m_nHeight);
+    const std::vector<TRect> vecSample = std::as_const(*pBand).GetRep().GetApproxRects();
+    ReadBand(oInput, *pBand, pLogger, [](const TPixel*, std::size_t) {}, bApprox ? &vecSample : nullptr);
+  }
+  TPixel tNoData = TPixel();
+  if (GetNoData(oInput, tNoData))
+    pBand->SetNoDataValue(tNoData);
+  return *pBand;
+}
+
 template <class TPixel, class TTag>
 void PrintStats(const CInput& oInput, const SStatsOptions& oOptions, const SGlobalOptions& oGlobal)
 {
@@ -55,30 +94,30 @@ void PrintStats(const CInput& oInput, const SStatsOptions& oOptions, const SGlob
   const TLoggerPtr pLogger = MakeLogger(oGlobal);
   if (pLogger) // reading 1, the two passes over the band 1
     pLogger->Push("orl stats", 1.0, 2.0, 0.0, false, eLayerOperation, eLayerPublic, std::string());
-  std::uint64_t nInvalidRead = 0;
-  auto oBand = ReadInput<TPixel, TTag, false>(oInput, pLogger, nInvalidRead); // the band counts its own
+  const bool bApprox = oOptions.m_bApprox;
+  auto oBand = MakeStatsBand<TPixel, TTag>(oInput, bApprox, pLogger);
   if (oOptions.m_nBins)
     oBand.SetHistogramBins(oOptions.m_nBins);
-  const bool bApprox = oOptions.m_bApprox;
   if (pLogger)
     pLogger->Push(Text("Statistics"), 1.0, 2.0, 0.0, false, eLayerOperation, eLayerPublic, std::string());
+  const auto& oConstBand = std::as_const(oBand);
   double dMean = 0.0, dVariance = 0.0;
-  oBand.GetMeanVariance(dMean, dVariance, bApprox, pLogger);
+  oConstBand.GetMeanVariance(dMean, dVariance, bApprox, pLogger);
   unsigned long nValid = 0, nInvalid = 0;
-  oBand.GetCounts(nValid, nInvalid, bApprox);
+  oConstBand.GetCounts(nValid, nInvalid, bApprox);
   TPixel tMin = TPixel(), tMax = TPixel();
-  oBand.GetMinMax(tMin, tMax, bApprox);
+  oConstBand.GetMinMax(tMin, tMax, bApprox);
   std::vector<unsigned long> vecHistogram;
   double dLow = 0.0, dStep = 0.0, dWidth = 0.0;
   unsigned long nMaxCount = 0;
-  oBand.GetHistogram(vecHistogram, dLow, dStep, dWidth, nMaxCount, bApprox, pLogger);
+  oConstBand.GetHistogram(vecHistogram, dLow, dStep, dWidth, nMaxCount, bApprox, pLogger);
   const bool bHistogram = !vecHistogram.empty();
   const double dNaN = std::numeric_limits<double>::quiet_NaN();
-  const double dMedian = bHistogram ? oBand.GetMedian(bApprox) : dNaN;
-  const double dMode = bHistogram ? oBand.GetMode(bApprox) : dNaN;
+  const double dMedian = bHistogram ? oConstBand.GetMedian(bApprox) : dNaN;
+  const double dMode = bHistogram ? oConstBand.GetMode(bApprox) : dNaN;
   std::vector<double> vecPercentiles;
   for (const double dPercent : oOptions.m_vecPercentiles)
-    vecPercentiles.push_back(bHistogram ? oBand.GetPercentile(dPercent, bApprox) : dNaN);
+    vecPercentiles.push_back(bHistogram ? oConstBand.GetPercentile(dPercent, bApprox) : dNaN);
   if (pLogger)
   {
     pLogger->Pop();
@@ -149,7 +188,8 @@ void RunStats(const SStatsOptions& oOptions, const SGlobalOptions& oGlobal)
   const std::uint64_t nBudget = GetMemoryBudget(oGlobal);
   DispatchPixelType(oInput.m_eWorkingType, [&](auto tPixel) {
     using TPixel = decltype(tPixel);
-    if (UseTileBands(oInput.GetPixels() * sizeof(TPixel), nBudget))
+    // Mapped pixels are the file's pages, which the system reclaims at will: no budget to keep.
+    if (!IsMappedBand<TPixel>(oInput) && UseTileBands(oInput.GetPixels() * sizeof(TPixel), nBudget))
       PrintStats<TPixel, Ostrel::Band::STileTag>(oInput, oOptions, oGlobal);
     else
       PrintStats<TPixel, Ostrel::Band::SMemoryTag>(oInput, oOptions, oGlobal);
@@ -163,7 +203,10 @@ TRunner DefineStats(CLI::App& oApp)
   auto pOptions = std::make_shared<SStatsOptions>();
   oApp.add_option("IN", pOptions->m_strIn, "Input raster (any format GDAL reads)")->required();
   oApp.add_option("-b,--band", pOptions->m_nBand, "Band number, from 1")->capture_default_str();
-  oApp.add_flag("--approx", pOptions->m_bApprox, "Statistics of a sample of the band's tiles, faster");
+  oApp.add_flag("--approx", pOptions->m_bApprox,
+                "Statistics of a sample, of which nothing else is read: 32 full-width strips spread over the "
+                "height, about 1/16 of the rows (every row up to 4 Mi pixels); for rasters above the memory "
+                "budget, every 16th tile on a diagonal pattern");
   oApp.add_flag("--histogram{256}", pOptions->m_nBins,
                 "Print the histogram, with BINS bins (256 unless given as --histogram=BINS); also the bins that "
                 "median, mode and percentiles come from (1024 without this option)")

@@ -9,7 +9,8 @@
 //
 // SRowRuns<TIterator>: value true where the iterator offers runs, and then
 //   Length(it)      pixels from the current one to the run's end (at least 1, while in the band)
-//   Pointer(it)     &*it, const for read-only iterators
+//   Pointer(it)     &*it, const for read-only iterators (for memory bands found without binding a
+//                   reference, so that a run may start at any address)
 //   Advance(it, n)  n steps of ++it.X, n at most Length(it)
 //   ms_bReadAhead, ReadAhead(it, n, y, bAlways)
 //                   whether the storage reads ahead, and the hint of a row walk (see
@@ -58,7 +59,7 @@ template <class TIterator>
 struct SMemoryRowRuns : std::true_type
 {
   static int Length(const TIterator&) { return INT_MAX; }
-  static auto Pointer(const TIterator& it) { return &*it; }
+  static auto Pointer(const TIterator& it) { return it.GetPointer(); }
   static void Advance(TIterator& it, int nCount) { it.X += nCount; }
   static constexpr bool ms_bReadAhead = false;
   static void ReadAhead(const TIterator&, int, int, bool) {}

@@ -61,7 +61,7 @@ inline void TakeInRun(const TPixel* pRun, int nCount, int nColumn, TFunctor& oFu
     (void)nColumn;
     for (int i = 0; i < nCount; ++i)
     {
-      const TPixel tValue = pRun[i];
+      const TPixel tValue = Harnel::Math::Detail::LoadPixel(pRun + i);
       if (oPredicate(tValue))
         oFunctor(tValue);
     }

@@ -14,6 +14,10 @@
 // target GCC or Clang supports, and on x86-64 without -march flags they become SSE2 code (pminub,
 // pmaxub, punpck*, pmullw, minps, cvtps2pd...). Auto-vectorisation was not reliable here: the
 // predicated minimum and the widening sums stayed scalar.
+//
+// Every pixel is loaded with memcpy (LoadPixel, or a vector at a time), never through a typed
+// reference: a run may start at any address. Files mapped in place put 4- and 8-byte pixels wherever
+// their format does, GeoTIFF strips often at 2 bytes past an aligned address; the loads cost the same.
 
 #include "Math/Detail/CpuFeatures.h"
 
@@ -30,6 +34,15 @@ struct SAcceptAll;
 namespace Detail {
 
 __extension__ typedef unsigned __int128 TUInt128;
+
+// The pixel at p, wherever p points: one plain load, also where p is not aligned for TPixel.
+template <class TPixel>
+inline TPixel LoadPixel(const TPixel* p)
+{
+  TPixel tValue;
+  std::memcpy(&tValue, p, sizeof tValue);
+  return tValue;
+}
 
 // A predicate that accepts every value but one, and says which through GetExcludedValue(), can be
 // evaluated on whole vectors. Any other predicate runs pixel by pixel.
@@ -84,8 +97,11 @@ inline void ScalarRow(const TPixel* pRow, std::size_t nLength, const TPredicate&
                       TPixel& tMin, TPixel& tMax, TSum& tSum, TSumSquares& tSumSquares)
 {
   for (std::size_t i = 0; i < nLength; ++i)
-    if (oPredicate(pRow[i]))
-      TakeIn<bMinMax, bSums>(pRow[i], nCount, tMin, tMax, tSum, tSumSquares);
+  {
+    const TPixel tValue = LoadPixel(pRow + i);
+    if (oPredicate(tValue))
+      TakeIn<bMinMax, bSums>(tValue, nCount, tMin, tMax, tSum, tSumSquares);
+  }
 }
 
 // ---- floating pixels: 8 lanes, each with its own double sums --------------------------------------
@@ -479,14 +495,14 @@ inline std::uint32_t RoundToBinNumber(double dX)
 // float (float pixels: v - min, the product and the sum each round by at most 2^-24 relative) within
 // (nBins + 2) * 2^-22. Where t is more than m_dEpsilon (m_fEpsilon) from an integer, in [0, limit),
 // truncating it gives the rule's bin; every other pixel (near a bin edge, outside the range, NaN)
-// takes the rule itself.
+// takes the rule itself. Past the limit too, the truncation clamped to the last bin is the rule's bin:
+// the errors are relative, so such a t stands for a quotient past the last bin.
 struct SFastBins
 {
   SFastBins(double dMin, double dStep, std::uint32_t nBins)
     : m_dMin(dMin), m_dInverse(1.0 / dStep), m_dLimit(std::min(double(nBins) + 1.0, 2147483647.0)),
       m_dEpsilon((double(nBins) + 2.0) * 0x1p-46), m_fMin(float(dMin)), m_fInverse(float(1.0 / dStep)),
-      m_fLimit(float(std::min(double(nBins) + 1.0, 0x1p22))), m_fEpsilon(float((double(nBins) + 2.0) * 0x1p-20)),
-      m_nLastBin(nBins - 1)
+      m_fEpsilon(float((double(nBins) + 2.0) * 0x1p-20)), m_nLastBin(nBins - 1)
   {
   }
 
@@ -508,7 +524,7 @@ struct SFastBins
   bool HasFloatForm() const { return m_nLastBin < 65536; }
 
   double m_dMin, m_dInverse, m_dLimit, m_dEpsilon;
-  float m_fMin, m_fInverse, m_fLimit, m_fEpsilon; // m_fMin exact for float pixels
+  float m_fMin, m_fInverse, m_fEpsilon; // m_fMin exact for float pixels
   std::uint32_t m_nLastBin;
 };
 
@@ -525,7 +541,7 @@ inline std::uint64_t BinRowScalar(const TPixel* pRow, std::size_t nLength, const
   const std::size_t nLaneMask = nLanes - 1;
   for (std::size_t i = 0; i < nLength; ++i)
   {
-    const TPixel tValue = pRow[i];
+    const TPixel tValue = LoadPixel(pRow + i);
     if (!oPredicate(tValue))
       continue;
     std::uint32_t nBin = oBins.Bin(double(tValue));
@@ -539,32 +555,35 @@ inline std::uint64_t BinRowScalar(const TPixel* pRow, std::size_t nLength, const
 
 #if defined(__x86_64__) && defined(__GNUC__)
 // Float pixels, eight per step in float (the float form of SFastBins, which needs HasFloatForm()),
-// into four lanes: the pixels near an edge by the rule, then eight scalar increments. Rejected pixels
-// go to the counter past the last bin. Returns the number of pixels taken in.
+// into nLanes (4 or 8) lanes: the pixels near an edge by the rule, then eight scalar increments.
+// Rejected pixels go to the counter past the last bin. Returns the number of pixels taken in.
 template <class TPredicate, class TExact>
 __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow, std::size_t nLength,
                                                               const TPredicate& oPredicate, const SFastBins& oBins,
                                                               std::uint32_t* pLanes, std::size_t nStride,
-                                                              const TExact& fnExact)
+                                                              std::size_t nLanes, const TExact& fnExact)
 {
   const TV8F vMin = TV8F{} + oBins.m_fMin, vInverse = TV8F{} + oBins.m_fInverse, vHalf = TV8F{} + 0.5f;
-  const TV8F vLimit = TV8F{} + oBins.m_fLimit, vZero = {}, vEpsilon = TV8F{} + oBins.m_fEpsilon;
+  const TV8F vEpsilon = TV8F{} + oBins.m_fEpsilon;
   const TV8F vOneLess = TV8F{} + (1.0f - oBins.m_fEpsilon);
   const TV8I vLast = TV8I{} + std::int32_t(oBins.m_nLastBin), vNoBin = vLast + 1;
   const std::int32_t nS = std::int32_t(nStride);
-  const TV8I vOffsets = {0, nS, 2 * nS, 3 * nS, 0, nS, 2 * nS, 3 * nS};
+  const std::int32_t nS4 = nLanes == 8 ? 4 * nS : 0;
+  const TV8I vOffsets = {0, nS, 2 * nS, 3 * nS, nS4, nS4 + nS, nS4 + 2 * nS, nS4 + 3 * nS};
+  const std::size_t nLaneMask = nLanes - 1;
   const std::size_t nVector = nLength & ~std::size_t(7);
   TV8I vRejected = {};
   for (std::size_t i = 0; i < nVector; i += 8)
   {
     TV8I vReject;
     const TV8F v = LoadFloat8(pRow + i, oPredicate, vReject, vRejected);
+    // No range test: the hardware conversion gives INT_MIN for NaN and values beyond 2^31, whose
+    // fraction is then NaN or far from [0, 1); t < 0 truncates towards zero, which leaves a negative
+    // fraction; and t >= limit with a good fraction is past the last bin, where the rule clamps too.
     const TV8F vT = (v - vMin) * vInverse + vHalf;
-    const TV8I vInRange = TV8I(vT >= vZero) & TV8I(vT < vLimit);
-    const TV8F vSafe = TV8F(TV8I(vT) & vInRange); // out of range: 0, so the conversion is defined
-    const TV8I vBin = __builtin_convertvector(vSafe, TV8I);
-    const TV8F vFraction = vSafe - __builtin_convertvector(vBin, TV8F);
-    const TV8I vOk = (vInRange & TV8I(vFraction >= vEpsilon) & TV8I(vFraction <= vOneLess)) | vReject;
+    const TV8I vBin = __builtin_ia32_cvttps2dq256(vT);
+    const TV8F vFraction = vT - __builtin_convertvector(vBin, TV8F);
+    const TV8I vOk = (TV8I(vFraction >= vEpsilon) & TV8I(vFraction <= vOneLess)) | vReject;
     TV8I vIndex = vBin < vLast ? vBin : vLast;
     vIndex = (vReject != 0 ? vNoBin : vIndex) + vOffsets;
     std::int32_t anIndex[8];
@@ -573,7 +592,7 @@ __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow,
     if (__builtin_expect(nOk != 0xff, 0))
       for (int j = 0; j < 8; ++j)
         if (!((nOk >> j) & 1))
-          anIndex[j] = std::int32_t(fnExact(pRow[i + j]) + std::size_t(j & 3) * nStride);
+          anIndex[j] = std::int32_t(fnExact(LoadPixel(pRow + i + j)) + (std::size_t(j) & nLaneMask) * nStride);
     for (int j = 0; j < 8; ++j)
       ++pLanes[anIndex[j]];
   }
@@ -581,7 +600,7 @@ __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow,
   for (int j = 0; j < 8; ++j)
     nRejected += std::uint32_t(vRejected[j]);
   return (nVector - nRejected) +
-         BinRowScalar(pRow + nVector, nLength - nVector, oPredicate, oBins, pLanes, nStride, 4, fnExact);
+         BinRowScalar(pRow + nVector, nLength - nVector, oPredicate, oBins, pLanes, nStride, nLanes, fnExact);
 }
 #endif
 
