@@ -156,11 +156,14 @@ struct SLanes
 };
 #endif
 
+// One row of a raster scan: J(x) = min(I(x), max(J(x), the three pixels of pDone next to x, and the
+// pixel just done on the row)), left to right (bForward) or right to left, pDone the row above or
+// below already scanned. Returns the number of pixels changed.
 template <bool bForward, class T>
-bool ClampScan(T* __restrict pRow, const T* __restrict pMask, int nWidth)
+std::size_t ScanRow(T* __restrict pRow, const T* __restrict pMask, const T* __restrict pDone, int nWidth)
 {
   int x = 0; // pixels done from the row's start (bForward) or end
-  bool bChanged = false;
+  std::size_t nChanged = 0;
 #if defined(__GNUC__) && !defined(__clang__)
   using L = SLanes<T>;
   using V = typename L::TVector;
@@ -168,54 +171,57 @@ bool ClampScan(T* __restrict pRow, const T* __restrict pMask, int nWidth)
   constexpr int N = L::ms_nCount;
   auto fnMin = [](V a, V b) { return a < b ? a : b; };
   auto fnMax = [](V a, V b) { return a > b ? a : b; };
+  auto fnLoad = [](const T* p) {
+    V v;
+    __builtin_memcpy(&v, p, 16);
+    return v;
+  };
   const V vLowest = V{} + std::numeric_limits<T>::lowest(), vHighest = V{} + std::numeric_limits<T>::max();
   V vCarry = V{} + (bForward ? pRow[-1] : pRow[nWidth]);
-  M vChanged = M{};
-  for (; x + N <= nWidth; x += N)
+  while (x + N <= nWidth)
   {
-    const int nAt = bForward ? x : nWidth - N - x;
-    V vLo, vHi;
-    __builtin_memcpy(&vLo, pRow + nAt, 16);
-    __builtin_memcpy(&vHi, pMask + nAt, 16);
-    const V vOld = vLo;
-    auto fnStep = [&](auto oShift) {
-      constexpr int nShift = decltype(oShift)::value;
-      const V vLoIn = L::template ShiftIn<nShift, bForward>(vLo, vLowest);
-      const V vHiIn = L::template ShiftIn<nShift, bForward>(vHi, vHighest);
-      const V vNewLo = fnMin(vHi, fnMax(vLo, vLoIn));
-      vHi = fnMin(vHi, fnMax(vLo, vHiIn));
-      vLo = vNewLo;
-    };
-    fnStep(std::integral_constant<int, 1>());
-    if constexpr (N > 2)
-      fnStep(std::integral_constant<int, 2>());
-    if constexpr (N > 4)
-      fnStep(std::integral_constant<int, 4>());
-    if constexpr (N > 8)
-      fnStep(std::integral_constant<int, 8>());
-    const V vOut = fnMin(vHi, fnMax(vLo, vCarry));
-    vChanged |= vOut != vOld;
-    __builtin_memcpy(pRow + nAt, &vOut, 16);
-    vCarry = L::template Broadcast<bForward>(vOut);
+    M vCount = M{}; // up to 127 per lane before they are added up
+    for (int n = 0; n < 127 && x + N <= nWidth; ++n, x += N)
+    {
+      const int nAt = bForward ? x : nWidth - N - x;
+      const V vOld = fnLoad(pRow + nAt);
+      V vHi = fnLoad(pMask + nAt);
+      V vLo = fnMin(vHi, fnMax(fnMax(vOld, fnLoad(pDone + nAt)), fnMax(fnLoad(pDone + nAt - 1), fnLoad(pDone + nAt + 1))));
+      auto fnStep = [&](auto oShift) {
+        constexpr int nShift = decltype(oShift)::value;
+        const V vLoIn = L::template ShiftIn<nShift, bForward>(vLo, vLowest);
+        const V vHiIn = L::template ShiftIn<nShift, bForward>(vHi, vHighest);
+        const V vNewLo = fnMin(vHi, fnMax(vLo, vLoIn));
+        vHi = fnMin(vHi, fnMax(vLo, vHiIn));
+        vLo = vNewLo;
+      };
+      fnStep(std::integral_constant<int, 1>());
+      if constexpr (N > 2)
+        fnStep(std::integral_constant<int, 2>());
+      if constexpr (N > 4)
+        fnStep(std::integral_constant<int, 4>());
+      if constexpr (N > 8)
+        fnStep(std::integral_constant<int, 8>());
+      const V vOut = fnMin(vHi, fnMax(vLo, vCarry));
+      vCount -= vOut != vOld; // true is -1
+      __builtin_memcpy(pRow + nAt, &vOut, 16);
+      vCarry = L::template Broadcast<bForward>(vOut);
+    }
+    for (int i = 0; i < N; ++i)
+      nChanged += std::size_t(vCount[i]);
   }
-  for (int i = 0; i < N; ++i)
-    bChanged |= vChanged[i] != 0;
 #endif
-  std::uint8_t nChanged = bChanged;
+  auto fnPixel = [&](int i, int nPrevious) {
+    const T t = std::min(pMask[i], std::max(std::max(std::max(pRow[i], pRow[nPrevious]), pDone[i]), std::max(pDone[i - 1], pDone[i + 1])));
+    nChanged += t != pRow[i];
+    pRow[i] = t;
+  };
   if (bForward)
     for (; x < nWidth; ++x)
-    {
-      const T t = std::min(pMask[x], std::max(pRow[x], pRow[x - 1]));
-      nChanged |= t != pRow[x];
-      pRow[x] = t;
-    }
+      fnPixel(x, x - 1);
   else
     for (int i = nWidth - 1 - x; i >= 0; --i)
-    {
-      const T t = std::min(pMask[i], std::max(pRow[i], pRow[i + 1]));
-      nChanged |= t != pRow[i];
-      pRow[i] = t;
-    }
+      fnPixel(i, i + 1);
   return nChanged;
 }
 
@@ -256,8 +262,10 @@ void Propagate(const SImages<T>& o, CIndexQueue<TIndex>& oQueue, std::size_t nLo
   }
 }
 
-// Reconstruction of rows [nY0, nY1) on their own. fnScanRows(n) is told of rows done by the first
-// pair of scans, half a unit each.
+// Reconstruction of rows [nY0, nY1) on their own. Pairs of scans go on while a forward scan changes
+// more than one pixel in 64, up to 16 pairs: a pair costs about as much as a queue of a fiftieth of
+// the pixels, and the changes shrink by about a half per pair on noisy masks. fnScanRows(n) is told
+// of rows done by the first pair, half a unit each.
 template <class T, class TIndex, class TProgressFn>
 void ReconstructStripe(const SImages<T>& o, int nY0, int nY1, TProgressFn&& fnScanRows)
 {
@@ -265,42 +273,35 @@ void ReconstructStripe(const SImages<T>& o, int nY0, int nY1, TProgressFn&& fnSc
   const int nWidth = o.m_nWidth;
   T* const pIBase = o.m_pI;
   T* const pJBase = o.m_pJ;
+  const std::size_t nPixels = std::size_t(nWidth) * std::size_t(nY1 - nY0);
+  // What the stripe's first and last rows see beyond the stripe: nothing.
+  const std::vector<T> vecNothing(std::size_t(s), std::numeric_limits<T>::lowest());
+  const T* const pNothing = vecNothing.data() + 1;
   CIndexQueue<TIndex> oQueue;
   std::vector<std::uint8_t> vecSeed(std::size_t(nWidth) + 8, 0);
-  for (int nPair = 0; nPair < 3; ++nPair)
+  for (int nPair = 0;; ++nPair)
   {
-    const bool bLast = nPair == 2;
-    std::uint8_t nChanged = 0;
+    std::size_t nChanged = 0;
     for (int y = nY0; y < nY1; ++y)
     {
-      T* __restrict pRow = pJBase + (y + 1) * s + 1;
-      const T* __restrict pMask = pIBase + (y + 1) * s + 1;
-      const T* __restrict pAbove = pRow - s;
-      if (y > nY0)
-        for (int x = 0; x < nWidth; ++x)
-          pRow[x] = std::min(pMask[x], std::max(std::max(pRow[x], pAbove[x]), std::max(pAbove[x - 1], pAbove[x + 1])));
-      ClampScan<true>(pRow, pMask, nWidth);
+      T* pRow = pJBase + (y + 1) * s + 1;
+      nChanged += ScanRow<true>(pRow, pIBase + (y + 1) * s + 1, y > nY0 ? pRow - s : pNothing, nWidth);
     }
     if (nPair == 0)
       fnScanRows(nY1 - nY0);
+    const bool bLast = nPair == 15 || nChanged * 64 < nPixels;
+    nChanged = 0;
     for (int y = nY1 - 1; y >= nY0; --y)
     {
       T* __restrict pRow = pJBase + (y + 1) * s + 1;
       const T* __restrict pMask = pIBase + (y + 1) * s + 1;
-      const T* __restrict pBelow = pRow + s;
-      const T* __restrict pMaskBelow = pMask + s;
       const bool bBelow = y < nY1 - 1;
-      if (bBelow)
-        for (int x = 0; x < nWidth; ++x)
-        {
-          const T t = std::min(pMask[x], std::max(std::max(pRow[x], pBelow[x]), std::max(pBelow[x - 1], pBelow[x + 1])));
-          nChanged |= t != pRow[x];
-          pRow[x] = t;
-        }
-      nChanged |= ClampScan<false>(pRow, pMask, nWidth);
+      nChanged += ScanRow<false>(pRow, pMask, bBelow ? pRow + s : pNothing, nWidth);
       if (!bLast)
         continue;
       // The seeds: a neighbour q passed earlier in this scan with J(q) < J(p) and J(q) < I(q).
+      const T* __restrict pBelow = pRow + s;
+      const T* __restrict pMaskBelow = pMask + s;
       std::uint8_t* __restrict pSeed = vecSeed.data();
       auto fnLow = [](T tJq, T tIq, T j) { return std::uint8_t((tJq < j) & (tJq < tIq)); };
       for (int x = 0; x < nWidth; ++x)
@@ -320,8 +321,10 @@ void ReconstructStripe(const SImages<T>& o, int nY0, int nY1, TProgressFn&& fnSc
     }
     if (nPair == 0)
       fnScanRows(nY1 - nY0);
-    if (!nChanged) // a backward scan that changes nothing after a forward one: stable
+    if (nChanged == 0) // a backward scan that changes nothing after a forward one: stable
       return;
+    if (bLast)
+      break;
   }
   Propagate(o, oQueue, std::size_t((nY0 + 1) * s), std::size_t((nY1 + 1) * s));
 }
@@ -364,7 +367,9 @@ void CGrayscaleReconstructionFilter::Apply(TDest& oDest, const TMarker& oMarker,
   const T tLowest = std::numeric_limits<T>::lowest();
   const std::size_t nSize = std::size_t(s) * std::size_t(nHeight + 2);
   Detail::CWorkBuffer<T> oI(nSize), oJ(nSize);
-  Detail::CWorkBuffer<std::uint8_t> oOut(std::size_t(nWidth) * std::size_t(nHeight));
+  // The invalid pixels, flagged in oOut; integer bands without a no-data value have none, and skip it.
+  const bool bFlags = std::is_floating_point<T>::value || oMask.HasNoDataValue() || oMarker.HasNoDataValue();
+  Detail::CWorkBuffer<std::uint8_t> oOut(bFlags ? std::size_t(nWidth) * std::size_t(nHeight) : 0);
   for (T* p : {oI.data(), oJ.data()}) // the frame; the load writes the rest
   {
     std::fill(p, p + s, tLowest);
@@ -372,30 +377,47 @@ void CGrayscaleReconstructionFilter::Apply(TDest& oDest, const TMarker& oMarker,
     for (int y = 1; y <= nHeight; ++y)
       p[y * s] = p[y * s + s - 1] = tLowest;
   }
+  // The loops take their own copies of the tests and values, which they would otherwise read again per
+  // pixel through the lambda's references.
   const Detail::SValidTest<T> oMaskValid(oMask), oMarkerValid(oMarker);
-  Detail::ParallelRuns(oMask, oProgress, [&](int nX, int nY, const T* pRun, int nRun) {
-    T* pTo = oI.data() + (nY + 1) * s + nX + 1;
-    std::uint8_t* pOut = oOut.data() + std::ptrdiff_t(nY) * nWidth + nX;
+  Detail::ParallelRuns(oMask, oProgress, [&](int nX, int nY, const T* __restrict pRun, int nRun) {
+    T* __restrict pTo = oI.data() + (nY + 1) * s + nX + 1;
+    if (!bFlags)
+      return Band::Detail::CopyRun(pRun, pTo, nRun);
+    const Detail::SValidTest<T> oValid = oMaskValid;
+    const T tOut = tLowest;
+    std::uint8_t* __restrict pOut = oOut.data() + std::ptrdiff_t(nY) * nWidth + nX;
     for (int i = 0; i < nRun; ++i)
     {
-      pOut[i] = !oMaskValid(pRun[i]);
-      pTo[i] = pOut[i] ? tLowest : pRun[i];
+      const T t = pRun[i];
+      const std::uint8_t nOut = !oValid(t);
+      pOut[i] = nOut;
+      pTo[i] = nOut ? tOut : t;
     }
   });
   std::atomic<bool> bInvalid(false);
-  Detail::ParallelRuns(oMarker, oProgress, [&](int nX, int nY, const T* pRun, int nRun) {
+  Detail::ParallelRuns(oMarker, oProgress, [&](int nX, int nY, const T* __restrict pRun, int nRun) {
     const std::ptrdiff_t nAt = (nY + 1) * s + nX + 1;
-    T* pI = oI.data() + nAt;
-    T* pJ = oJ.data() + nAt;
-    std::uint8_t* pOut = oOut.data() + std::ptrdiff_t(nY) * nWidth + nX;
+    T* __restrict pI = oI.data() + nAt;
+    T* __restrict pJ = oJ.data() + nAt;
+    if (!bFlags)
+    {
+      for (int i = 0; i < nRun; ++i)
+        pJ[i] = std::min(pRun[i], pI[i]);
+      return;
+    }
+    const Detail::SValidTest<T> oValid = oMarkerValid;
+    const T tOut = tLowest;
+    std::uint8_t* __restrict pOut = oOut.data() + std::ptrdiff_t(nY) * nWidth + nX;
     std::uint8_t nAny = 0;
     for (int i = 0; i < nRun; ++i)
     {
-      const std::uint8_t nOut = pOut[i] | !oMarkerValid(pRun[i]);
-      const T tI = nOut ? tLowest : pI[i];
+      const T t = pRun[i], tMask = pI[i]; // both loaded whatever the flag: no branch
+      const std::uint8_t nOut = std::uint8_t(pOut[i] | !oValid(t));
+      const T tMarker = tMask < t ? tMask : t; // std::min(t, tMask)
       pOut[i] = nOut;
-      pI[i] = tI;
-      pJ[i] = nOut ? tLowest : std::min(pRun[i], tI);
+      pI[i] = nOut ? tOut : tMask;
+      pJ[i] = nOut ? tOut : tMarker;
       nAny |= nOut;
     }
     if (nAny)
@@ -409,11 +431,17 @@ void CGrayscaleReconstructionFilter::Apply(TDest& oDest, const TMarker& oMarker,
     Reconstruct<T, std::size_t>(oImages, nHeight, oProgress);
 
   const T tNoData = Detail::GetOutputNoDataValue(oDest);
-  Detail::ParallelRuns(oDest, oProgress, [&](int nX, int nY, T* pRun, int nRun) {
-    const T* pFrom = oJ.data() + (nY + 1) * s + nX + 1;
-    const std::uint8_t* pOut = oOut.data() + std::ptrdiff_t(nY) * nWidth + nX;
+  Detail::ParallelRuns(oDest, oProgress, [&](int nX, int nY, T* __restrict pRun, int nRun) {
+    const T* __restrict pFrom = oJ.data() + (nY + 1) * s + nX + 1;
+    if (!bFlags)
+      return Band::Detail::CopyRun(pFrom, pRun, nRun);
+    const std::uint8_t* __restrict pOut = oOut.data() + std::ptrdiff_t(nY) * nWidth + nX;
+    const T tOut = tNoData;
     for (int i = 0; i < nRun; ++i)
-      pRun[i] = pOut[i] ? tNoData : pFrom[i];
+    {
+      const T t = pFrom[i];
+      pRun[i] = pOut[i] ? tOut : t;
+    }
   });
   if (bInvalid && !oDest.HasNoDataValue())
     oDest.SetNoDataValue(tNoData);
