@@ -221,7 +221,19 @@ void RowPhase(const TG* __restrict pG, int nWidth, I* __restrict pOut, SEnvelope
   {
     if (pG[x] == 0)
     {
-      pOut[x++] = 0;
+      int e = x + 1; // the run of background, eight pixels at a time while they are all background
+      for (; e + 8 <= nWidth; e += 8)
+      {
+        TG tAny = 0;
+        for (int k = 0; k < 8; ++k)
+          tAny |= pG[e + k];
+        if (tAny)
+          break;
+      }
+      while (e < nWidth && pG[e] == 0)
+        ++e;
+      std::fill(pOut + x, pOut + e, I(0));
+      x = e;
       continue;
     }
     int e = x + 1;
