@@ -10,10 +10,12 @@
 // Meijster: the blocks' first and last rows chain the column distances across blocks in one short
 // sequential step (a row per block, downward and upward). Then, per block in parallel, an upward walk
 // through its rows, vectorised over whole rows, turns the seeds into the column distance g (the
-// minimum of the distance down, the chained one from above and the distance up). The row phase then
+// minimum of the distance down, the chained one from above and the distance up) in a block buffer
+// that stays in the cache. The row phase then
 // takes one row at a time: a background pixel (g == 0) at column a ends the envelope, since for x on
 // its right every parabola or cone centred left of a is above the one at a. So a row falls into
-// runs of background, written as zeros, and stretches of foreground between two background pixels
+// runs of background, skipped eight pixels at a time and written as zeros, and stretches of
+// foreground between two background pixels
 // (or the band's edge), each with its own lower envelope. The envelope is the paper's: a stack of
 // centres and starts in small arrays reused for every row of the block, integer arithmetic, one
 // division per centre pushed. The squared distances of a row are converted straight into the

@@ -8,14 +8,12 @@
 // Reconstruction is the one fixed point of J = min(I, 3 x 3 max of J) at or above the clipped marker,
 // so any order of updates that ends where nothing can change gives the same bits. Each stripe first
 // runs on its own, as if the rows around it did not exist: pairs of raster scans while they change
-// something, up to three, then a FIFO queue seeded by the last backward scan. Each scan splits a row
-// in two loops: one over the row already done (above in the forward scan, below in the backward
-// one), which vectorises, and one sequential loop for the neighbour on the row itself; that is the
-// per-pixel scan, because min(I, max(A, B)) == min(I, max(min(I, A), B)). After the backward scan
-// every pair of neighbours is stable except where a pixel q passed earlier in that scan has
-// J(q) < J(p) and J(q) < I(q); those p seed the queue, found by a branch-free flag per pixel. When
-// all stripes are done, only pairs across a border can be unstable: the two rows at each border seed
-// one last queue over the whole image.
+// many pixels, then a FIFO queue seeded by the last backward scan. A scan takes a row in one
+// vectorised pass (ScanRow): the three pixels of the row already done, then the running maximum along
+// the row as composed clamps. After the backward scan every pair of neighbours is stable except where
+// a pixel q passed earlier in that scan has J(q) < J(p) and J(q) < I(q); those p seed the queue,
+// found by a branch-free flag per pixel. When all stripes are done, only pairs across a border can be
+// unstable: the two rows at each border seed one last queue over the whole image.
 //
 // The queue is a ring of 32-bit indices where the padded image allows, doubling when full.
 
