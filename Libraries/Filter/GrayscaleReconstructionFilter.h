@@ -21,8 +21,8 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // the band do not exist for the dilation.
 //
 // The three bands have one pixel type and one size (else CBasicException before any write); the
-// destination is neither of the inputs. Working memory: two pixels per pixel, a byte more for floating types or
-// a band with a no-data value, plus the queues.
+// destination is neither of the inputs. Working memory: two pixels per pixel, a byte more for
+// floating types or a band with a no-data value, plus the queues.
 class CGrayscaleReconstructionFilter : public Detail::CBandFilterBase
 {
 public:
