@@ -10,10 +10,12 @@
 namespace Orl { namespace Ostrel { namespace Filter {
 
 // The exact distance transform of Meijster, Roerdink and Hesselink (2000), in linear time: a column
-// phase (distance to the nearest background pixel in the same column, one downward and one upward
-// scan, in parallel over strips of columns) and a row phase (the lower envelope of the column
-// distances under the mode's metric, in parallel over rows). Exact for every mode: integer
+// phase (distance to the nearest background pixel in the same column) and a row phase (the lower
+// envelope of the column distances under the mode's metric), both in parallel over blocks of rows,
+// reading the source once and writing the destination once. Exact for every mode: integer
 // arithmetic throughout, the Euclidean distance is the square root of the exact squared one.
+// Working memory: two bytes per pixel (four when width + height exceeds about 32600), and a byte
+// per pixel in the blocks of rows that hold invalid pixels.
 //
 // Source pixels that are valid and zero are the background; valid non-zero pixels are the
 // foreground; invalid pixels (the no-data value; for floating types also NaN and infinities) are

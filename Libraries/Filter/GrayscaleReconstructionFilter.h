@@ -10,9 +10,10 @@ namespace Orl { namespace Ostrel { namespace Filter {
 
 // Morphological reconstruction by dilation of a marker under a mask, 8-connected: the limit of
 // J = min(mask, dilation of J by the 3 x 3 square), starting from J = min(marker, mask) (a marker
-// above the mask is clipped to it). Vincent's hybrid method: one forward and one backward raster
-// scan, then a FIFO queue of the pixels that can still raise a neighbour; only min and max, so every
-// pixel type gives exact results.
+// above the mask is clipped to it). Vincent's hybrid method: forward and backward raster scans, then
+// a FIFO queue of the pixels that can still raise a neighbour, in parallel stripes of rows and a last
+// queue across their borders; only min and max, so every pixel type gives exact results, the same
+// whatever the number of threads.
 //
 // Invalid pixels (a band's no-data value; for floating types also NaN and infinities) of the marker
 // or the mask take no part: nothing spreads into or across them, and they get the destination's
@@ -20,7 +21,8 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // the band do not exist for the dilation.
 //
 // The three bands have one pixel type and one size (else CBasicException before any write); the
-// destination is neither of the inputs. Working memory: two pixels and a byte per pixel, plus the queue.
+// destination is neither of the inputs. Working memory: two pixels per pixel, a byte more for
+// floating types or a band with a no-data value, plus the queues.
 class CGrayscaleReconstructionFilter : public Detail::CBandFilterBase
 {
 public:

@@ -155,7 +155,8 @@ TYPED_TEST(DistanceTransformTest, ExactAgainstExhaustiveSearchChamferWithinItsBo
     int w, h;
     double dBackground, dInvalid;
   } aCases[] = {{1, 1, 0.5, 0}, {1, 19, 0.1, 0}, {23, 1, 0.2, 0.1}, {37, 29, 0.02, 0.05},
-                {40, 33, 0.3, 0}, {31, 17, 0, 0.1}, {25, 25, 0.002, 0}, {6, 40, 1, 0}};
+                {40, 33, 0.3, 0}, {31, 17, 0, 0.1}, {25, 25, 0.002, 0}, {6, 40, 1, 0},
+                {7, 203, 0.004, 0.01}}; // several blocks of rows, columns whose background is blocks away or absent
   for (const SCase& c : aCases)
   {
     SImage<unsigned char> oClass{c.w, c.h, std::vector<unsigned char>(std::size_t(c.w) * c.h)};
@@ -509,8 +510,9 @@ TYPED_TEST(ReconstructionTest, EqualsRepeatedGeodesicDilation)
   const T tNoData = T(9);
   // Random pixels, and a maze: walls on odd columns with a gap at alternate ends, the marker high at
   // the entrance only, so that the raster scans cannot finish and the queue carries the rest.
+  // Tall bands run in several stripes, the tall maze's paths crossing every stripe border many times.
   for (const auto& [w, h, bMaze] : {std::tuple<int, int, bool>{1, 1, false}, {1, 30, false}, {30, 1, false},
-                                    {33, 27, false}, {64, 40, false}, {41, 23, true}})
+                                    {33, 27, false}, {64, 40, false}, {41, 23, true}, {23, 300, false}, {11, 290, true}})
   {
     SImage<T> oMask{w, h, std::vector<T>(std::size_t(w) * h)}, oMarker = oMask;
     for (std::size_t i = 0; i < oMask.m_vec.size(); ++i)
