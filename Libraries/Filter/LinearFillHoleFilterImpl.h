@@ -11,6 +11,7 @@
 #include "Foundation/Logger.h"
 #include "Internationalisation/Translator.h"
 
+#include <tbb/global_control.h>
 #include <tbb/task_arena.h>
 
 #include <algorithm>
@@ -124,7 +125,9 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
 
   // On the threads of the caller's arena, where the band is wide enough for blocks; the result is the
   // same bit for bit.
-  const unsigned nThreads = unsigned(std::max(1, tbb::this_task_arena::max_concurrency()));
+  const unsigned nThreads = unsigned(std::max<std::size_t>(
+    1, std::min<std::size_t>(tbb::this_task_arena::max_concurrency(),
+                             tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism))));
   if (const std::uint32_t nBlockWidth = Detail::FillHoleBlockWidth(nWidth, nHeight, nThreads))
   {
     const Detail::SFillHoleBlockResult oResult = Detail::FillHoleBlockSweeps<BUseMask>(

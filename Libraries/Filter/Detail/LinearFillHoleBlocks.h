@@ -21,6 +21,7 @@
 // sets. Those words are classified twice, by the block and by its neighbour; the memory is per-block
 // state of a few rows' width.
 
+#include "Band/Detail/ThreadSanitizer.h"
 #include "Filter/Detail/LinearFillHoleSweeps.h"
 
 #include <tbb/blocked_range.h>
@@ -242,13 +243,18 @@ SFillHoleBlockResult FillHoleBlockSweeps(const SFillHoleSweepContext<TLineData>&
   };
   const auto fnRun = [&](const auto& fnCell) {
     CFillHoleWavefront oWavefront(nHeight, nBlocks);
+    // The scheduler's hand-over of the bodies, for ThreadSanitizer; the cells order themselves.
+    ORL_TSAN_RELEASE(&oWavefront);
     tbb::parallel_for(
       tbb::blocked_range<unsigned>(0, nThreads, 1),
       [&](const tbb::blocked_range<unsigned>& oRange) {
+        ORL_TSAN_ACQUIRE(&oWavefront);
         for (unsigned n = oRange.begin(); n != oRange.end(); ++n)
           oWavefront.Work(fnCell);
+        ORL_TSAN_RELEASE(&oWavefront);
       },
       tbb::simple_partitioner());
+    ORL_TSAN_ACQUIRE(&oWavefront);
     if (oContext.m_pLogger)
       for (std::uint32_t y = 0; y < nHeight; ++y)
         oContext.m_pLogger->IncrementProgress();

@@ -17,6 +17,7 @@
 #include "Filter/Detail/PixelConversion.h"
 #include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
+#include "Math/Detail/RowKernels.h"
 
 #include <boost/tuple/tuple.hpp>
 
@@ -196,6 +197,49 @@ enum EFillHoleClass : unsigned char
   eFillHoleOutside = 3 // before and after the row
 };
 
+#if defined(__x86_64__) && defined(__GNUC__)
+// The classes of the first 64 * nWords pixels of a float row without a mask, as SValidPixel<float>
+// and CFillHoleRowClasses::Classify give them: byte 1 and an event bit for an invalid pixel, byte 0
+// and a valid bit for the others; with pCopy, the pixels are also copied there. For processors with
+// AVX2, asked at run time: every vector of it stays inside this one function.
+__attribute__((target("avx2"))) inline void ClassifyFloatWordsAvx2(const float* pSrc, std::size_t nWords,
+                                                                   float fNoData, unsigned char* pClass,
+                                                                   std::uint64_t* pValid, std::uint64_t* pEvents,
+                                                                   float* pCopy)
+{
+  const __m256 vecAbs = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+  const __m256 vecMax = _mm256_set1_ps(std::numeric_limits<float>::max());
+  const __m256 vecNoData = _mm256_set1_ps(fNoData);
+  // Bit b of a 32-bit mask into byte b: byte b takes the mask's byte b / 8 and keeps bit b % 8.
+  const __m256i vecSpread = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2,
+                                             2, 3, 3, 3, 3, 3, 3, 3, 3);
+  const __m256i vecBit = _mm256_set1_epi64x(std::int64_t(0x8040201008040201ull));
+  const __m256i vecOne = _mm256_set1_epi8(1);
+  for (std::size_t w = 0; w < nWords; ++w, pSrc += 64, pClass += 64)
+  {
+    std::uint64_t nInvalid = 0;
+    for (int k = 0; k < 8; ++k)
+    {
+      const __m256 vec = _mm256_loadu_ps(pSrc + 8 * k);
+      if (pCopy)
+        _mm256_storeu_ps(pCopy + 64 * w + 8 * k, vec);
+      // Finite (NaN fails the ordered comparison) and unequal to no-data (a NaN no-data equals nothing).
+      const __m256 vecValid = _mm256_and_ps(_mm256_cmp_ps(_mm256_and_ps(vec, vecAbs), vecMax, _CMP_LE_OQ),
+                                            _mm256_cmp_ps(vec, vecNoData, _CMP_NEQ_UQ));
+      nInvalid |= std::uint64_t(~unsigned(_mm256_movemask_ps(vecValid)) & 0xffu) << (8 * k);
+    }
+    for (int h = 0; h < 2; ++h)
+    {
+      const __m256i vecBytes = _mm256_shuffle_epi8(_mm256_set1_epi32(int(std::uint32_t(nInvalid >> (32 * h)))), vecSpread);
+      const __m256i vecSet = _mm256_cmpeq_epi8(_mm256_and_si256(vecBytes, vecBit), vecBit);
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(pClass + 32 * h), _mm256_and_si256(vecSet, vecOne));
+    }
+    pValid[w] = ~nInvalid;
+    pEvents[w] = nInvalid;
+  }
+}
+#endif
+
 // The classes of one row's pixels, as bytes and as bit words (bit b of word w stands for pixel
 // 64 w + b). Both sweeps classify with this one function: they must agree exactly, as the backward
 // sweep finds its entries by walking the hole list back.
@@ -243,7 +287,19 @@ private:
     const std::uint32_t nWidth = m_nWidth;
     const TValid oValidCopy = oValid;
     const TComparator oComparatorCopy = oComparator;
-    for (std::uint32_t n = 0; n < nWidth; ++n)
+    std::uint32_t nFirst = 0; // the first pixel the loop below classifies
+#if defined(__x86_64__) && defined(__GNUC__)
+    if constexpr (!BUseMask && std::is_same<TValid, SValidPixel<float>>::value)
+      if (Harnel::Math::Detail::HasAvx2())
+      {
+        // The whole words; the loop below takes the rest, and the last word's bits after it.
+        const std::size_t nWords = nWidth / 64;
+        ClassifyFloatWordsAvx2(pSrc, nWords, oValidCopy.m_tNoData, pClass, m_vecValid.data(), m_vecEvents.data() + 1,
+                               BCopy ? pCopy : nullptr);
+        nFirst = std::uint32_t(64 * nWords);
+      }
+#endif
+    for (std::uint32_t n = nFirst; n < nWidth; ++n)
     {
       const TPixel tPixel = pSrc[n];
       if constexpr (BCopy)
@@ -261,7 +317,7 @@ private:
         pClass[n] = nInvalid;
       }
     }
-    for (std::size_t w = 0; w < m_nWords; ++w)
+    for (std::size_t w = nFirst / 64; w < m_nWords; ++w)
       _ToBits(pClass + 64 * w, m_vecValid[w], m_vecEvents[w + 1]);
   }
 
