@@ -47,7 +47,7 @@ class CFillHoleWavefront
 public:
   CFillHoleWavefront(std::uint32_t nRows, std::uint32_t nBlocks)
     : m_nRows(nRows), m_nBlocks(nBlocks), m_pDone(new std::atomic<std::uint32_t>[nBlocks + 2]),
-      m_pClaimed(new std::atomic<std::uint32_t>[nBlocks]), m_nLeft(std::uint64_t(nRows) * nBlocks)
+      m_pClaimed(new std::atomic<std::uint32_t>[nBlocks])
   {
     // m_pDone[k + 1] counts the rows block k has run; the blocks beyond either side have run all.
     m_pDone[0].store(~0u);
@@ -66,13 +66,15 @@ public:
     std::uint32_t nLast = 0;
     for (;;)
     {
-      if (m_bStop.load(std::memory_order_relaxed) || m_nLeft.load(std::memory_order_acquire) == 0)
+      if (m_bStop.load(std::memory_order_relaxed))
         return;
       std::uint32_t nRow = 0, nBlock = 0;
       // The cell to the right of the one just run first: its horizontal line is still in this core's
       // cache; then the one below and to the left; then any.
       if (!_Claim(nLast + 1, nRow, nBlock) && !_Claim(nLast - 1, nRow, nBlock) && !_ClaimAny(nRow, nBlock))
       {
+        if (_AllDone())
+          return;
         std::this_thread::yield();
         continue;
       }
@@ -85,8 +87,8 @@ public:
         m_bStop.store(true);
         throw;
       }
+      // One store per cell besides its claim.
       m_pDone[nBlock + 1].store(nRow + 1, std::memory_order_release);
-      m_nLeft.fetch_sub(1, std::memory_order_acq_rel);
       nLast = nBlock;
     }
   }
@@ -110,6 +112,14 @@ private:
     return true;
   }
 
+  bool _AllDone() const
+  {
+    for (std::uint32_t k = 0; k < m_nBlocks; ++k)
+      if (m_pDone[k + 1].load(std::memory_order_acquire) != m_nRows)
+        return false;
+    return true;
+  }
+
   bool _ClaimAny(std::uint32_t& nRow, std::uint32_t& nBlock)
   {
     for (std::uint32_t k = 0; k < m_nBlocks; ++k)
@@ -122,7 +132,6 @@ private:
   const std::uint32_t m_nBlocks;
   std::unique_ptr<std::atomic<std::uint32_t>[]> m_pDone;
   std::unique_ptr<std::atomic<std::uint32_t>[]> m_pClaimed;
-  std::atomic<std::uint64_t> m_nLeft;
   std::atomic<bool> m_bStop{false};
 };
 
