@@ -5,6 +5,7 @@
 //   buffer of the same size;
 // - resampling, equalization and gradient orientation against a plain two-pass copy (source to a
 //   buffer, buffer to destination, rows split over the cores).
+// ratio compares wall-clock times, cpu_ratio the processor time of all threads of the process.
 #include "Band/Band.h"
 #include "Filter/FftFilter.h"
 #include "Filter/GradientOrientationFilter.h"
@@ -18,6 +19,7 @@
 #include <tbb/task_arena.h>
 
 #include <chrono>
+#include <ctime>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -105,18 +107,25 @@ template <class TFilter, class TReference>
 void RunRatio(benchmark::State& state, TFilter&& fnFilter, TReference&& fnReference)
 {
   TClock::duration oFilterTime{}, oReferenceTime{};
+  std::clock_t nFilterCpu = 0, nReferenceCpu = 0;
   for (auto _ : state)
   {
+    const std::clock_t c0 = std::clock();
     const TClock::time_point t0 = TClock::now();
     fnFilter();
     benchmark::ClobberMemory();
     const TClock::time_point t1 = TClock::now();
+    const std::clock_t c1 = std::clock();
     fnReference();
     oFilterTime += t1 - t0;
     oReferenceTime += TClock::now() - t1;
+    nFilterCpu += c1 - c0;
+    nReferenceCpu += std::clock() - c1;
   }
   const double dPixels = double(state.iterations()) * double(ms_nPixels);
   state.counters["ratio"] = double(oFilterTime.count()) / double(oReferenceTime.count());
+  // The same from the process's processor time over all threads: steadier on a loaded machine.
+  state.counters["cpu_ratio"] = double(nFilterCpu) / double(nReferenceCpu);
   state.counters["filter_ns_per_pixel"] = std::chrono::duration<double, std::nano>(oFilterTime).count() / dPixels;
   state.counters["reference_ns_per_pixel"] = std::chrono::duration<double, std::nano>(oReferenceTime).count() / dPixels;
 }

@@ -7,6 +7,13 @@
 // CalcMeanVar's serial pass are reported per pixel. Each benchmark reports ns_per_pixel; compare
 // medians of the repetitions.
 //
+// Ratios measured alternately in one loop, so that load on a shared machine hits both sides alike:
+// - BM_MomentsToPlainLoop: CalcMinMaxMeanVar on the float band against the parallel plain sum, with
+//   one thread and with all (threads:0).
+// - BM_HistogramToMoments: on a float 16384 x 16384 band (1 GiB, made on first use), the histogram
+//   with 256 and 1024 bins against CalcMinMaxMeanVar.
+//   StatisticsBench --benchmark_filter='Ratio|ToPlain|ToMoments' --benchmark_repetitions=5
+//
 //   StatisticsBench --benchmark_repetitions=12 --benchmark_enable_random_interleaving=true
 //                   --benchmark_report_aggregates_only=true
 // Interleaving the repetitions keeps a shared machine's load from favouring one side of a ratio.
@@ -15,9 +22,11 @@
 #include <benchmark/benchmark.h>
 
 #include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
 #include <tbb/parallel_reduce.h>
 #include <tbb/task_arena.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <type_traits>
@@ -213,6 +222,93 @@ void BM_Histogram1024(benchmark::State& state)
   }
   SetPerPixel<TPixel>(state);
 }
+
+using TClock = std::chrono::steady_clock;
+
+// The plain parallel sum of BM_ReferenceSumParallel, once.
+template <class TPixel>
+TRefSum<TPixel> ParallelPlainSum(const CBand<TPixel, SMemoryTag>& oBand)
+{
+  const TPixel* p = oBand.GetRep().GetDataLocation();
+  const std::size_t nWidth = oBand.GetWidth();
+  return tbb::parallel_reduce(
+    tbb::blocked_range<std::size_t>(0, oBand.GetHeight(), oBand.GetRep().GetBlockHint().second), TRefSum<TPixel>(0),
+    [&](const tbb::blocked_range<std::size_t>& r, TRefSum<TPixel> tSum) {
+      return tSum + PlainSum(p + r.begin() * nWidth, r.size() * nWidth);
+    },
+    std::plus<TRefSum<TPixel>>());
+}
+
+void SetRatio(benchmark::State& state, TClock::duration oOurs, TClock::duration oReference, double dPixels)
+{
+  state.counters["ratio"] = double(oOurs.count()) / double(oReference.count());
+  dPixels *= double(state.iterations());
+  state.counters["ours_ns_per_pixel"] = std::chrono::duration<double, std::nano>(oOurs).count() / dPixels;
+  state.counters["reference_ns_per_pixel"] = std::chrono::duration<double, std::nano>(oReference).count() / dPixels;
+}
+
+// Min/max/mean/variance on the float band against the plain sum; range(0) threads, 0 for all.
+void BM_MomentsToPlainLoop(benchmark::State& state)
+{
+  const auto& oBand = Band<float>(false);
+  tbb::task_arena oArena(state.range(0) == 0 ? int(tbb::task_arena::automatic) : int(state.range(0)));
+  TClock::duration oOurs{}, oReference{};
+  for (auto _ : state)
+    oArena.execute([&] {
+      const TClock::time_point t0 = TClock::now();
+      RunMinMaxMeanVar(oBand);
+      const TClock::time_point t1 = TClock::now();
+      benchmark::DoNotOptimize(ParallelPlainSum(oBand));
+      oOurs += t1 - t0;
+      oReference += TClock::now() - t1;
+    });
+  SetRatio(state, oOurs, oReference, double(Pixels<float>()));
+}
+
+// The histogram of range(0) bins against min/max/mean/variance, on the same float 16384 x 16384 band.
+void BM_HistogramToMoments(benchmark::State& state)
+{
+  static const auto s_oBand = [] {
+    constexpr unsigned n = 16384;
+    CBand<float, SMemoryTag> oBand(n, n);
+    float* p = oBand.GetRep().GetDataLocation();
+    tbb::parallel_for(tbb::blocked_range<unsigned>(0, n), [&](const tbb::blocked_range<unsigned>& r) {
+      for (unsigned y = r.begin(); y != r.end(); ++y)
+      {
+        std::uint32_t nState = 12345u + y * 7919u;
+        for (unsigned x = 0; x < n; ++x)
+        {
+          nState = nState * 1664525u + 1013904223u;
+          p[std::size_t(y) * n + x] = float(nState >> 8) * (1.0f / 65536.0f);
+        }
+      }
+    });
+    return oBand;
+  }();
+  auto& oCalc = *s_oBand.GetRep().GetStatistics().m_pCalculator;
+  float fMin, fMax;
+  unsigned long nValid, nInvalid, nMaxCount;
+  oCalc.CalcMinMax(fMin, fMax, nValid, nInvalid, false, {});
+  TClock::duration oOurs{}, oReference{};
+  for (auto _ : state)
+  {
+    const TClock::time_point t0 = TClock::now();
+    std::vector<unsigned long> vecHistogram;
+    double dMedian, dMode, dBinWidth, dBinStep;
+    unsigned int nBins = unsigned(state.range(0));
+    oCalc.CalcHisto(vecHistogram, dMedian, dMode, nBins, nMaxCount, dBinWidth, dBinStep, nValid, nInvalid, fMin, fMax,
+                    false, {});
+    benchmark::DoNotOptimize(dMedian);
+    const TClock::time_point t1 = TClock::now();
+    RunMinMaxMeanVar(s_oBand);
+    oOurs += t1 - t0;
+    oReference += TClock::now() - t1;
+  }
+  SetRatio(state, oOurs, oReference, 16384.0 * 16384.0);
+}
+
+BENCHMARK(BM_MomentsToPlainLoop)->ArgName("threads")->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_HistogramToMoments)->ArgName("bins")->Arg(256)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 #define ORL_STATISTICS_BENCH(T)                                                                         \
   BENCHMARK_TEMPLATE(BM_ReferenceSumOneThread, T)->Unit(benchmark::kMillisecond)->UseRealTime();         \

@@ -29,22 +29,6 @@ struct SWideMask<T, false>
   using type = std::make_unsigned_t<T>;
 };
 
-// A Python number as a pixel value: ValueError when an integer type cannot hold it exactly.
-template <class T>
-T ToPixel(const py::object& oValue, const char* pArgument)
-{
-  const double dValue = py::cast<double>(py::float_(oValue));
-  if constexpr (std::is_integral<T>::value)
-  {
-    if (!(dValue >= double(std::numeric_limits<T>::lowest()) && dValue <= double(std::numeric_limits<T>::max()) &&
-          dValue == std::floor(dValue)))
-      throw py::value_error(std::string(pArgument) + ": " + std::string(py::str(oValue)) +
-                            " is not a value of the array's dtype");
-    return T(py::cast<long long>(py::int_(oValue)));
-  }
-  return T(dValue);
-}
-
 template <class T>
 py::array FillHoles(const py::handle& oA, const py::object& oNoData, double dMaxDistance, long nMinDirections,
                     const py::object& oMask, const py::object& oMaskRange, const py::object& oOut,
@@ -70,7 +54,7 @@ py::array FillHoles(const py::handle& oA, const py::object& oNoData, double dMax
     dLow = py::cast<double>(oRange[0]);
     dHigh = py::cast<double>(oRange[1]);
   }
-  auto oOutArray = OutputArray<T>(oOut, oSrcArray);
+  auto oOutArray = OutputArray<T>(oOut, ShapeOf(oSrcArray), {oSrcArray});
   CPythonProgress oLogger(oProgress);
 
   TMemBand<T> oSrc = ArrayBand(oSrcArray), oDest = ArrayBand(oOutArray);

@@ -115,4 +115,8 @@ PYBIND11_MODULE(_orl, oModule)
   Orl::Python::RegisterExceptionTranslator();
   Orl::Python::BindFillHole(oModule);
   Orl::Python::BindStatistics(oModule);
+  Orl::Python::BindShapeFilters(oModule);
+  Orl::Python::BindSignalFilters(oModule);
+  Orl::Python::BindPixelFilters(oModule);
+  Orl::Python::BindStackFilters(oModule);
 }

@@ -272,7 +272,9 @@ void CheckCopy2DRoom(const Pravik::GraphObject2d::CPoint<int>& oExtent, const TD
 // Required of both iterator types: the iterator contract (*it, X and Y movers, it += CPoint<int>,
 // GetBlockHintX(), GetBlockHintY()); the destination's *it is assignable from the source's.
 //
-// The extent is the source's end minus its begin; the destination pair must have room for it (else
+// The extent is the source's end minus its begin; the source rectangle, which runs that many pixels
+// forward from the begin iterator also on a reversed axis, must lie inside the source band, and the
+// destination pair must have room for it (else
 // CBasicException, before any pixel is written), and must not overlap the source. There is no serial path: the scheduler splits the
 // rectangle down to a grain of twice the smaller block hint of the two bands on each axis, so a
 // rectangle within the grain runs as one block. An exception from a block reaches the caller after
@@ -286,6 +288,7 @@ void Copy2D(const boost::tuples::tuple<TSrcIterator, TSrcIterator>& oSource,
   const TSrcIterator& oSrcEnd = boost::get<1>(oSource);
   const TDestIterator& oDestBegin = boost::get<0>(oDest);
   const Pravik::GraphObject2d::CPoint<int> oExtent(int(oSrcEnd.X - oSrcBegin.X), int(oSrcEnd.Y - oSrcBegin.Y));
+  Detail::CheckSourceInside(oSrcBegin, oSrcEnd);
   CheckCopy2DRoom(oExtent, oDestBegin, boost::get<1>(oDest));
 
   const std::uint32_t nHintX = std::min<std::uint32_t>(oSrcBegin.GetBlockHintX(), oDestBegin.GetBlockHintX());

@@ -8,16 +8,21 @@
 // so the same on every path. Floating sums round, and are guaranteed thus:
 // - The serial ForEach2D takes the pixels one at a time, rows from the top, each row from the left:
 //   its sums are those of a plain loop over the rectangle.
-// - The parallel forms cut the rectangle on a fixed grid of the band (cells of four tiles across and
-//   one tile down for the pixel type, counted from the band's origin, whether or not the band is
-//   tiled), take each cell row by row in pieces that end at tile borders, and join the cells' results
-//   in a fixed tree over the cells in row order (tbb::parallel_deterministic_reduce). The result
+// - The parallel forms cut the rectangle on a fixed grid of the band (cells one tile down and up to 64
+//   tiles across for the pixel type, counted from the band's origin, whether or not the band is
+//   tiled: see SWalkGrid), take each cell row by row in pieces that end at tile borders, and join the
+//   cells' results in a fixed tree over the cells in row order (tbb::parallel_deterministic_reduce).
+//   Order-free functors skip the fixed tree: their bodies split only when a thread steals. The result
 //   depends on the pixels, the rectangle and the pixel type only: not on the storage (memory or
 //   tiles, spilled or not), the number of threads, or the processor. It differs from the serial one
 //   in the last bits.
 // A functor that says it is order-free (Math/StatisticFunctors.h) may be given longer runs instead.
 //
-// Required of TIterator: copy, *it, it.X and it.Y as int, ++it.X, ++it.Y, it += CPoint<int>; the
+// The rectangle walked must lie inside the band, also for a reversed begin/end pair (which walks
+// |end - begin| pixels forward from begin): else CBasicException before any pixel is read.
+//
+// Required of TIterator: copy, *it, it.X and it.Y as int, ++it.X, ++it.Y, it += CPoint<int>,
+// GetBandWidth(), GetBandHeight(); the
 // row runs of Detail/RowRuns.h make the walk fast but are not required. The begin iterator's
 // position is a band position: the grid is counted from (0, 0).
 // Required of TFunctor: see Math/StatisticFunctors.h (copy, empty state, operator(), Join).
@@ -29,6 +34,7 @@
 #include "Band/Detail/RowWalk.h"
 #include "Band/Detail/ThreadSanitizer.h"
 #include "Band/TileSize.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
 #include "Foundation/Point.h"
 #include "Internationalisation/Translator.h"
@@ -71,14 +77,13 @@ struct SValidDataPredicate
 };
 
 // The fixed cells of the parallel walks over a rectangle of nWidth x nHeight pixels at (nX, nY): the
-// grid of ms_nWidth x ms_nHeight cells from the band's origin, cut by the rectangle, numbered in row
-// order.
+// grid of SWalkGrid cells from the band's origin, cut by the rectangle, numbered in row order.
 template <class TPixel>
 class CCellGrid
 {
 public:
-  static constexpr int ms_nWidth = 4 * int(STileSize<TPixel>::ms_nX);
-  static constexpr int ms_nHeight = int(STileSize<TPixel>::ms_nY);
+  static constexpr int ms_nWidth = int(SWalkGrid<TPixel>::ms_nCellX);
+  static constexpr int ms_nHeight = int(SWalkGrid<TPixel>::ms_nCellY);
 
   CCellGrid(int nX, int nY, int nWidth, int nHeight)
     : m_nX(nX), m_nY(nY), m_nWidth(nWidth), m_nHeight(nHeight), m_nFirstColumn(_FloorDiv(nX, ms_nWidth)),
@@ -111,7 +116,8 @@ private:
 
 // The body of the reduction, over ranges of cell numbers. m_oFunctor is kept unchanged as the pattern
 // that split bodies take their empty state from; m_oResult is the running result, and the only thing
-// operator() changes.
+// operator() changes. A body takes in its ranges in place: a histogram's counters are made once per
+// body, not once per cell.
 template <class TIterator, class TPredicate, class TFunctor>
 class CApplyForEachIf : private SHandOver
 {
@@ -143,23 +149,20 @@ public:
   std::size_t GetCellCount() const { return m_oCells.GetCount(); }
 
   // The cells of oCells in turn, into m_oResult: a body given several ranges goes on summing.
-  void operator()(const tbb::blocked_range<std::size_t>& oCells) const
+  void operator()(const tbb::blocked_range<std::size_t>& oCells)
   {
     ORL_TSAN_ACQUIRE(this);
-    TFunctor oLocal(m_oResult);
-    double dPixels = 0.0;
     for (std::size_t nCell = oCells.begin(); nCell != oCells.end(); ++nCell)
     {
       int nX, nY, nWidth, nHeight;
       m_oCells.GetCell(nCell, nX, nY, nWidth, nHeight);
       TIterator it = m_itBegin;
       it += Pravik::GraphObject2d::CPoint<int>(nX, nY);
-      TakeInRect<eTilePieces>(it, nWidth, nHeight, oLocal, m_oPredicate, [] {});
-      dPixels += double(nWidth) * double(nHeight);
+      TakeInRect<eTilePieces>(it, nWidth, nHeight, m_oResult, m_oPredicate, [] {});
+      if (m_pLogger) // every pixel walked counts, also those the predicate left out
+        m_pLogger->IncrementProgress(double(nWidth) * double(nHeight));
     }
-    m_oResult = std::move(oLocal);
-    if (m_pLogger) // every pixel walked counts, also those the predicate left out
-      m_pLogger->IncrementProgress(dPixels);
+    Harnel::Math::FlushRows(m_oResult);
     ORL_TSAN_RELEASE(this);
   }
 
@@ -175,7 +178,7 @@ public:
   TIterator m_itEnd;
   TPredicate m_oPredicate;
   TFunctor m_oFunctor;
-  mutable TFunctor m_oResult;
+  TFunctor m_oResult;
   TLoggerPtr m_pLogger;
   CCellGrid<TPixel> m_oCells;
 };
@@ -192,6 +195,7 @@ TFunctor ParallelForEach(const boost::tuples::tuple<TIterator, TIterator>& oRang
   namespace Progress = Harnel::Progress;
   const TIterator& itBegin = boost::tuples::get<0>(oRange2D);
   const TIterator& itEnd = boost::tuples::get<1>(oRange2D);
+  CheckSourceInside(itBegin, itEnd);
   const Pravik::GraphObject2d::CPoint<int> oExtent(itEnd.X - itBegin.X, itEnd.Y - itBegin.Y);
   CApplyForEachIf<TIterator, TPredicate, TFunctor> oBody(itBegin, itEnd, oPredicate, oFunctor, pLogger);
   if (pLogger)
@@ -200,10 +204,15 @@ TFunctor ParallelForEach(const boost::tuples::tuple<TIterator, TIterator>& oRang
                   std::string());
   if (oBody.GetCellCount() != 0)
   {
-    // One cell per leaf; the tree of splits and joins depends on the number of cells alone.
     tbb::task_group_context oContext; // bound to the caller's, exceptions propagate exactly
-    tbb::parallel_deterministic_reduce(tbb::blocked_range<std::size_t>(0, oBody.GetCellCount(), 1), oBody,
-                                       tbb::simple_partitioner(), oContext);
+    const tbb::blocked_range<std::size_t> oCells(0, oBody.GetCellCount(), 1);
+    if constexpr (Harnel::Math::SOrderFree<TFunctor>::value)
+      // Exact results: bodies split only where a thread steals work, so a functor with large state
+      // (a histogram) is made and joined a few times per thread, not once per cell.
+      tbb::parallel_reduce(oCells, oBody, tbb::auto_partitioner(), oContext);
+    else
+      // One cell per leaf; the tree of splits and joins depends on the number of cells alone.
+      tbb::parallel_deterministic_reduce(oCells, oBody, tbb::simple_partitioner(), oContext);
     ORL_TSAN_ACQUIRE(&oBody);
   }
   if (pLogger)
@@ -241,12 +250,14 @@ TFunctor ForEach2D(const boost::tuples::tuple<TIterator, TIterator>& oRange2D, T
 {
   const TIterator& itBegin = boost::tuples::get<0>(oRange2D);
   const TIterator& itEnd = boost::tuples::get<1>(oRange2D);
+  Detail::CheckSourceInside(itBegin, itEnd);
   Detail::TakeInRect<Detail::ePixelByPixel>(itBegin, std::abs(int(itEnd.X - itBegin.X)),
                                             std::abs(int(itEnd.Y - itBegin.Y)), oFunctor, Harnel::Math::SAcceptAll(),
                                             [&] {
                                               if (pLogger)
                                                 pLogger->IncrementProgress();
                                             });
+  Harnel::Math::FlushRows(oFunctor);
   return oFunctor;
 }
 

@@ -17,6 +17,7 @@ namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
 //   ++it.X, --it.X, ++it.Y, --it.Y  one step along one axis
 //   it += CPoint<int>(dx, dy)   a move by an offset
 //   it.GetBlockHintX(), it.GetBlockHintY()  the band's block hint, for the grain of parallel splits
+//   it.GetBandWidth(), it.GetBandHeight()   the band's size, for the walks' O(1) bounds checks
 //
 // Position is the only state: X and Y may stand anywhere, and only a dereference needs them inside
 // the band. m_pData is always the start of the block, so a walk that keeps Y fixed while X runs
@@ -47,6 +48,8 @@ public:
 
   std::uint32_t GetBlockHintX() const { return m_nBlockHintX; }
   std::uint32_t GetBlockHintY() const { return m_nBlockHintY; }
+  std::uint64_t GetBandWidth() const { return m_nWidth; }
+  std::uint64_t GetBandHeight() const { return m_nHeight; }
 
   std::uint64_t m_nWidth = 0;  // full band width: the row stride
   std::uint64_t m_nHeight = 0; // full band height

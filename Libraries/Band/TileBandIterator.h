@@ -196,6 +196,8 @@ public:
 
   std::uint32_t GetBlockHintX() const;
   std::uint32_t GetBlockHintY() const;
+  std::uint32_t GetBandWidth() const { return m_nBandWidth; }
+  std::uint32_t GetBandHeight() const { return m_nBandHeight; }
 
   // A row run: the pixels from the current one to the current tile's right edge lie one after the
   // other from &*it, so that walks can take them as a plain array. Only while attached. AdvanceX(n),
@@ -218,6 +220,11 @@ public:
     if (m_nTileX == m_nTileWidth)
       _CrossRight();
   }
+
+  // A row walk's read-ahead: the walk read row nPreviousY before this one. When that lies in another
+  // row of tiles, or with bAlways, the band is asked to bring back the next row of tiles in the
+  // walk's direction over nCount pixels from here (see CTileBandRep::ReadAhead). Only a hint.
+  void ReadAheadOfWalk(int nCount, int nPreviousY, bool bAlways) const;
 
   // For tests.
   bool IsAttached() const { return bool(m_pTile); }
@@ -371,6 +378,17 @@ template <class TPixel, class TCoord, bool bMutable>
 std::uint32_t CTileBandIterator<TPixel, TCoord, bMutable>::GetBlockHintY() const
 {
   return 2 * m_pBandRep->m_nTileSizeY;
+}
+
+template <class TPixel, class TCoord, bool bMutable>
+void CTileBandIterator<TPixel, TCoord, bMutable>::ReadAheadOfWalk(int nCount, int nPreviousY, bool bAlways) const
+{
+  if (!m_pTile || nPreviousY == m_nY)
+    return;
+  const int nTop = m_nY - m_nTileY;
+  if (!bAlways && nPreviousY >= nTop && nPreviousY < nTop + m_nTileHeight)
+    return;
+  m_pBandRep->ReadAhead(unsigned(m_nX), unsigned(nCount), nPreviousY < m_nY ? nTop + m_nTileHeight : nTop - 1);
 }
 
 template <class TPixel, class TCoord, bool bMutable>

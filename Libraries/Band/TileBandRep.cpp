@@ -219,6 +219,42 @@ void CTileBandRep<TPixel>::_PrefetchLoop()
 }
 
 template <class TPixel>
+void CTileBandRep<TPixel>::ReadAhead(unsigned int nX, unsigned int nWidth, int nY) const
+{
+  if (nY < 0 || unsigned(nY) >= this->m_nHeight || nX >= this->m_nWidth || nWidth == 0)
+    return;
+  const unsigned int nFirst = nX / m_nTileSizeX;
+  const unsigned int nLast = (std::min(this->m_nWidth - nX, nWidth) - 1 + nX) / m_nTileSizeX;
+  const unsigned int nRow = unsigned(nY) / m_nTileSizeY;
+  unsigned int anIds[64];
+  boost::shared_ptr<CTileCache> pTileCache;
+  try
+  {
+    for (unsigned int nColumn = nFirst; nColumn <= nLast;)
+    {
+      std::size_t nIds = 0;
+      {
+        boost::unique_lock<boost::mutex> oLock(m_oMutex);
+        if (!m_pTileCache)
+          return;
+        pTileCache = m_pTileCache;
+        for (; nColumn <= nLast && nIds < sizeof(anIds) / sizeof(anIds[0]); ++nColumn)
+        {
+          const unsigned int nIndex = nRow * m_nTilesPerRow + nColumn;
+          if (m_vTileIds[nIndex] != 0 && !m_oLocalCache.FindItem(nIndex))
+            anIds[nIds++] = m_vTileIds[nIndex];
+        }
+      }
+      pTileCache->ReadAhead(anIds, nIds);
+    }
+  }
+  catch (const std::exception&)
+  {
+    // Only a hint: a lock that cannot be taken leaves the tiles to be read when they are needed.
+  }
+}
+
+template <class TPixel>
 unsigned int CTileBandRep<TPixel>::GetTileId(unsigned int nIndex) const
 {
   boost::unique_lock<boost::mutex> oLock(m_oMutex);

@@ -100,6 +100,11 @@ public:
   void SetPrefetchPattern(EPrefetchPattern ePattern);
   EPrefetchPattern GetPrefetchPattern() const;
 
+  // Asks the tile cache to bring back in the background the spilled tiles of the row of tiles that
+  // holds pixel row nY, over the nWidth columns from nX: what a walk down or up the band reaches next.
+  // Rows outside the band ask for nothing. Never raises.
+  void ReadAhead(unsigned int nX, unsigned int nWidth, int nY) const;
+
   // The tile id at a tile index, 0 while the position has no tile.
   unsigned int GetTileId(unsigned int nIndex) const;
   unsigned int GetTileCount() const { return static_cast<unsigned int>(m_vTileIds.size()); }

@@ -39,6 +39,22 @@
 // handed out during the write; once the write is done it stays in memory, clean, and the waiter gets it
 // without a reload. Nothing that the waiter holds (its band's lock) is needed to finish the I/O.
 //
+// Background I/O. A victim that has to be written is queued (state eWriting with m_bQueued) rather than
+// written by the thread that needs the room, as long as the bytes on their way out stay within an
+// eighth of the budget; the I/O threads, one per core, take queued tiles and write them as _Spill does,
+// so the compression of a sweep's records runs on the other cores. Beyond the allowance the caller
+// writes itself, which is the back pressure: when the writers fall behind, the caller's thread becomes
+// one more of them. A queued tile that is asked for again simply leaves the queue. The first spill is
+// always the caller's, so that a spill file that cannot be made is reported to it. A budget of fewer
+// than eight of the tiles that leave keeps everything on the caller's thread: there is no room to
+// overlap anything, and every failure reaches the operation that caused it.
+//
+// Read-ahead runs on the same threads after the queued writes (those free the room that the reads
+// take): a reload exactly as GetTile's, with its failures dropped, since whoever needs the tile reads
+// it again and meets them. A tile read ahead comes in with its clock bit set. Requests are all or
+// nothing within an eighth of the budget, so that what was read ahead is not pushed out again by what
+// is read behind it; a budget too small for a walk's next row of tiles gets no read-ahead.
+//
 // The global cache is made under a mutex of its own, a leaf taken after a band's lock: two bands that
 // make the process's first tiles at once get the same cache.
 
@@ -51,6 +67,7 @@ namespace {
 using Harnel::Internationalisation::CTranslator;
 
 constexpr unsigned long g_nFullTileRecord = Detail::GetTileRecordCapacity(524288);
+constexpr unsigned int g_nMaxIoThreads = 8;
 
 } // namespace
 
@@ -59,8 +76,17 @@ CTileCache::CTileCache() : m_nBudget(GetDefaultMemoryBudget()), m_strDirectory(G
 }
 
 // Tiles that others still hold all have their memory (only tiles held by nobody else are ever
-// spilled), so the spill file can go with the cache.
-CTileCache::~CTileCache() = default;
+// spilled), so the spill file can go with the cache. Queued writes are dropped with their tiles.
+CTileCache::~CTileCache()
+{
+  {
+    boost::unique_lock<boost::mutex> oLock(m_oMutex);
+    m_bStopping = true;
+  }
+  m_oIoWork.notify_all();
+  for (const boost::shared_ptr<boost::thread>& pThread : m_vecIoThreads)
+    pThread->join();
+}
 
 namespace {
 
@@ -155,6 +181,13 @@ void CTileCache::SetMemoryBudget(std::uint64_t nBytes)
   {
     boost::unique_lock<boost::mutex> oLock(m_oMutex);
     m_nBudget = nBytes;
+    // Writes behind end first, so that a lower budget holds when this returns.
+    while (m_nBehindBytes != 0)
+    {
+      ++m_nWaiters;
+      m_oIoDone.wait(oLock);
+      --m_nWaiters;
+    }
   }
   _MakeRoom(0);
 }
@@ -234,6 +267,13 @@ boost::shared_ptr<Detail::CTileBase> CTileCache::GetTile(unsigned int nId, bool 
       return oEntry.m_pTile;
     }
     case eWriting:
+      if (oEntry.m_bQueued)
+      {
+        _Unqueue(oEntry);
+        continue;
+      }
+      _WaitForIo(oLock, oEntry);
+      continue;
     case eReading:
       _WaitForIo(oLock, oEntry);
       continue;
@@ -256,11 +296,26 @@ boost::shared_ptr<Detail::CTileBase> CTileCache::GetTile(unsigned int nId, bool 
     break;
   }
 
-  const boost::shared_ptr<Detail::CTileBase> pTile = _GetEntry(nId).m_pTile;
+  const boost::shared_ptr<Detail::CTileBase> pTile = _Reload(oLock, nId);
+  if (bWrite)
+    pTile->SetModified(true);
+  return pTile;
+}
+
+boost::shared_ptr<Detail::CTileBase> CTileCache::_Reload(boost::unique_lock<boost::mutex>& oLock, unsigned int nId)
+{
+  SEntry& oEntry = _GetEntry(nId);
+  assert(oEntry.m_eState == eSpilled);
+  const boost::shared_ptr<Detail::CTileBase> pTile = oEntry.m_pTile;
   // Everything that can fail comes before the tile is marked busy: a busy tile has to be released by
   // the code that marked it.
   std::vector<char> vecBuffer = _TakeBuffer(pTile->GetRecordCapacity());
-  _GetEntry(nId).m_eState = eReading;
+  if (oEntry.m_bAhead)
+  {
+    oEntry.m_bAhead = false;
+    m_nAheadBytes -= oEntry.m_nBytes;
+  }
+  oEntry.m_eState = eReading;
   oLock.unlock();
 
   try
@@ -289,11 +344,50 @@ boost::shared_ptr<Detail::CTileBase> CTileCache::GetTile(unsigned int nId, bool 
   --m_oCounters.m_nSpilledTiles;
   ++m_oCounters.m_nRecordsRead;
   m_oCounters.m_nBytesRead += Detail::g_nTileRecordAlign + Detail::GetTileRecordRest(vecBuffer.data(), pTile->GetMemorySize());
-  if (bWrite)
-    pTile->SetModified(true);
   _IoDone(oRead);
   _GiveBuffer(std::move(vecBuffer));
   return pTile;
+}
+
+void CTileCache::ReadAhead(const unsigned int* pIds, std::size_t nCount)
+{
+  boost::unique_lock<boost::mutex> oLock(m_oMutex);
+  if (!m_oSpillFile.IsOpen())
+    return;
+  // A request that does not fit into an eighth of the budget with what is already on its way would
+  // push out what it reads before the walk gets there, and read it twice: it is not made at all.
+  std::uint64_t nAsked = m_nAheadBytes;
+  for (std::size_t i = 0; i < nCount; ++i)
+    if (_IsLive(pIds[i]) && _GetEntry(pIds[i]).m_eState == eSpilled && !_GetEntry(pIds[i]).m_bAhead)
+      nAsked += _GetEntry(pIds[i]).m_nBytes;
+  if (nAsked > m_nBudget / 8)
+    return;
+  bool bQueued = false;
+  for (std::size_t i = 0; i < nCount; ++i)
+  {
+    const unsigned int nId = pIds[i];
+    if (!_IsLive(nId))
+      continue;
+    SEntry& oEntry = _GetEntry(nId);
+    if (oEntry.m_eState != eSpilled || oEntry.m_bAhead)
+      continue;
+    _StartIoThreads();
+    if (m_bNoIoThreads)
+      return;
+    try
+    {
+      m_dqReads.push_back(nId);
+    }
+    catch (const std::bad_alloc&)
+    {
+      break;
+    }
+    oEntry.m_bAhead = true;
+    m_nAheadBytes += oEntry.m_nBytes;
+    bQueued = true;
+  }
+  if (bQueued)
+    m_oIoWork.notify_all();
 }
 
 void CTileCache::ReleaseTile(unsigned int nId)
@@ -305,9 +399,16 @@ void CTileCache::ReleaseTile(unsigned int nId)
     if (!_IsLive(nId))
       return;
     while (_GetEntry(nId).m_eState == eWriting || _GetEntry(nId).m_eState == eReading)
-      _WaitForIo(oLock, _GetEntry(nId));
+    {
+      if (_GetEntry(nId).m_bQueued)
+        _Unqueue(_GetEntry(nId));
+      else
+        _WaitForIo(oLock, _GetEntry(nId));
+    }
 
     SEntry& oEntry = _GetEntry(nId);
+    if (oEntry.m_bAhead)
+      m_nAheadBytes -= oEntry.m_nBytes;
     if (oEntry.m_eState == eResident)
     {
       _RingRemove(nId);
@@ -380,9 +481,16 @@ unsigned int CTileCache::_FindVictim()
   return 0;
 }
 
-void CTileCache::_MakeRoom(std::uint64_t nIncoming)
+void CTileCache::_MakeRoom(std::uint64_t nIncoming, bool bReport)
 {
   boost::unique_lock<boost::mutex> oLock(m_oMutex);
+  if (bReport && m_pBehindError)
+  {
+    std::exception_ptr pError;
+    std::swap(pError, m_pBehindError);
+    oLock.unlock();
+    std::rethrow_exception(pError);
+  }
   while (m_oCounters.m_nResidentBytes - m_nLeavingBytes + nIncoming > m_nBudget)
   {
     const unsigned int nId = _FindVictim();
@@ -391,33 +499,179 @@ void CTileCache::_MakeRoom(std::uint64_t nIncoming)
     SEntry& oEntry = _GetEntry(nId);
     if (oEntry.m_nRecordBytes != 0 && !oEntry.m_pTile->IsModified())
       _Evict(oEntry);
-    else
+    else if (!_QueueWrite(oLock, nId))
       _Spill(oLock, nId);
   }
 }
 
-void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nId)
+bool CTileCache::_QueueWrite(boost::unique_lock<boost::mutex>&, unsigned int nId)
 {
-  if (!m_oSpillFile.IsOpen())
-    _OpenSpillFile(oLock);
-
-  const boost::shared_ptr<Detail::CTileBase> pTile = _GetEntry(nId).m_pTile;
-  const unsigned long nCapacity = pTile->GetRecordCapacity();
-  // Everything that can fail comes before the tile is marked busy.
-  std::vector<char> vecBuffer = _TakeBuffer(nCapacity);
   SEntry& oEntry = _GetEntry(nId);
+  if (!m_oSpillFile.IsOpen() || m_nBehindBytes + oEntry.m_nBytes > m_nBudget / 8)
+    return false;
+  _StartIoThreads();
+  if (m_bNoIoThreads)
+    return false;
+  // What can fail comes first; it reaches the caller as a failure of its own spill would.
   if (oEntry.m_nSlot < 0)
   {
+    const unsigned long nCapacity = oEntry.m_pTile->GetRecordCapacity();
     oEntry.m_nSlot = m_oSpillFile.TakeSlot(nCapacity);
-    pTile->SetFileLocation(m_oSpillFile.GetDescriptor(), oEntry.m_nSlot);
+    oEntry.m_pTile->SetFileLocation(m_oSpillFile.GetDescriptor(), oEntry.m_nSlot);
   }
+  m_dqWrites.push_back(nId);
+  oEntry.m_eState = eWriting;
+  oEntry.m_bQueued = true;
+  m_nLeavingBytes += oEntry.m_nBytes;
+  m_nBehindBytes += oEntry.m_nBytes;
+  m_oIoWork.notify_one();
+  return true;
+}
+
+void CTileCache::_Unqueue(SEntry& oEntry)
+{
+  assert(oEntry.m_eState == eWriting && oEntry.m_bQueued);
+  oEntry.m_bQueued = false;
+  oEntry.m_eState = eResident;
+  m_nLeavingBytes -= oEntry.m_nBytes;
+  m_nBehindBytes -= oEntry.m_nBytes;
+  if (m_nWaiters != 0)
+    m_oIoDone.notify_all();
+}
+
+void CTileCache::_StartIoThreads()
+{
+  if (!m_vecIoThreads.empty() || m_bNoIoThreads)
+    return;
+  const unsigned int nThreads = std::min(std::max(1u, boost::thread::hardware_concurrency()), g_nMaxIoThreads);
+  try
+  {
+    m_vecIoThreads.reserve(nThreads);
+    for (unsigned int i = 0; i < nThreads; ++i)
+      m_vecIoThreads.push_back(boost::make_shared<boost::thread>([this] { _IoLoop(); }));
+  }
+  catch (...)
+  {
+    // Fewer threads still work; none means the callers do everything.
+    m_bNoIoThreads = m_vecIoThreads.empty();
+  }
+}
+
+void CTileCache::_IoLoop()
+{
+  boost::unique_lock<boost::mutex> oLock(m_oMutex);
+  while (!m_bStopping)
+  {
+    if (!m_dqWrites.empty())
+    {
+      const unsigned int nId = m_dqWrites.front();
+      m_dqWrites.pop_front();
+      // Taken back by GetTile or ReleaseTile since, or an id queued again after its first job ended.
+      if (!_IsLive(nId) || !_GetEntry(nId).m_bQueued)
+        continue;
+      _GetEntry(nId).m_bQueued = false;
+      _Spill(oLock, nId, true);
+    }
+    else if (!m_dqReads.empty())
+    {
+      const unsigned int nId = m_dqReads.front();
+      m_dqReads.pop_front();
+      _ReadAheadOne(oLock, nId);
+    }
+    else
+      m_oIoWork.wait(oLock);
+  }
+}
+
+void CTileCache::_ReadAheadOne(boost::unique_lock<boost::mutex>& oLock, unsigned int nId)
+{
+  if (!_IsLive(nId) || !_GetEntry(nId).m_bAhead)
+    return;
+  SEntry& oEntry = _GetEntry(nId);
+  oEntry.m_bAhead = false;
+  m_nAheadBytes -= oEntry.m_nBytes;
+  if (oEntry.m_eState != eSpilled)
+    return;
+  const std::uint64_t nIncoming = oEntry.m_nBytes;
+  oLock.unlock();
+  try
+  {
+    // A failure here is the callers' to meet when they need room or the tile; nothing is lost.
+    _MakeRoom(nIncoming, false);
+  }
+  catch (...)
+  {
+    oLock.lock();
+    return;
+  }
+  oLock.lock();
+  if (!_IsLive(nId) || _GetEntry(nId).m_eState != eSpilled)
+    return;
+  try
+  {
+    _Reload(oLock, nId);
+    // Wanted soon: the hand passes it once before it may go.
+    _GetEntry(nId).m_bReferenced = true;
+  }
+  catch (...)
+  {
+  }
+}
+
+void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nId, bool bBehind)
+{
+  const boost::shared_ptr<Detail::CTileBase> pTile = _GetEntry(nId).m_pTile;
+  const unsigned int nBytes = _GetEntry(nId).m_nBytes;
+  // A tile whose record was not written stays resident with its memory and its modified flag. Behind
+  // the caller, the failure waits for the next _MakeRoom. Runs in a handler, under the lock.
+  const auto fnFailed = [&] {
+    m_nLeavingBytes -= nBytes;
+    if (bBehind)
+    {
+      m_nBehindBytes -= nBytes;
+      if (!m_pBehindError)
+        m_pBehindError = std::current_exception();
+    }
+    SEntry& oFailed = _GetEntry(nId);
+    oFailed.m_eState = eResident;
+    _IoDone(oFailed);
+  };
+
+  std::vector<char> vecBuffer;
+  if (bBehind)
+  {
+    // Queued by _QueueWrite: busy, counted as leaving, with its slot.
+    try
+    {
+      vecBuffer = _TakeBuffer(pTile->GetRecordCapacity());
+    }
+    catch (...)
+    {
+      fnFailed();
+      return;
+    }
+  }
+  else
+  {
+    if (!m_oSpillFile.IsOpen())
+      _OpenSpillFile(oLock);
+    const unsigned long nCapacity = pTile->GetRecordCapacity();
+    // Everything that can fail comes before the tile is marked busy.
+    vecBuffer = _TakeBuffer(nCapacity);
+    SEntry& oEntry = _GetEntry(nId);
+    if (oEntry.m_nSlot < 0)
+    {
+      oEntry.m_nSlot = m_oSpillFile.TakeSlot(nCapacity);
+      pTile->SetFileLocation(m_oSpillFile.GetDescriptor(), oEntry.m_nSlot);
+    }
+    oEntry.m_eState = eWriting;
+    m_nLeavingBytes += nBytes;
+  }
+  SEntry& oEntry = _GetEntry(nId);
   const std::int64_t nSlot = oEntry.m_nSlot;
   const unsigned long nOldRecord = oEntry.m_nRecordBytes;
-  const unsigned int nBytes = oEntry.m_nBytes;
-  oEntry.m_eState = eWriting;
   // Whatever happens now, the slot's old record is no longer to be trusted.
   oEntry.m_nRecordBytes = 0;
-  m_nLeavingBytes += nBytes;
   oLock.unlock();
 
   unsigned long nRecord = 0;
@@ -433,16 +687,17 @@ void CTileCache::_Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nI
   {
     // The tile keeps its memory and its modified flag: no pixel is lost.
     oLock.lock();
-    m_nLeavingBytes -= nBytes;
-    SEntry& oFailed = _GetEntry(nId);
-    oFailed.m_eState = eResident;
-    _IoDone(oFailed);
+    fnFailed();
     _GiveBuffer(std::move(vecBuffer));
+    if (bBehind)
+      return;
     throw;
   }
 
   oLock.lock();
   m_nLeavingBytes -= nBytes;
+  if (bBehind)
+    m_nBehindBytes -= nBytes;
   _GiveBuffer(std::move(vecBuffer));
   ++m_oCounters.m_nRecordsWritten;
   m_oCounters.m_nBytesWritten += nRecord;
@@ -495,6 +750,7 @@ void CTileCache::_WaitForIo(boost::unique_lock<boost::mutex>& oLock, SEntry& oEn
 void CTileCache::_IoDone(SEntry& oEntry)
 {
   oEntry.m_bWanted = false;
+  // Besides the tile's waiters, SetMemoryBudget may wait for the writes behind to end.
   if (m_nWaiters != 0)
     m_oIoDone.notify_all();
 }

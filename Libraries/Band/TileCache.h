@@ -7,8 +7,11 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
+#include <boost/thread/thread.hpp>
 
 #include <cstdint>
+#include <deque>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -46,10 +49,19 @@ struct STileCacheCounters
 // Threads. Every operation may be called from any thread; the cache is called with a band's lock held
 // and takes its own lock after it. A tile whose record is being written or read is waited for.
 //
+// Background I/O. Records are written behind: a tile that has to leave is queued for the cache's I/O
+// threads (one per core), which compress and write it while the caller goes on; up to an eighth of the
+// budget may be on its way out, so resident memory may exceed the budget by that much. Beyond it (and
+// so always with a budget of fewer than eight tiles) the caller writes itself. The first spill is the
+// caller's too. SetMemoryBudget waits for the writes behind. A tile asked
+// for while its write is still queued stays without a write. ReadAhead queues reloads of spilled tiles
+// for the same threads, best effort: a walk asks for the tiles it reaches next.
+//
 // Failures. A failed write leaves the tile in memory and modified, so no pixel is lost; the
 // CFileioError reaches the caller of the operation that needed room (RegisterTile, GetTile,
 // SetMemoryBudget) with the file primitive's entry first and the tile's behind it, and the
-// registration or reload it was making room for does not happen. The fail handler of the file
+// registration or reload it was making room for does not happen. A write behind that fails leaves its
+// tile the same way, and its failure reaches the caller of the next of these operations. The fail handler of the file
 // primitives is asked first, as for any write. A failed read leaves the tile on disk (its record is
 // still the truth) and surfaces the same way; the next GetTile tries again. A spill directory where no
 // file can be made raises "Failed to create the spill file of the tile cache in ...".
@@ -67,6 +79,9 @@ public:
   boost::shared_ptr<Detail::CTileBase> GetTile(unsigned int nId, bool bWrite);
   // Gives up the cache's ownership and the tile's slot; the id is dead afterwards.
   void ReleaseTile(unsigned int nId);
+  // Asks the I/O threads to bring the spilled ones among nCount live tile ids back into memory, as far
+  // as a quarter of the budget allows. Never raises for a failed read: GetTile meets it again.
+  void ReadAhead(const unsigned int* pIds, std::size_t nCount);
 
   // The process's cache, made at the first call by exactly one thread; the same cache until
   // InitGlobalTileCache replaces it. Tile bands take theirs from here.
@@ -104,6 +119,8 @@ private:
     EState m_eState = eUnused;
     bool m_bReferenced = false;  // the clock bit
     bool m_bWanted = false;      // someone waits for the I/O on this tile to end
+    bool m_bQueued = false;      // eWriting: in the write queue, not yet taken by an I/O thread
+    bool m_bAhead = false;       // eSpilled: in the read-ahead queue
     unsigned int m_nPrev = 0;    // the clock ring, by id
     unsigned int m_nNext = 0;
     unsigned int m_nBytes = 0;   // the block counted while resident
@@ -118,10 +135,21 @@ private:
   void _RingRemove(unsigned int nId);
   unsigned int _FindVictim();
 
-  // Spills until nIncoming more bytes fit in the budget. Takes and leaves the lock.
-  void _MakeRoom(std::uint64_t nIncoming);
-  // Writes one record outside the lock and frees the tile's memory unless someone wants it.
-  void _Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nId);
+  // Spills until nIncoming more bytes fit in the budget. Takes and leaves the lock. With bReport the
+  // failure of an earlier write behind is raised first.
+  void _MakeRoom(std::uint64_t nIncoming, bool bReport = true);
+  // Writes one record outside the lock and frees the tile's memory unless someone wants it. With
+  // bBehind a failure is kept for the next _MakeRoom instead of raised.
+  void _Spill(boost::unique_lock<boost::mutex>& oLock, unsigned int nId, bool bBehind = false);
+  // Queues the tile for an I/O thread if the write-behind allowance takes it; false when it does not.
+  bool _QueueWrite(boost::unique_lock<boost::mutex>& oLock, unsigned int nId);
+  // Takes a queued tile back out of the write queue, resident as before.
+  void _Unqueue(SEntry& oEntry);
+  // Reads a spilled tile back, with room made; under the lock, which it releases for the read.
+  boost::shared_ptr<Detail::CTileBase> _Reload(boost::unique_lock<boost::mutex>& oLock, unsigned int nId);
+  void _StartIoThreads();
+  void _IoLoop();
+  void _ReadAheadOne(boost::unique_lock<boost::mutex>& oLock, unsigned int nId);
   void _Evict(SEntry& oEntry);
   void _OpenSpillFile(boost::unique_lock<boost::mutex>& oLock);
   void _WaitForIo(boost::unique_lock<boost::mutex>& oLock, SEntry& oEntry);
@@ -142,6 +170,17 @@ private:
   Detail::CSpillFile m_oSpillFile;
   std::vector<std::vector<char> > m_vecBuffers;  // work buffers not in use
   STileCacheCounters m_oCounters;
+
+  // Background I/O: ids may appear again or be stale; the entry's flags tell whether a job is live.
+  boost::condition_variable m_oIoWork;
+  std::deque<unsigned int> m_dqWrites;
+  std::deque<unsigned int> m_dqReads;
+  std::uint64_t m_nBehindBytes = 0;      // bytes queued or being written by the I/O threads
+  std::uint64_t m_nAheadBytes = 0;       // bytes queued for read-ahead
+  std::exception_ptr m_pBehindError;     // the first failure of a write behind, not yet reported
+  bool m_bStopping = false;
+  bool m_bNoIoThreads = false;           // they could not be started: everything is done in the caller
+  std::vector<boost::shared_ptr<boost::thread> > m_vecIoThreads;
 };
 
 // The process's tile cache; empty until the first tile band makes a tile or GetGlobal is called.

@@ -15,6 +15,7 @@
 
 #include "Filter/Detail/BandBlocks.h"
 #include "Filter/Detail/DistanceTransform.h"
+#include "Filter/Detail/PixelConversion.h"
 #include "Filter/FilterBase.h"
 
 #include <tbb/parallel_for.h>
@@ -136,6 +137,19 @@ void RowPhase(const TG* pG, int nWidth, I* pOut, std::int32_t* pS, std::int32_t*
 void Chamfer(std::int32_t* pD, int nWidth, int nHeight, int a, int b, int c, const CProgressLayer& oProgress)
 {
   const std::ptrdiff_t s = nWidth + 4;
+  // Half a progress unit per row and pass, passed on 64 rows at a time and the rest at a pass's end.
+  int nRows = 0;
+  auto fnRowDone = [&] {
+    if (++nRows == 64)
+    {
+      oProgress.Increment(32.0);
+      nRows = 0;
+    }
+  };
+  auto fnPassDone = [&] {
+    oProgress.Increment(nRows / 2.0);
+    nRows = 0;
+  };
   for (int y = 0; y < nHeight; ++y)
   {
     std::int32_t* __restrict p = pD + (y + 2) * s + 2;
@@ -151,9 +165,9 @@ void Chamfer(std::int32_t* pD, int nWidth, int nHeight, int a, int b, int c, con
     }
     for (int x = 0; x < nWidth; ++x)
       p[x] = std::min(p[x], p[x - 1] + a);
-    if ((y & 63) == 63)
-      oProgress.Increment(32.0);
+    fnRowDone();
   }
+  fnPassDone();
   for (int y = nHeight - 1; y >= 0; --y)
   {
     std::int32_t* __restrict p = pD + (y + 2) * s + 2;
@@ -169,20 +183,9 @@ void Chamfer(std::int32_t* pD, int nWidth, int nHeight, int a, int b, int c, con
     }
     for (int x = nWidth - 1; x >= 0; --x)
       p[x] = std::min(p[x], p[x + 1] + a);
-    if ((y & 63) == 0)
-      oProgress.Increment(32.0);
+    fnRowDone();
   }
-}
-
-// Rounded to the type: once for floating types, to nearest and saturated for integers (v >= 0).
-template <class TPixel>
-TPixel ToPixel(double v)
-{
-  if constexpr (std::is_floating_point<TPixel>::value)
-    return TPixel(v);
-  else
-    return v >= double(std::numeric_limits<TPixel>::max()) ? std::numeric_limits<TPixel>::max()
-                                                            : TPixel(int64_t(v + 0.5));
+  fnPassDone();
 }
 
 } // namespace
@@ -228,10 +231,10 @@ void ApplyDistanceTransform(EDistanceMethod eMethod, EDistanceTransformMode eMod
   auto fnConvert = [&](const auto* pFrom, const std::uint8_t* pClass, TOut* pTo) {
     if (eMode == eDistanceTransformEuclidean)
       for (int x = 0; x < nWidth; ++x)
-        pTo[x] = ToPixel<TOut>(std::sqrt(double(pFrom[x])));
+        pTo[x] = RoundToPixel<TOut>(std::sqrt(double(pFrom[x])));
     else
       for (int x = 0; x < nWidth; ++x)
-        pTo[x] = ToPixel<TOut>(double(pFrom[x]));
+        pTo[x] = RoundToPixel<TOut>(double(pFrom[x]));
     if (bAnyInvalid)
       for (int x = 0; x < nWidth; ++x)
         pTo[x] = pClass[x] == 2 ? tNoData : pTo[x];
@@ -306,12 +309,12 @@ void ApplyDistanceTransform(EDistanceMethod eMethod, EDistanceTransformMode eMod
           for (int x = 0; x < nWidth; ++x)
           {
             const double d = double(pD[x]) * dScale;
-            vecBlock[r * w + x] = vecClass[(nY0 + r) * w + x] == 2 ? tNoData : ToPixel<TOut>(d * d);
+            vecBlock[r * w + x] = vecClass[(nY0 + r) * w + x] == 2 ? tNoData : RoundToPixel<TOut>(d * d);
           }
         else if (eMode == eDistanceTransformEuclidean)
           for (int x = 0; x < nWidth; ++x)
             vecBlock[r * w + x] =
-              vecClass[(nY0 + r) * w + x] == 2 ? tNoData : ToPixel<TOut>(double(pD[x]) * dScale);
+              vecClass[(nY0 + r) * w + x] == 2 ? tNoData : RoundToPixel<TOut>(double(pD[x]) * dScale);
         else
           fnConvert(vecRow.data(), vecClass.data() + (nY0 + r) * w, vecBlock.data() + r * w);
       }

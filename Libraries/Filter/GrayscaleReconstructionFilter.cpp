@@ -28,7 +28,21 @@ template <class T>
 void Reconstruct(T* pI, T* pJ, int nWidth, int nHeight, const Detail::CProgressLayer& oProgress)
 {
   const std::ptrdiff_t s = nWidth + 2;
-  std::vector<std::uint32_t> vecQueue;
+  std::vector<std::size_t> vecQueue;
+  // The first pair of scans carries the progress: half a unit per row and scan, passed on 64 rows at
+  // a time and the rest at a scan's end.
+  int nRows = 0;
+  auto fnRowDone = [&](bool bFirstPair) {
+    if (bFirstPair && ++nRows == 64)
+    {
+      oProgress.Increment(32.0);
+      nRows = 0;
+    }
+  };
+  auto fnScanDone = [&] {
+    oProgress.Increment(nRows / 2.0);
+    nRows = 0;
+  };
   // Pairs of scans while they change something, up to three: each pair is cheap and vectorised in
   // part, and takes work off the queue, whose accesses jump. The queue starts after the last one.
   for (int nPair = 0; nPair < 3; ++nPair)
@@ -44,9 +58,9 @@ void Reconstruct(T* pI, T* pJ, int nWidth, int nHeight, const Detail::CProgressL
         pRow[x] = std::min(pMask[x], std::max(std::max(pRow[x], pAbove[x]), std::max(pAbove[x - 1], pAbove[x + 1])));
       for (int x = 0; x < nWidth; ++x)
         pRow[x] = std::min(pMask[x], std::max(pRow[x], pRow[x - 1]));
-      if (nPair == 0 && (y & 63) == 63)
-        oProgress.Increment(32.0);
+      fnRowDone(nPair == 0);
     }
+    fnScanDone();
     for (int y = nHeight - 1; y >= 0; --y)
     {
       T* __restrict pRow = pJ + (y + 1) * s + 1;
@@ -71,11 +85,11 @@ void Reconstruct(T* pI, T* pJ, int nWidth, int nHeight, const Detail::CProgressL
         auto fnRaises = [&](const T* pJq, const T* pIq, int nDx) { return pJq[x + nDx] < j && pJq[x + nDx] < pIq[x + nDx]; };
         if (fnRaises(pRow, pMask, 1) || fnRaises(pBelow, pMaskBelow, -1) || fnRaises(pBelow, pMaskBelow, 0) ||
             fnRaises(pBelow, pMaskBelow, 1))
-          vecQueue.push_back(std::uint32_t((y + 1) * s + 1 + x));
+          vecQueue.push_back(std::size_t((y + 1) * s + 1 + x));
       }
-      if (nPair == 0 && (y & 63) == 0)
-        oProgress.Increment(32.0);
+      fnRowDone(nPair == 0);
     }
+    fnScanDone();
     if (!nChanged) // a backward scan that changes nothing after a forward one: stable
       return;
   }
@@ -83,7 +97,7 @@ void Reconstruct(T* pI, T* pJ, int nWidth, int nHeight, const Detail::CProgressL
   const std::ptrdiff_t aOffset[8] = {-s - 1, -s, -s + 1, -1, 1, s - 1, s, s + 1};
   for (std::size_t nHead = 0; nHead < vecQueue.size(); ++nHead)
   {
-    const std::uint32_t p = vecQueue[nHead];
+    const std::size_t p = vecQueue[nHead];
     const T j = pJ[p];
     for (const std::ptrdiff_t d : aOffset)
     {
@@ -91,7 +105,7 @@ void Reconstruct(T* pI, T* pJ, int nWidth, int nHeight, const Detail::CProgressL
       if (pJ[q] < j && pI[q] != pJ[q])
       {
         pJ[q] = std::min(j, pI[q]);
-        vecQueue.push_back(std::uint32_t(q));
+        vecQueue.push_back(std::size_t(q));
       }
     }
     if (nHead > (std::size_t(1) << 20) && nHead * 2 > vecQueue.size())

@@ -14,15 +14,19 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // The members of a pixel are the stack's values there; the medoid is the valid member with the
 // smallest sum of distances to the other valid members, the first in stack order on a tie. A member
 // is valid where none of its values is no-data or NaN. Where no member is valid, dest gets its
-// no-data fallback (its own value, else the type's hint).
+// no-data fallback (its own value, else the type's hint); otherwise some valid member is chosen.
 //
-// Scalar form: Apply(dest, stack), distance |x - y|, which makes the medoid a median member.
+// Scalar form: Apply(dest, stack), distance |x - y|, which makes the medoid a median member: of the
+// n valid members sorted, the first in stack order whose value lies between the lower and the upper
+// median (positions (n - 1) / 2 and n / 2). Exact for every value, infinities included.
 // Vector form: Apply(dests, members) with B = dests.size() destinations and members.size() = N * B:
-// member m is bands m * B to m * B + B - 1, distance Euclidean; dest b gets band b of the medoid.
+// member m is bands m * B to m * B + B - 1, distance Euclidean, sums in double, each member's sum
+// taken over the others in stack order; dest b gets band b of the medoid. A sum that overflows to
+// infinity or is NaN (infinite members) ranks after every finite sum, so where all sums are such,
+// the first valid member is the medoid.
 //
-// Sums in float for float bands, in double for all others. All bands of one pixel type and extent,
-// at least one member: else CBasicException before any pixel is written. No dest may be in the
-// stack.
+// All bands of one pixel type and extent, at least one member: else CBasicException before any
+// pixel is written. No dest may be in the stack.
 class CMedoidFilter : public Detail::CBandFilterBase
 {
 public:

@@ -82,7 +82,7 @@ void CMultinomialRegressionStratifier::Apply(TDest& oDest, const std::vector<TSr
   oKernel.m_vecCoefficients.assign(m_matCoefficients.data().begin(), m_matCoefficients.data().end());
   for (std::size_t k = 0; k < m_matCoefficients.size1(); ++k)
     oKernel.m_vecClassValues.push_back(
-      Detail::SaturateRound<TClassPixel>(double(m_vecClasses.empty() ? unsigned(k) : m_vecClasses[k])));
+      Detail::RoundToPixel<TClassPixel>(double(m_vecClasses.empty() ? unsigned(k) : m_vecClasses[k])));
   oKernel.m_tNoData = Detail::GetOutputNoDataValue(oDest);
 
   const Detail::CFilterProgress oProgress(m_pLogger, "Apply Multinomial Regression Stratifier", oDest.GetHeight());

@@ -11,6 +11,10 @@
 //                                                     oPredicate accepts; the result may differ from
 //                                                     pixel by pixel only in rounding, and depends on
 //                                                     the run's pixels alone
+//   oFunctor.FlushRows()                              optional: completes the public fields after
+//                                                     ApplyRow calls (a row loop may count into
+//                                                     scratch first); the walks call it at the end of
+//                                                     every task's stretch and of a serial walk
 //   TFunctor::ms_bOrderFree                           optional, false if absent: true when the result
 //                                                     does not depend on the order of the pixels, on
 //                                                     how they are grouped into runs or on the order
@@ -28,6 +32,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cassert>
 #include <cstdint>
@@ -67,6 +72,25 @@ template <class TFunctor>
 struct SOrderFree<TFunctor, std::enable_if_t<TFunctor::ms_bOrderFree>> : std::true_type
 {
 };
+
+template <class TFunctor, class = void>
+struct SHasFlushRows : std::false_type
+{
+};
+template <class TFunctor>
+struct SHasFlushRows<TFunctor, std::void_t<decltype(std::declval<TFunctor&>().FlushRows())>> : std::true_type
+{
+};
+
+// oFunctor.FlushRows() where the functor has it.
+template <class TFunctor>
+inline void FlushRows(TFunctor& oFunctor)
+{
+  if constexpr (SHasFlushRows<TFunctor>::value)
+    oFunctor.FlushRows();
+  else
+    (void)oFunctor;
+}
 
 template <class TAcc, class TPixel, class = void>
 struct SSumTypes
@@ -236,6 +260,10 @@ public:
 // evenly. Nothing is filtered: a pixel above the range lands in the last bin, and so does one that
 // rounds below it, because its negative index taken as unsigned 32 bits is huge and then clamped.
 // A NaN pixel lands in the first bin.
+//
+// The row loop gives the same counts as the pixel-by-pixel rule (see SFastBins), but counts into
+// sub-histograms of 32-bit counters first: m_vecBins is complete after FlushRows(), which the walks
+// call. m_nCount is always complete.
 template <class TAcc, class TPixel>
 class CHistoFunctor
 {
@@ -274,6 +302,14 @@ public:
     m_nCount += oRight.m_nCount;
     for (std::uint32_t i = 0; i < m_nBins; ++i)
       m_vecBins[i] += oRight.m_vecBins[i];
+    _AddLanes(oRight.m_vecLanes);
+  }
+  // Adds the sub-histograms of the row loop to m_vecBins.
+  void FlushRows()
+  {
+    _AddLanes(m_vecLanes);
+    std::fill(m_vecLanes.begin(), m_vecLanes.end(), 0u);
+    m_nPending = 0;
   }
 
   std::uint32_t GetBinIndex(TPixel tValue) const
@@ -304,12 +340,30 @@ private:
   using TValueBins = std::array<std::uint32_t, 256>;
   static constexpr std::size_t ms_nValueCountRow = 1024; // shorter rows go pixel by pixel
 
+  // Four sub-histograms up to this many bins (2 MiB of counters), one above: a histogram with millions
+  // of bins gains nothing from lanes that are far apart anyway.
+  static constexpr std::uint32_t ms_nLaneBins = 131072;
+
   void _MakeValueBins();
+  std::size_t _GetLaneCount() const { return m_nBins <= ms_nLaneBins ? 4 : 1; }
+  void _AddLanes(const std::vector<std::uint32_t>& vecLanes)
+  {
+    if (vecLanes.empty())
+      return;
+    const std::size_t nStride = std::size_t(m_nBins) + 1;
+    for (std::size_t nLane = 0; nLane < vecLanes.size() / nStride; ++nLane)
+      for (std::uint32_t i = 0; i < m_nBins; ++i)
+        m_vecBins[i] += vecLanes[nLane * nStride + i];
+  }
   // The stopping bin of the walk for the nTarget-th pixel: its number counted from 1, the cumulated
   // count there, and its counter.
   void _FindBin(std::uint64_t nTarget, std::uint64_t& nBinNumber, std::uint64_t& nCum, std::uint64_t& nBin) const;
 
   boost::shared_ptr<const TValueBins> m_pValueBins;
+  // The row loop's sub-histograms: _GetLaneCount() lanes of m_nBins + 1 counters, the last of each for
+  // rejected pixels; empty until the first long row. m_nPending bounds every counter.
+  std::vector<std::uint32_t> m_vecLanes;
+  std::uint64_t m_nPending = 0;
 };
 
 template <class TAcc, class TPixel>
@@ -359,6 +413,34 @@ void CHistoFunctor<TAcc, TPixel>::ApplyRow(const TPixel* pRow, std::size_t nLeng
       }
       return;
     }
+  }
+  else
+  {
+    if (m_nBins == 0 || nLength < 16) // short runs: not worth the lanes
+    {
+      for (std::size_t i = 0; i < nLength; ++i)
+        if (oPredicate(pRow[i]))
+          (*this)(pRow[i]);
+      return;
+    }
+    const std::size_t nStride = std::size_t(m_nBins) + 1, nLanes = _GetLaneCount();
+    if (m_vecLanes.empty())
+      m_vecLanes.assign(nLanes * nStride, 0u);
+    if (m_nPending + nLength > std::numeric_limits<std::uint32_t>::max())
+      FlushRows();
+    m_nPending += nLength;
+    const Detail::SFastBins oBins(double(m_tMin), double(m_dBinStep), m_nBins);
+    const auto fnExact = [this](TPixel tValue) { return GetBinIndex(tValue); };
+#if defined(__x86_64__) && defined(__GNUC__)
+    if constexpr (std::is_same<TPixel, float>::value && Detail::ms_bVectorPredicate<TPredicate>)
+      if (nLanes == 4 && oBins.HasFloatForm() && Detail::HasAvx2())
+      {
+        m_nCount += Detail::FloatBinRowAvx2(pRow, nLength, oPredicate, oBins, m_vecLanes.data(), nStride, fnExact);
+        return;
+      }
+#endif
+    m_nCount += Detail::BinRowScalar(pRow, nLength, oPredicate, oBins, m_vecLanes.data(), nStride, nLanes, fnExact);
+    return;
   }
   for (std::size_t i = 0; i < nLength; ++i)
     if (oPredicate(pRow[i]))

@@ -1,9 +1,16 @@
 """The operations of ``orl`` on Dask arrays.
 
-``fill_holes`` runs the filter chunk by chunk with ``dask.array.map_overlap``; ``statistics`` joins
-per-chunk partial results. Both give what the single-machine call gives on the whole array (see
-each function for the exact terms). They run on whatever scheduler is active, a ``distributed``
-cluster included; the chunk work releases the GIL, so threaded workers run chunks in parallel.
+``fill_holes``, ``gradient_orientation`` and ``resample`` (by an integer reduction factor) run the
+filter chunk by chunk with a halo of neighbouring pixels; ``statistics`` joins per-chunk partial
+results. All give what the single-machine call gives on the whole array (see each function for the
+exact terms). They run on whatever scheduler is active, a ``distributed`` cluster included; the
+chunk work releases the GIL, so threaded workers run chunks in parallel.
+
+The filters of ``orl`` that work pixel by pixel (arithmetic, ``astype``, masks, stacks) need no
+halo: ``darr.map_blocks(lambda block: orl.sqrt(block))`` runs them as they are (through a lambda or
+a Python function, which a distributed cluster ships by pickling; the extension's own functions do
+not pickle). The global ones (distance transforms, skeletons, reconstruction, equalization, FFT)
+depend on the whole raster and are single-machine only.
 """
 
 import math
@@ -15,7 +22,7 @@ import numpy as np
 
 from . import _orl
 
-__all__ = ["fill_holes", "statistics"]
+__all__ = ["fill_holes", "gradient_orientation", "resample", "statistics"]
 
 
 def fill_holes(darr, nodata=None, max_distance=64.0, min_directions=2, mask=None, mask_range=None):
@@ -112,3 +119,73 @@ def statistics(darr, nodata=None, bins=1024):
     histogram = np.sum(histograms, axis=0, dtype=np.uint64)
     return _orl._finish_statistics(darr.dtype, nodata is not None, valid, invalid, low, high, total, squares,
                                    bins, histogram)
+
+
+def gradient_orientation(darr, nodata=None, nodata_policy="invalidate"):
+    """Gradient orientation of a 2-D Dask array at full resolution; see ``orl.gradient_orientation``.
+
+    A pixel's gradient depends on its 3 x 3 neighbourhood only, so each chunk is filtered with a
+    halo of one pixel (none beyond the array's edges, where the filter replicates the edge as on the
+    whole array): the result equals ``orl.gradient_orientation(darr.compute())`` bit for bit.
+
+    Returns
+    -------
+    dask.array.Array
+        Lazy, float32 (float64 for float64 input), with ``darr``'s chunks.
+    """
+    darr = da.asarray(darr)
+    if darr.ndim != 2:
+        raise ValueError("darr: expected a 2-D array, got %d dimensions" % darr.ndim)
+    dtype = np.float64 if darr.dtype == np.float64 else np.float32
+    return da.map_overlap(
+        lambda block: _orl.gradient_orientation(block, nodata=nodata, nodata_policy=nodata_policy), darr,
+        depth={0: 1, 1: 1}, boundary="none", dtype=dtype, meta=np.empty((0, 0), dtype))
+
+
+_KERNEL_REACH = {"nearest": 1, "average": 1, "bilinear": 1, "cubic": 2, "lanczos3": 3}
+
+
+def resample(darr, factor, kernel="average", nodata=None):
+    """Reduce a 2-D Dask array by an integer factor on both axes; see ``orl.resample``.
+
+    Each output pixel covers ``factor`` x ``factor`` input pixels and its kernel reaches at most
+    ``reach * factor`` input pixels from its cell (reach 1 for nearest, average and bilinear, 2 for
+    cubic, 3 for lanczos3). Each chunk is filtered with a halo of that many pixels, a multiple of the
+    factor, so the cell grid of a chunk with its halo is that of the whole array; the outputs of the
+    halo are cut off again. The result equals ``orl.resample(darr.compute(), shape)`` with ``shape``
+    the array's shape divided by ``factor``, bit for bit.
+
+    Every chunk must be a multiple of ``factor``, and at least the halo wide where an axis has more
+    than one chunk (rechunk first); otherwise ValueError. Enlarging, or any other ratio, is single-machine only.
+
+    Returns
+    -------
+    dask.array.Array
+        Lazy, of ``darr``'s dtype, with chunks ``darr``'s divided by ``factor``.
+    """
+    darr = da.asarray(darr)
+    if darr.ndim != 2:
+        raise ValueError("darr: expected a 2-D array, got %d dimensions" % darr.ndim)
+    if int(factor) != factor or factor < 1:
+        raise ValueError("factor: must be a positive integer")
+    factor = int(factor)
+    if kernel not in _KERNEL_REACH:
+        raise ValueError("kernel: %r is not one of %s" % (kernel, ", ".join(map(repr, _KERNEL_REACH))))
+    if any(c % factor for axis in darr.chunks for c in axis):
+        raise ValueError("darr: every chunk must be a multiple of factor on both axes; rechunk first")
+    reach = _KERNEL_REACH[kernel]
+    halo = reach * factor
+    if any(len(axis) > 1 and min(axis) < halo for axis in darr.chunks):
+        raise ValueError("darr: chunks narrower than the kernel's reach of %d pixels; rechunk" % halo)
+    padded = da.overlap.overlap(darr, depth={0: halo, 1: halo}, boundary="none")
+    counts = [len(axis) for axis in darr.chunks]
+
+    def block(b, block_info=None):
+        location = block_info[0]["chunk-location"]
+        out = _orl.resample(b, (b.shape[0] // factor, b.shape[1] // factor), kernel=kernel, nodata=nodata)
+        cut = [slice(reach if location[i] > 0 else 0, -reach if location[i] < counts[i] - 1 else None)
+               for i in (0, 1)]
+        return out[cut[0], cut[1]]
+
+    chunks = tuple(tuple(c // factor for c in axis) for axis in darr.chunks)
+    return padded.map_blocks(block, chunks=chunks, dtype=darr.dtype, meta=np.empty((0, 0), darr.dtype))

@@ -1,5 +1,6 @@
 #include "Band/Band.h"
 #include "Band/Copy2D.h"
+#include "Band/ForEach2D.h"
 #include "BandTestSupport.h"
 #include "Support/PixelTypes.h"
 #include "Support/TileBands.h"
@@ -330,6 +331,33 @@ TYPED_TEST(BandGuardTest, Copy2DIntoTooSmallADestinationIsRefused)
     const auto vecPixels = Orl::Test::ReadPixels(oDest);
     EXPECT_EQ(std::count(vecPixels.begin(), vecPixels.end(), short(0)), std::ptrdiff_t(vecPixels.size())) << o.m_pName;
   }
+}
+
+// A begin/end pair walks |end - begin| pixels forward from begin, also on a reversed axis: pairs that
+// would walk outside the source band are refused by Copy2D and both forms of ForEach2D.
+TYPED_TEST(BandGuardTest, SourcePairsReachingOutsideTheBandAreRefused)
+{
+  struct SRow { const char* m_pName; int m_nBeginX, m_nBeginY, m_nEndX, m_nEndY; } const aRows[] = {
+    {"reversed x past the right edge", 15, 0, 8, 4},
+    {"reversed y past the bottom", 0, 18, 3, 15},
+    {"begin left of the band", -1, 0, 3, 2},
+  };
+  CBand<short, TypeParam> oSrc(20, 20), oDest(20, 20);
+  oSrc.Clear(1);
+  oDest.Clear(0);
+  for (const SRow& o : aRows)
+  {
+    auto oIts = std::as_const(oSrc).GetBandIterators(oSrc);
+    boost::get<0>(oIts) += Orl::Pravik::GraphObject2d::CPoint<int>(o.m_nBeginX, o.m_nBeginY);
+    boost::get<1>(oIts) += Orl::Pravik::GraphObject2d::CPoint<int>(o.m_nEndX - 20, o.m_nEndY - 20);
+    EXPECT_THROW(Copy2D(oIts, oDest.GetBandIterators(oDest), Orl::Test::TLoggerPtr(), SAllowParallelFor()),
+                 CBasicException) << o.m_pName;
+    EXPECT_THROW(ForEach2D(oIts, Orl::Harnel::Math::CCountFunctor<short>(), nullptr), CBasicException) << o.m_pName;
+    EXPECT_THROW(ForEach2D(oIts, Orl::Harnel::Math::CCountFunctor<short>(), nullptr, SAllowParallelReduce()),
+                 CBasicException) << o.m_pName;
+  }
+  const auto vecPixels = Orl::Test::ReadPixels(oDest);
+  EXPECT_EQ(std::count(vecPixels.begin(), vecPixels.end(), short(0)), std::ptrdiff_t(vecPixels.size()));
 }
 
 // Statistics parameters outside their range are refused, by the band and by the histogram functor;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <limits>
 #include <map>
@@ -102,6 +103,74 @@ TYPED_TEST(StatisticsTest, HistogramCountsEachValue)
   EXPECT_EQ(nMaxCount, itMode->second);
   std::nth_element(vecValid.begin(), vecValid.begin() + vecValid.size() / 2, vecValid.end());
   EXPECT_NEAR(oBand.GetMedian(), vecValid[vecValid.size() / 2], dWidth);
+}
+
+// The row loop bins without a division; it must give the plain per-pixel rule's counts (the
+// functor's operator()) for values at, just below and just above every bin edge, at the ends of the
+// range, outside it, and NaN and infinities for floating pixels; with and without no-data.
+TYPED_TEST(StatisticsTest, HistogramRowLoopFollowsTheBinRuleAtEveryEdge)
+{
+  using TPixel = TypeParam;
+  using TLimits = std::numeric_limits<TPixel>;
+  constexpr bool bFloat = std::is_floating_point<TPixel>::value;
+  // An odd range and bin count, so that the edges fall between representable values.
+  TPixel tLow = bFloat ? TPixel(-3.7) : std::is_signed<TPixel>::value ? TPixel(-1000) : TPixel(17);
+  TPixel tHigh = bFloat ? TPixel(1234.56) : TPixel(tLow + (sizeof(TPixel) == 1 ? 200 : 3001));
+  unsigned nBins = 997;
+  Detail::FixHistogramRange(tLow, tHigh, nBins);
+  const Orl::Harnel::Math::CHistoFunctor<double, TPixel> oPattern(tLow, tHigh, nBins);
+  std::vector<TPixel> vecValues;
+  const auto fnAround = [&](double dValue) {
+    if (!(dValue > double(TLimits::lowest()) && dValue < double(TLimits::max())))
+      return;
+    TPixel tValue = TPixel(dValue);
+    if (bFloat)
+      for (int i = 0; i < 3; ++i)
+        tValue = std::nextafter(tValue, TLimits::lowest());
+    else
+      tValue = TPixel(dValue > double(TLimits::lowest()) + 3 ? dValue - 3 : dValue);
+    for (int i = 0; i < 7; ++i, tValue = bFloat ? std::nextafter(tValue, TLimits::max()) : TPixel(tValue + 1))
+    {
+      vecValues.push_back(tValue);
+      if (!bFloat && tValue == TLimits::max())
+        break;
+    }
+  };
+  for (unsigned i = 0; i <= nBins; ++i) // the edge below bin i, and one more above the last bin
+    fnAround(double(tLow) + (double(i) - 0.5) * oPattern.m_dBinStep);
+  for (const double d : {double(tLow), double(tHigh), double(tLow) - 10 * oPattern.m_dBinStep,
+                         double(tHigh) + 10 * oPattern.m_dBinStep})
+    fnAround(d);
+  if constexpr (std::is_floating_point<TPixel>::value)
+    for (const TPixel t : {TLimits::quiet_NaN(), TLimits::infinity(), -TLimits::infinity(), TLimits::max()})
+      vecValues.push_back(t);
+  // Rows of 203 pixels (not a multiple of the vector width), the values in a scrambled order.
+  const unsigned nWidth = 203, nHeight = unsigned((vecValues.size() * 3 + nWidth - 1) / nWidth);
+  TMemBand<TPixel> oBand(nWidth, nHeight);
+  for (std::size_t i = 0; i < std::size_t(nWidth) * nHeight; ++i)
+    oBand.GetRep().GetDataLocation()[i] = vecValues[i * 7919 % vecValues.size()];
+  for (const bool bNoData : {false, true})
+  {
+    SCOPED_TRACE(bNoData ? "with no-data" : "without no-data");
+    if (bNoData)
+      oBand.SetNoDataValue(vecValues[vecValues.size() / 2]);
+    Orl::Harnel::Math::CHistoFunctor<double, TPixel> oRule(oPattern, Orl::Harnel::Math::SEmptyState());
+    for (std::size_t i = 0; i < std::size_t(nWidth) * nHeight; ++i)
+    {
+      const TPixel tValue = oBand.GetRep().GetDataLocation()[i];
+      if (!bNoData || !(tValue == oBand.GetNoDataValue()))
+        oRule(tValue);
+    }
+    std::vector<unsigned long> vecHistogram;
+    double dMedian, dMode, dWidth, dStep;
+    unsigned long nMaxCount, nValid, nInvalid;
+    unsigned int nUsed = nBins;
+    Calculator(oBand).CalcHisto(vecHistogram, dMedian, dMode, nUsed, nMaxCount, dWidth, dStep, nValid, nInvalid, tLow,
+                                tHigh, false, TLoggerPtr());
+    ASSERT_EQ(nUsed, nBins);
+    EXPECT_EQ(nValid, oRule.m_nCount);
+    EXPECT_TRUE(std::equal(vecHistogram.begin(), vecHistogram.end(), oRule.m_vecBins.begin(), oRule.m_vecBins.end()));
+  }
 }
 
 // Bands of no pixels and bands of only no-data pixels: the decided answers.
@@ -228,6 +297,34 @@ TEST(ForEach2DTest, StartStateProgressEmptyRectanglesAndExceptions)
   EXPECT_EQ(pLogger->GetDepth(), 1u);
 }
 
+// Pixels of sizes that have no tiles (here 3 bytes) walk on the same kind of grid: every pixel once,
+// over several cells.
+TEST(ForEach2DTest, PixelsWithoutATileSizeWalkInParallel)
+{
+  struct SRgb
+  {
+    unsigned char m_anValue[3];
+  };
+  struct SSumRed
+  {
+    SSumRed() = default;
+    SSumRed(const SSumRed&, Orl::Harnel::Math::SEmptyState) {}
+    void operator()(const SRgb& o) { m_nSum += o.m_anValue[0], ++m_nCount; }
+    void Join(const SSumRed& o) { m_nSum += o.m_nSum, m_nCount += o.m_nCount; }
+    std::uint64_t m_nSum = 0, m_nCount = 0;
+  };
+  const unsigned nWidth = 70, nHeight = 2 * Detail::SWalkGrid<SRgb>::ms_nCellY + 3;
+  std::vector<SRgb> vecPixels(std::size_t(nWidth) * nHeight);
+  std::uint64_t nExpected = 0;
+  for (std::size_t i = 0; i < vecPixels.size(); ++i)
+    nExpected += vecPixels[i].m_anValue[0] = (unsigned char)(i * 31 % 251);
+  using TIterator = Detail::CMemoryBandIterator<SRgb, int>;
+  const auto oIts = boost::make_tuple(TIterator(vecPixels.data(), nWidth, nHeight, 0, 0, 64, 64),
+                                      TIterator(vecPixels.data(), nWidth, nHeight, int(nWidth), int(nHeight), 64, 64));
+  const SSumRed oSum = ForEach2D(oIts, SSumRed(), nullptr, SAllowParallelReduce());
+  EXPECT_TRUE(oSum.m_nSum == nExpected && oSum.m_nCount == vecPixels.size());
+}
+
 // Wraps a band's calculator and notes the calls that reach it: "name", or "name~" when approximate.
 template <class T>
 class CCountingCalculator : public Detail::CGrayValueStatisticsCalculator<T, double>
@@ -273,7 +370,8 @@ CCountingCalculator<TPixel>& InstallCounter(TMemBand<TPixel>& oBand)
 
 // Every getter answers through the cache: computed once, then read, until any grant of mutable
 // access (even to an empty rectangle), SetNoDataValue (even to the same value) or Clear; const access
-// keeps the cache.
+// keeps the cache. All getters together walk the band twice: extremes, moments and counts in one
+// pass, the histogram in the other.
 TYPED_TEST(StatisticsTest, GettersComputeOnceUntilMutableAccess)
 {
   using TPixel = TypeParam;
@@ -288,8 +386,8 @@ TYPED_TEST(StatisticsTest, GettersComputeOnceUntilMutableAccess)
   std::vector<unsigned long> vecHistogram;
   oConst.GetMinMax(tMin, tMax);
   oConst.GetMinMax(tMin, tMax);
-  oConst.GetCounts(nValid, nInvalid); // brought along by the extremes
-  EXPECT_EQ(oCounter.Take(), "minmax");
+  oConst.GetCounts(nValid, nInvalid); // brought along by the extremes, with the moments
+  EXPECT_EQ(oCounter.Take(), "minmaxmeanvar");
   EXPECT_TRUE(tMin == oRef.m_tMin && tMax == oRef.m_tMax);
   EXPECT_TRUE(nValid == oRef.m_nValid && nInvalid == oRef.m_nTotal - oRef.m_nValid);
   oConst.GetMeanVariance(dMean, dVariance);
@@ -298,7 +396,7 @@ TYPED_TEST(StatisticsTest, GettersComputeOnceUntilMutableAccess)
   EXPECT_EQ(oConst.GetMode(), oConst.GetMode());
   EXPECT_EQ(oConst.GetPercentile(50.0), dMedian);
   oConst.GetHistogram(vecHistogram, dLow, dStep, dWidth, nMaxCount);
-  EXPECT_EQ(oCounter.Take(), "minmaxmeanvar histo");
+  EXPECT_EQ(oCounter.Take(), "histo");
   EXPECT_EQ(dLow, double(oRef.m_tMin));
   EXPECT_EQ(nMaxCount, *std::max_element(vecHistogram.begin(), vecHistogram.end()));
   oConst.GetBandIterators(oBand);
@@ -350,12 +448,12 @@ TEST(CachedStatisticsTest, ApproximateResultsAreKeptApart)
   EXPECT_EQ(oConst.GetMedian(true), 9.25); // all pixels in the first bin of [9, 10], spread over its width 0.5
   oConst.GetMinMax(tMin, tMax, true);
   oConst.GetCounts(nValid, nInvalid, true);
-  EXPECT_EQ(oCounter.Take(), "minmax~ histo~");
+  EXPECT_EQ(oCounter.Take(), "minmaxmeanvar~ histo~");
   EXPECT_EQ(tMax, 9);
   EXPECT_EQ(nValid, nSampled);
   oConst.GetCounts(nValid, nInvalid);
   oConst.GetMinMax(tMin, tMax);
-  EXPECT_EQ(oCounter.Take(), "counts minmax");
+  EXPECT_EQ(oCounter.Take(), "counts minmaxmeanvar");
   EXPECT_EQ(tMax, 200);
   EXPECT_EQ(nValid, 1024u * 4200);
   oConst.GetMinMax(tMin, tMax, true);
@@ -384,7 +482,7 @@ TEST(CachedStatisticsTest, ApproximateResultsAreKeptApart)
   float fMin, fMax;
   oSmall.GetMinMax(fMin, fMax, true);
   oSmall.GetMinMax(fMin, fMax);
-  EXPECT_EQ(oSmallCounter.Take(), "minmax");
+  EXPECT_EQ(oSmallCounter.Take(), "minmaxmeanvar");
 }
 
 } // namespace

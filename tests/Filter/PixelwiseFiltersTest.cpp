@@ -4,6 +4,7 @@
 #include "Filter/ArithmeticBinaryFilter.h"
 #include "Filter/ArithmeticUnaryFilter.h"
 #include "Filter/CopyFilter.h"
+#include "Filter/Detail/PixelConversion.h"
 #include "Filter/IndexSelectorFilter.h"
 #include "Filter/MaskFilter.h"
 #include "Filter/MaskMergeFilter.h"
@@ -20,7 +21,9 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cfenv>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -173,6 +176,25 @@ TYPED_TEST(PixelwiseFilterTest, CopyToEveryTypeRoundsAndSaturates)
   CheckCopy<TypeParam, int>();
   CheckCopy<TypeParam, float>();
   CheckCopy<TypeParam, double>();
+
+  // Halves and both ends, from float and double, under every rounding mode: integers round half
+  // away from zero whatever the mode.
+  using T = TypeParam;
+  const double adValues[] = {0.5, -0.5, 1.5, -1.5, 2.5, -2.5, 0.49999997, 126.5, -127.5, 254.5, 32767.5, -32768.5,
+                             65534.5, double(TLimits<T>::lowest()) - 0.5, double(TLimits<T>::max()) + 0.5,
+                             -TLimits<double>::infinity(), TLimits<double>::infinity()};
+  const int nDefaultMode = std::fegetround();
+  for (int nMode : {FE_TONEAREST, FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO})
+  {
+    std::fesetround(nMode);
+    for (double d : adValues)
+    {
+      using Orl::Ostrel::Filter::Detail::RoundToPixel;
+      EXPECT_EQ(+RoundToPixel<T>(d), +RefPixel<T>(d, false, T(0))) << d << " mode " << nMode;
+      EXPECT_EQ(+RoundToPixel<T>(float(d)), +RefPixel<T>(float(d), false, T(0))) << d << " mode " << nMode;
+    }
+  }
+  std::fesetround(nDefaultMode);
 }
 
 // The arithmetic filters in the type the filters compute in.
@@ -354,37 +376,46 @@ TYPED_TEST(PixelwiseFilterTest, StackFiltersEqualTheReference)
     std::vector<T> vecExpected(n);
     auto oDest = WithNoData(CBand<T, TTag>(w, h), bDestNoData);
 
-    // Medoid, scalar and with members of two bands (pairs 0-1, 2-3, 4-5).
+    // Medoid, scalar: the first member between the lower and upper median of the sorted valid
+    // values; vector, members of two bands (pairs 0-1, 2-3, 4-5): the least sum of distances in
+    // double, sums that overflow (the type's ends meeting) ranking last but still chosen.
     for (std::size_t nBands : {1, 2})
     {
       std::vector<std::vector<T>> vecOut(nBands, std::vector<T>(n));
+      const std::size_t nCount = nMembers / nBands;
       for (std::size_t i = 0; i < n; ++i)
       {
-        int nBest = -1;
-        C tBest = TLimits<C>::infinity();
-        const std::size_t nCount = nMembers / nBands;
         const auto fnMemberValid = [&](std::size_t m) {
           return fnValid(m * nBands, i) && fnValid(m * nBands + nBands - 1, i);
         };
+        const auto fnValue = [&](std::size_t m, std::size_t b) { return vecStack[m * nBands + b].m_vecPixels[i]; };
+        std::vector<T> vecSorted;
         for (std::size_t m = 0; m < nCount; ++m)
+          if (fnMemberValid(m))
+            vecSorted.push_back(fnValue(m, 0));
+        std::sort(vecSorted.begin(), vecSorted.end());
+        const std::size_t k = vecSorted.size();
+        int nBest = -1;
+        double dBest = TLimits<double>::infinity();
+        for (std::size_t m = 0; m < nCount && k != 0; ++m)
         {
-          C tSum = 0;
+          double dSum = 0;
           for (std::size_t o = 0; o < nCount; ++o)
           {
-            C tDistance = 0;
+            double dSquares = 0;
             for (std::size_t b = 0; b < nBands; ++b)
-            {
-              const C d = C(vecStack[m * nBands + b].m_vecPixels[i]) - C(vecStack[o * nBands + b].m_vecPixels[i]);
-              tDistance += nBands == 1 ? std::fabs(d) : d * d;
-            }
-            tSum += fnMemberValid(o) ? (nBands == 1 ? tDistance : std::sqrt(tDistance)) : C(0);
+              dSquares += (double(fnValue(m, b)) - fnValue(o, b)) * (double(fnValue(m, b)) - fnValue(o, b));
+            dSum += fnMemberValid(o) ? std::sqrt(dSquares) : 0.0;
           }
-          if (fnMemberValid(m) && tSum < tBest)
-            tBest = tSum, nBest = int(m);
+          dSum = std::isnan(dSum) ? TLimits<double>::infinity() : dSum;
+          const bool bBetter = nBands == 1 ? nBest < 0 && !(fnValue(m, 0) < vecSorted[(k - 1) / 2]) &&
+                                               !(vecSorted[k / 2] < fnValue(m, 0))
+                                           : nBest < 0 || dSum < dBest;
+          if (fnMemberValid(m) && bBetter)
+            dBest = dSum, nBest = int(m);
         }
         for (std::size_t b = 0; b < nBands; ++b)
-          vecOut[b][i] = nBest < 0 ? (b ? SNoDataValueHint<T>::ms_tNoDataValue : tNoData)
-                                   : vecStack[nBest * nBands + b].m_vecPixels[i];
+          vecOut[b][i] = nBest < 0 ? (b ? SNoDataValueHint<T>::ms_tNoDataValue : tNoData) : fnValue(nBest, b);
       }
       if (nBands == 1)
         CMedoidFilter().Apply(oDest, vecBands);

@@ -289,14 +289,64 @@ std::pair<int, int> Topology(const SImage<unsigned char>& oImage)
   return {aCount[1], aCount[0]};
 }
 
+// Zhang-Suen (bZhangSuen) or Guo-Hall A1 as the papers run them: every pixel of the band tested in
+// every subiteration, from the conditions in the filters' headers, until an iteration deletes nothing.
+std::vector<unsigned char> PlainTwoSubiterationThinning(SImage<unsigned char> o, bool bZhangSuen)
+{
+  auto fnAt = [&](int x, int y) { return int(o.In(x, y) && o.At(x, y) == 1); };
+  for (bool bChanged = true; bChanged;)
+  {
+    bChanged = false;
+    for (int nSub = 0; nSub < 2; ++nSub)
+    {
+      std::vector<std::size_t> vecDelete;
+      for (int y = 0; y < o.m_nHeight; ++y)
+        for (int x = 0; x < o.m_nWidth; ++x)
+        {
+          // P2 north, clockwise to P9 north-west; P10 = P2.
+          const int P[11] = {0, 0, fnAt(x, y - 1), fnAt(x + 1, y - 1), fnAt(x + 1, y), fnAt(x + 1, y + 1), fnAt(x, y + 1),
+                             fnAt(x - 1, y + 1), fnAt(x - 1, y), fnAt(x - 1, y - 1), fnAt(x, y - 1)};
+          int B = 0, A = 0;
+          for (int i = 2; i <= 9; ++i)
+          {
+            B += P[i];
+            A += !P[i] && P[i + 1];
+          }
+          // x1 east, counter-clockwise to x8 south-east; x9 = x1.
+          const int X[10] = {0, P[4], P[3], P[2], P[9], P[8], P[7], P[6], P[5], P[4]};
+          int C = 0, N1 = 0, N2 = 0;
+          for (int i = 1; i <= 4; ++i)
+          {
+            C += !X[2 * i - 1] && (X[2 * i] || X[2 * i + 1]);
+            N1 += X[2 * i - 1] || X[2 * i];
+            N2 += X[2 * i] || X[2 * i + 1];
+          }
+          const int N = std::min(N1, N2);
+          const bool bDelete =
+            bZhangSuen ? B >= 2 && B <= 6 && A == 1 &&
+                           (nSub == 0 ? !(P[2] && P[4] && P[6]) && !(P[4] && P[6] && P[8]) : !(P[2] && P[4] && P[8]) && !(P[2] && P[6] && P[8]))
+                       : C == 1 && N >= 2 && N <= 3 && (nSub == 0 ? !((X[2] || X[3] || !X[8]) && X[1]) : !((X[6] || X[7] || !X[4]) && X[5]));
+          if (fnAt(x, y) && bDelete)
+            vecDelete.push_back(std::size_t(y) * o.m_nWidth + x);
+        }
+      for (const std::size_t i : vecDelete)
+        o.m_vec[i] = 0;
+      bChanged |= !vecDelete.empty();
+    }
+  }
+  return o.m_vec;
+}
+
 TEST(SkeletonFilters, PropertiesOnRandomBlobs)
 {
   std::mt19937 oRng(5);
   for (int nCase = 0; nCase < 6; ++nCase)
   {
     const auto oImage = Blobs(oRng, 20 + int(oRng() % 60), 10 + int(oRng() % 50), 1 + nCase * 2, 3 + nCase * 2);
-    for (const auto& oSkeleton : Skeletons())
+    const auto vecSkeletons = Skeletons();
+    for (std::size_t a = 0; a < vecSkeletons.size(); ++a)
     {
+      const SSkeleton& oSkeleton = vecSkeletons[a];
       const std::string strWhat = std::string(oSkeleton.m_pName) + " case " + std::to_string(nCase);
       SImage<unsigned char> oResult{oImage.m_nWidth, oImage.m_nHeight, oSkeleton.m_fnRun(oImage)};
       for (std::size_t i = 0; i < oImage.m_vec.size(); ++i)
@@ -311,6 +361,21 @@ TEST(SkeletonFilters, PropertiesOnRandomBlobs)
           ASSERT_FALSE(oResult.At(x, y) && oResult.At(x + 1, y) && oResult.At(x, y + 1) && oResult.At(x + 1, y + 1))
             << strWhat << " at " << x << "," << y;
     }
+  }
+}
+
+// Zhang-Suen and Guo-Hall A1 as the plain parallel run gives them, on sizes about and across the
+// thinning's 64-pixel words and its blocks of rows.
+TEST(SkeletonFilters, TwoSubiterationsAsThePlainParallelRun)
+{
+  std::mt19937 oRng(77);
+  const auto vecSkeletons = Skeletons();
+  for (int nCase = 0; nCase < 16; ++nCase)
+  {
+    const auto oImage = Blobs(oRng, 1 + int(oRng() % 200), 1 + int(oRng() % 150), 1 + int(oRng() % 30), 1 + int(oRng() % 40));
+    for (int a = 0; a < 2; ++a)
+      ASSERT_EQ(vecSkeletons[a].m_fnRun(oImage), PlainTwoSubiterationThinning(oImage, a == 0))
+        << vecSkeletons[a].m_pName << " case " << nCase;
   }
 }
 
@@ -546,6 +611,36 @@ TEST(ShapeFilters, NamesPropertiesSizeChecksAndProgress)
   oSkeleton.Apply(oDest, oDest);
   oDistance.Apply(oDest, oDest);
   EXPECT_EQ(pLogger->GetDepth(), 0u);
+
+  // Progress, told to the sink on every step: the fraction reaches 1 with the last step only. A pass
+  // that counted more than its share would reach it early and report it again on each later step.
+  struct SFractions : Orl::Harnel::Progress::CLoggerSink
+  {
+    std::vector<double> m_vec;
+    void OnProgress(double dFraction, const std::string&) override { m_vec.push_back(dFraction); }
+    void OnMessage(Orl::Harnel::Progress::_EVerbosityLevel, const std::string&) override {}
+  };
+  CBand<unsigned char, Band::SMemoryTag> oBand(7, 10), oOut(7, 10);
+  oBand.Clear(1);
+  oBand.GetRep().GetDataLocation()[30] = 0;
+  using TLogger = boost::shared_ptr<Orl::Harnel::Progress::CLogger>;
+  auto fnWith = [](auto oFilter, const TLogger& p) {
+    oFilter.SetLogger(p);
+    return oFilter;
+  };
+  const std::pair<const char*, std::function<void(const TLogger&)>> aRuns[] = {
+    {"chamfer", [&](const TLogger& p) { fnWith(CDistanceTransformFilter(eDistanceTransformCityBlock), p).Apply(oOut, oBand); }},
+    {"Meijster", [&](const TLogger& p) { fnWith(CDistanceTransformMeijsterFilter(eDistanceTransformCityBlock), p).Apply(oOut, oBand); }},
+    {"skeleton", [&](const TLogger& p) { fnWith(CSkeletonGuoHallA2Filter(), p).Apply(oOut, oBand); }},
+    {"reconstruction", [&](const TLogger& p) { fnWith(CGrayscaleReconstructionFilter(), p).Apply(oOut, oBand, oBand); }}};
+  for (const auto& oRun : aRuns)
+  {
+    const auto pSink = boost::make_shared<SFractions>();
+    const auto pCounting = boost::make_shared<Orl::Harnel::Progress::CLogger>(pSink, Orl::Harnel::Progress::eVerbosityInfo,
+                                                                             std::chrono::milliseconds(0));
+    oRun.second(pCounting);
+    EXPECT_LE(std::count(pSink->m_vec.begin(), pSink->m_vec.end(), 1.0), 1) << oRun.first;
+  }
 }
 
 } // namespace

@@ -95,6 +95,8 @@ protected:
 TEST_F(CTileCacheTest, TinyBudgetSpillsAndReloadsTilesOfSeveralTypesIntact)
 {
   m_pCache->SetMemoryBudget(3 * g_nFullBlock);
+  // Tiles on their way out behind the caller may hold up to an eighth of the budget more.
+  const std::uint64_t nMaxResident = 3 * g_nFullBlock + 3 * g_nFullBlock / 8;
   const std::function<boost::shared_ptr<CTileBase>()> aMakers[] = {
     [] { return MakeTile<unsigned char>(1024, 512); }, [] { return MakeTile<float>(512, 256); },
     [] { return MakeTile<double>(256, 256); },         [] { return MakeTile<short>(300, 170); },
@@ -103,7 +105,7 @@ TEST_F(CTileCacheTest, TinyBudgetSpillsAndReloadsTilesOfSeveralTypesIntact)
   for (int i = 0; i < 60; ++i)
   {
     vecTiles.push_back(Register(aMakers[i % 6](), i % 3 ? EContent::eNoise : EContent::eConstant));
-    EXPECT_LE(Counters().m_nResidentBytes, 3 * g_nFullBlock);
+    EXPECT_LE(Counters().m_nResidentBytes, nMaxResident);
   }
   std::mt19937 oRandom(42);
   for (int nRound = 0; nRound < 2; ++nRound)
@@ -120,7 +122,7 @@ TEST_F(CTileCacheTest, TinyBudgetSpillsAndReloadsTilesOfSeveralTypesIntact)
   const STileCacheCounters oCounters = Counters();
   EXPECT_EQ(60u, oCounters.m_nResidentTiles + oCounters.m_nSpilledTiles);
   EXPECT_GT(oCounters.m_nRecordsRead, 100u);
-  EXPECT_LE(oCounters.m_nResidentBytes, 3 * g_nFullBlock);
+  EXPECT_LE(oCounters.m_nResidentBytes, nMaxResident);
   EXPECT_TRUE(m_oDirectory.GetEntries().empty()) << "the spill file has a name";
 
   const int nFile = File(vecTiles[0]);

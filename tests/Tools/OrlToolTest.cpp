@@ -1,6 +1,22 @@
 // The orl tool end to end: files made through GDAL, the built executable run on them, its output
 // read back and compared with the library's result on the same pixels.
+#include "Filter/ArithmeticBinaryFilter.h"
+#include "Filter/ArithmeticUnaryFilter.h"
+#include "Filter/ColorConversionFilter.h"
+#include "Filter/CopyFilter.h"
+#include "Filter/DistanceTransformFilter.h"
+#include "Filter/DistanceTransformMeijsterFilter.h"
+#include "Filter/FftFilter.h"
+#include "Filter/GradientOrientationFilter.h"
+#include "Filter/GrayscaleReconstructionFilter.h"
+#include "Filter/HistogramEqualizationFilter.h"
+#include "Filter/IndexSelectorFilter.h"
 #include "Filter/LinearFillHoleFilter.h"
+#include "Filter/MaskFilter.h"
+#include "Filter/MaskMergeFilter.h"
+#include "Filter/MedoidFilter.h"
+#include "Filter/ResampleFilter.h"
+#include "Filter/SkeletonGuoHallA2Filter.h"
 #include "Support/PixelTypes.h"
 #include "Support/ScratchFiles.h"
 
@@ -8,6 +24,7 @@
 #include <gdal.h>
 
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <sys/wait.h>
 
@@ -50,7 +67,8 @@ void WriteTiff(const std::string& strPath, const std::vector<TPixel>& vecPixels,
                const char* szOptions = "TILED=YES")
 {
   char* apszOptions[] = {const_cast<char*>(szOptions), nullptr};
-  GDALDatasetH hDataset = GDALCreate(GDALGetDriverByName("GTiff"), strPath.c_str(), g_nWidth, g_nHeight, 1,
+  const int nBands = int(vecPixels.size() / (std::size_t(g_nWidth) * g_nHeight)); // band after band
+  GDALDatasetH hDataset = GDALCreate(GDALGetDriverByName("GTiff"), strPath.c_str(), g_nWidth, g_nHeight, nBands,
                                      GdalType<TPixel>(), apszOptions);
   ASSERT_NE(hDataset, nullptr);
   GDALSetGeoTransform(hDataset, const_cast<double*>(g_adTransform));
@@ -59,8 +77,8 @@ void WriteTiff(const std::string& strPath, const std::vector<TPixel>& vecPixels,
   GDALSetDescription(hBand, "elevation");
   if (bNoData)
     GDALSetRasterNoDataValue(hBand, 7.0);
-  ASSERT_EQ(GDALRasterIO(hBand, GF_Write, 0, 0, g_nWidth, g_nHeight, const_cast<TPixel*>(vecPixels.data()), g_nWidth,
-                         g_nHeight, GdalType<TPixel>(), 0, 0), CE_None);
+  ASSERT_EQ(GDALDatasetRasterIO(hDataset, GF_Write, 0, 0, g_nWidth, g_nHeight, const_cast<TPixel*>(vecPixels.data()),
+                                g_nWidth, g_nHeight, GdalType<TPixel>(), nBands, nullptr, 0, 0, 0), CE_None);
   GDALClose(hDataset);
 }
 
@@ -189,6 +207,211 @@ TEST(COrlTool, StatsJsonMatchesBand)
   EXPECT_EQ(oJson.get<double>("no_data"), 7.0);
 }
 
+// A band of a file read as TPixel, with the file's no-data value, as the tool reads it.
+template <class TPixel>
+Band::CBand<TPixel, Band::SMemoryTag> Load(const std::string& strPath, int nBand = 1)
+{
+  Band::CBand<TPixel, Band::SMemoryTag> oBand(g_nWidth, g_nHeight);
+  GDALDatasetH hDataset = GDALOpen(strPath.c_str(), GA_ReadOnly);
+  GDALRasterBandH hBand = GDALGetRasterBand(hDataset, nBand);
+  EXPECT_EQ(GDALRasterIO(hBand, GF_Read, 0, 0, g_nWidth, g_nHeight, oBand.GetRep().GetDataLocation(), g_nWidth,
+                         g_nHeight, GdalType<TPixel>(), 0, 0), CE_None);
+  int bNoData = 0;
+  const double dNoData = GDALGetRasterNoDataValue(hBand, &bNoData);
+  if (bNoData)
+    oBand.SetNoDataValue(TPixel(dNoData));
+  GDALClose(hDataset);
+  return oBand;
+}
+
+// A band of the size given, with the source's no-data value.
+template <class TPixel>
+Band::CBand<TPixel, Band::SMemoryTag> Like(const Band::CBand<TPixel, Band::SMemoryTag>& oSrc, unsigned int nWidth = g_nWidth,
+                                          unsigned int nHeight = g_nHeight)
+{
+  Band::CBand<TPixel, Band::SMemoryTag> oBand(nWidth, nHeight);
+  if (oSrc.HasNoDataValue())
+    oBand.SetNoDataValue(oSrc.GetNoDataValue());
+  return oBand;
+}
+
+// Pixels as doubles, then the no-data value (NaN for none), per band.
+using TValues = std::vector<std::vector<double>>;
+
+template <class... TBands>
+TValues Values(const TBands&... oBands)
+{
+  TValues vecValues;
+  (void)std::initializer_list<int>{(vecValues.push_back(std::vector<double>(oBands.GetRep().GetDataLocation(),
+                                      oBands.GetRep().GetDataLocation() + std::size_t(oBands.GetWidth()) * oBands.GetHeight())),
+                                    vecValues.back().push_back(oBands.HasNoDataValue() ? double(oBands.GetNoDataValue())
+                                                                                       : std::nan("")), 0)...};
+  return vecValues;
+}
+
+TValues ReadAll(const std::string& strPath)
+{
+  TValues vecValues;
+  GDALDatasetH hDataset = GDALOpen(strPath.c_str(), GA_ReadOnly);
+  if (!hDataset)
+    return vecValues;
+  const int nWidth = GDALGetRasterXSize(hDataset), nHeight = GDALGetRasterYSize(hDataset);
+  for (int i = 1; i <= GDALGetRasterCount(hDataset); ++i)
+  {
+    GDALRasterBandH hBand = GDALGetRasterBand(hDataset, i);
+    vecValues.emplace_back(std::size_t(nWidth) * nHeight);
+    EXPECT_EQ(GDALRasterIO(hBand, GF_Read, 0, 0, nWidth, nHeight, vecValues.back().data(), nWidth, nHeight, GDT_Float64,
+                           0, 0), CE_None);
+    int bNoData = 0;
+    const double dNoData = GDALGetRasterNoDataValue(hBand, &bNoData);
+    vecValues.back().push_back(bNoData ? dNoData : std::nan(""));
+  }
+  GDALClose(hDataset);
+  return vecValues;
+}
+
+// A subcommand's output equals the library's result on the same pixels, through memory bands and
+// through tile bands. Inputs: f.tif and g.tif, Float32 slopes with holes (no-data 7 in f.tif); bin.tif,
+// Byte shapes of 0 and 1; rgb.tif, three Byte bands.
+struct SFilterCase
+{
+  const char* m_szName;
+  const char* m_szArgs; // OUT is out.tif
+  std::function<TValues(const std::string& strDir)> m_fnExpected;
+  double m_dTolerance = 0.0; // FFTW's plans, timed in each process, may round differently
+};
+
+class COrlFilterTest : public ::testing::TestWithParam<SFilterCase>
+{
+};
+
+TEST_P(COrlFilterTest, EqualsLibrary)
+{
+  CScratchDirectory oDir;
+  const std::string strDir = oDir.GetPath() + "/";
+  std::vector<float> vecF = MakePixels<float>(), vecG(vecF.size());
+  std::vector<unsigned char> vecBin(vecF.size()), vecRgb(3 * vecF.size());
+  for (std::size_t i = 0; i < vecF.size(); ++i)
+  {
+    const std::size_t x = i % g_nWidth, y = i / g_nWidth;
+    vecG[i] = float((x * y) % 97) - 20.0f;
+    vecBin[i] = (x / 23 + y / 17) % 3 != 0 && (x % 23) > 3;
+    for (std::size_t c = 0; c < 3; ++c)
+      vecRgb[c * vecF.size() + i] = (unsigned char)((x * (c + 1) + y * (3 - c)) % 256);
+  }
+  WriteTiff(strDir + "f.tif", vecF);
+  WriteTiff(strDir + "g.tif", vecG, false);
+  WriteTiff(strDir + "bin.tif", vecBin, false);
+  WriteTiff(strDir + "rgb.tif", vecRgb, false);
+  const TValues vecExpected = GetParam().m_fnExpected(strDir);
+  for (const char* szStorage : {"", " -q --memory 64K"})
+  {
+    const std::string strArgs = std::string(GetParam().m_szArgs) + " out.tif --overwrite" + szStorage;
+    const SResult oResult = RunOrl(oDir, strArgs);
+    ASSERT_EQ(oResult.m_nStatus, 0) << strArgs << ": " << oResult.m_strErrors;
+    const TValues vecOut = ReadAll(strDir + "out.tif");
+    ASSERT_EQ(vecOut.size(), vecExpected.size()) << strArgs;
+    for (std::size_t i = 0; i < vecOut.size(); ++i)
+      EXPECT_TRUE(std::equal(vecOut[i].begin(), vecOut[i].end(), vecExpected[i].begin(), vecExpected[i].end(),
+                             [&](double a, double b) { return a == b || std::abs(a - b) <= GetParam().m_dTolerance || (a != a && b != b); }))
+        << strArgs << ", band " << i + 1;
+  }
+}
+
+using FBand = Band::CBand<float, Band::SMemoryTag>;
+using BBand = Band::CBand<unsigned char, Band::SMemoryTag>;
+
+INSTANTIATE_TEST_SUITE_P(
+  Subcommands, COrlFilterTest,
+  ::testing::Values(
+    SFilterCase{"DistanceExact", "distance bin.tif", [](const std::string& d) {
+      FBand oDest(g_nWidth, g_nHeight);
+      Filter::CDistanceTransformMeijsterFilter(Filter::eDistanceTransformEuclidean).Apply(oDest, Load<unsigned char>(d + "bin.tif"));
+      return Values(oDest); }},
+    SFilterCase{"DistanceChamferCityBlock", "distance bin.tif --method chamfer --metric cityblock", [](const std::string& d) {
+      FBand oDest(g_nWidth, g_nHeight);
+      Filter::CDistanceTransformFilter(Filter::eDistanceTransformCityBlock).Apply(oDest, Load<unsigned char>(d + "bin.tif"));
+      return Values(oDest); }},
+    SFilterCase{"ThinGuoHallA2", "thin bin.tif --algorithm guo-hall-a2", [](const std::string& d) {
+      BBand oDest(g_nWidth, g_nHeight);
+      Filter::CSkeletonGuoHallA2Filter().Apply(oDest, Load<unsigned char>(d + "bin.tif"));
+      return Values(oDest); }},
+    SFilterCase{"Reconstruct", "reconstruct g.tif f.tif", [](const std::string& d) {
+      const FBand oMarker = Load<float>(d + "g.tif");
+      FBand oDest = Like(oMarker);
+      Filter::CGrayscaleReconstructionFilter().Apply(oDest, oMarker, Load<float>(d + "f.tif"));
+      return Values(oDest); }},
+    SFilterCase{"Equalize", "equalize f.tif --bins 64", [](const std::string& d) {
+      FBand oSrc = Load<float>(d + "f.tif"), oDest = Like(oSrc);
+      oSrc.SetHistogramBins(64);
+      Filter::CHistogramEqualizationFilter().Apply(oDest, oSrc);
+      return Values(oDest); }},
+    SFilterCase{"ResampleCubic", "resample f.tif --size 100 70 --method cubic", [](const std::string& d) {
+      const FBand oSrc = Load<float>(d + "f.tif");
+      FBand oDest = Like(oSrc, 100, 70);
+      Filter::CResampleFilter(Filter::eResampleCubic).Apply(oDest, oSrc);
+      return Values(oDest); }},
+    SFilterCase{"FftForwardOfBytes", "fft bin.tif", [](const std::string& d) {
+      FBand oReal(512, 256), oImag(512, 256);
+      Filter::CFftForwardFilter().Apply(oReal, oImag, Load<float>(d + "bin.tif"));
+      return Values(oReal, oImag); }, 0.1},
+    SFilterCase{"GradientCells", "gradient f.tif --cell 3 --no-data skip", [](const std::string& d) {
+      const FBand oSrc = Load<float>(d + "f.tif");
+      FBand oDest = Like(oSrc, 101, 68);
+      Filter::CGradientOrientationFilter().Apply<Filter::SSkipNonCenterNoDataPolicy>(oDest, oSrc);
+      return Values(oDest); }},
+    SFilterCase{"MaskRange", "mask f.tif g.tif --range 0 50", [](const std::string& d) {
+      const FBand oSrc = Load<float>(d + "f.tif");
+      FBand oDest = Like(oSrc);
+      Filter::CMaskFilter().Apply(oDest, oSrc, Load<float>(d + "g.tif"), 0.0, 50.0);
+      return Values(oDest); }},
+    SFilterCase{"CalcClamp", "calc clamp f.tif --min 20 --max 100", [](const std::string& d) {
+      const FBand oSrc = Load<float>(d + "f.tif");
+      FBand oDest = Like(oSrc);
+      Filter::CArithmeticUnaryFilter(Filter::eClamp, 20.0, 100.0).Apply(oDest, oSrc);
+      return Values(oDest); }},
+    SFilterCase{"CalcPowerOfTwoFiles", "calc pow f.tif g.tif", [](const std::string& d) {
+      const FBand oSrc = Load<float>(d + "f.tif");
+      FBand oDest = Like(oSrc);
+      Filter::CArithmeticBinaryFilter(Filter::ePower).Apply(oDest, oSrc, Load<float>(d + "g.tif"));
+      return Values(oDest); }},
+    SFilterCase{"CalcDivideByConstant", "calc div rgb.tif -b 2 --constant 3", [](const std::string& d) {
+      BBand oDest(g_nWidth, g_nHeight);
+      Filter::CArithmeticBinaryFilter(Filter::eDivide, 3.0).Apply(oDest, Load<unsigned char>(d + "rgb.tif", 2));
+      return Values(oDest); }},
+    SFilterCase{"ConvertToInt16", "convert g.tif -ot Int16", [](const std::string& d) {
+      Band::CBand<short, Band::SMemoryTag> oDest(g_nWidth, g_nHeight);
+      Filter::CCopyFilter().Apply(oDest, Load<float>(d + "g.tif"));
+      return Values(oDest); }},
+    SFilterCase{"ColorToYCbCr", "color rgb2ycbcr rgb.tif", [](const std::string& d) {
+      BBand oY(g_nWidth, g_nHeight), oCb(g_nWidth, g_nHeight), oCr(g_nWidth, g_nHeight);
+      Filter::CColorConversionFilter(Filter::eRgbToYCbCr)
+        .Apply(oY, oCb, oCr, Load<unsigned char>(d + "rgb.tif", 1), Load<unsigned char>(d + "rgb.tif", 2), Load<unsigned char>(d + "rgb.tif", 3));
+      return Values(oY, oCb, oCr); }},
+    SFilterCase{"ColorFloatGrayOfThreeFiles", "color rgb2gray f.tif g.tif f.tif", [](const std::string& d) {
+      const FBand oRed = Load<float>(d + "f.tif");
+      FBand oDest = Like(oRed);
+      Filter::CColorConversionFilter(Filter::eRgbToGray).Apply(oDest, oRed, Load<float>(d + "g.tif"), oRed);
+      return Values(oDest); }},
+    SFilterCase{"MedoidOfBands", "medoid rgb.tif", [](const std::string& d) {
+      BBand oDest(g_nWidth, g_nHeight);
+      Filter::CMedoidFilter().Apply(oDest, std::vector<BBand>{Load<unsigned char>(d + "rgb.tif", 1),
+                                    Load<unsigned char>(d + "rgb.tif", 2), Load<unsigned char>(d + "rgb.tif", 3)});
+      return Values(oDest); }},
+    SFilterCase{"SelectByIndex", "select f.tif g.tif --index bin.tif", [](const std::string& d) {
+      const FBand oF = Load<float>(d + "f.tif");
+      FBand oDest = Like(oF);
+      Filter::CIndexSelectorFilter().Apply(oDest, Load<unsigned short>(d + "bin.tif"), std::vector<FBand>{oF, Load<float>(d + "g.tif")});
+      return Values(oDest); }},
+    SFilterCase{"MergeMasksWeighted", "merge-masks rgb.tif -b 1,2,3 --weights 2,1,1", [](const std::string& d) {
+      BBand oDest(g_nWidth, g_nHeight);
+      Filter::CMaskMergeFilter oFilter;
+      oFilter.SetWeights({2.0, 1.0, 1.0});
+      oFilter.Apply(oDest, std::vector<BBand>{Load<unsigned char>(d + "rgb.tif", 1), Load<unsigned char>(d + "rgb.tif", 2),
+                                              Load<unsigned char>(d + "rgb.tif", 3)});
+      return Values(oDest); }}),
+  [](const ::testing::TestParamInfo<SFilterCase>& oInfo) { return std::string(oInfo.param.m_szName); });
+
 // Every bad input: its message, its exit status, and no file left behind (an existing target
 // untouched).
 struct SErrorCase
@@ -250,6 +473,13 @@ INSTANTIATE_TEST_SUITE_P(
                     SErrorCase{"NoSubcommand", "", "A subcommand is required", 2},
                     SErrorCase{"MissingDirectory", "fill in.tif no/out.tif", "output directory no does not exist", 1},
                     SErrorCase{"ExistingTarget", "fill in.tif old.tif", "old.tif exists: pass --overwrite", 1},
+                    SErrorCase{"WrongBandCount", "color rgb2hsv in.tif out.tif", "color takes 3 input bands: in.tif has 1", 1},
+                    SErrorCase{"InputsOfOtherSizes", "calc add in.tif small.tif out.tif", "small.tif is 5 x 5 pixels", 1},
+                    SErrorCase{"BandListForSeveralFiles", "medoid in.tif in.tif out.tif -b 1,2", "-b takes one band", 2},
+                    SErrorCase{"ComplexForFft", "fft cplx.vrt out.tif", "pixel type CFloat32 is not supported", 1},
+                    SErrorCase{"ResampleWithoutSize", "resample in.tif out.tif", "resample needs --factor or --size", 2},
+                    SErrorCase{"ConstantForUnary", "calc sqrt in.tif out.tif --constant 2", "--constant goes with", 2},
+                    SErrorCase{"UnknownType", "convert in.tif out.tif -ot Int8", "--ot", 2},
                     SErrorCase{"DiskFull", "fill in.tif old.tif --overwrite -co COMPRESS=NONE", "cannot write old.tif", 1, 65536}),
   [](const ::testing::TestParamInfo<SErrorCase>& oInfo) { return std::string(oInfo.param.m_szName); });
 

@@ -52,3 +52,26 @@ def test_dask_statistics_of_nothing_valid(client):
     result = orl_dask.statistics(da.from_array(a, chunks=7), nodata=9)
     np.testing.assert_array_equal(result.pop("histogram"), expected.pop("histogram"))
     assert result == expected and result["count"] == 0
+
+
+@pytest.mark.parametrize("chunks", CHUNKINGS, ids=str)
+def test_dask_gradient_orientation_equals_whole_array(client, chunks):
+    a = raster(np.uint16, shape=(60, 90), holes=0.05, seed=6, nodata=0)
+    expected = orl.gradient_orientation(a, nodata=0)
+    np.testing.assert_array_equal(orl_dask.gradient_orientation(da.from_array(a, chunks=chunks), nodata=0), expected)
+
+
+@pytest.mark.parametrize("kernel,factor,chunks", [("average", 2, (16, 30)), ("bilinear", 3, (24, 30)),
+                                                  ("cubic", 2, (20, 18)), ("lanczos3", 2, (60, 30))], ids=str)
+def test_dask_resample_by_factor_equals_whole_array(client, kernel, factor, chunks):
+    a = raster(np.float32, shape=(72, 90), holes=0.05, seed=7)
+    expected = orl.resample(a, (72 // factor, 90 // factor), kernel=kernel)
+    result = orl_dask.resample(da.from_array(a, chunks=chunks), factor, kernel=kernel)
+    assert result.chunks == tuple(tuple(c // factor for c in axis) for axis in da.from_array(a, chunks=chunks).chunks)
+    np.testing.assert_array_equal(result.compute(), expected)
+
+
+def test_pixelwise_filters_run_through_map_blocks(client):
+    a = raster(np.float32, shape=(40, 50), holes=0.1, seed=8)
+    darr = da.from_array(a, chunks=(16, 16))
+    np.testing.assert_array_equal(darr.map_blocks(lambda block: orl.sqrt(block)).compute(), orl.sqrt(a))

@@ -94,6 +94,7 @@ BAD_CALLS = {
     "out read-only": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.float32),
                                                          out=np.broadcast_to(np.float32(0), (4, 4)))),
     "mask shape": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.float32), mask=np.zeros((4, 3), bool))),
+    "mask_range not a pair": (TypeError, lambda: orl.mask(np.ones((4, 4)), np.ones((4, 4), np.uint8), mask_range=(1,))),
     "mask dtype": (TypeError, lambda: orl.fill_holes(np.zeros((4, 4), np.int16), mask=np.zeros((4, 4), np.int16))),
     "range without mask": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.float32), mask_range=(0, 1))),
     "nodata beyond dtype": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.uint8), nodata=300)),
@@ -102,6 +103,24 @@ BAD_CALLS = {
     "min_directions": (ValueError, lambda: orl.fill_holes(np.zeros((4, 4), np.float32), min_directions=9)),
     "bins": (ValueError, lambda: orl.statistics(np.zeros((4, 4), np.float32), bins=0)),
     "progress not callable": (TypeError, lambda: orl.statistics(np.zeros((4, 4), np.uint8), progress=3)),
+    "distance mode": (ValueError, lambda: orl.distance_transform(np.ones((4, 4), np.uint8), mode="manhattan")),
+    "distance dtype": (TypeError, lambda: orl.distance_transform(np.ones((4, 4), np.uint8), dtype=np.int16)),
+    "skeleton method": (ValueError, lambda: orl.skeleton(np.ones((4, 4), np.uint8), method="medial")),
+    "reconstruction shapes": (ValueError, lambda: orl.grayscale_reconstruction(np.ones((4, 4)), np.ones((4, 5)))),
+    "resample empty shape": (ValueError, lambda: orl.resample(np.ones((4, 4)), (0, 4))),
+    "gradient int32": (TypeError, lambda: orl.gradient_orientation(np.ones((4, 4), np.int32))),
+    "fft integer": (TypeError, lambda: orl.fft(np.ones((4, 4), np.uint8))),
+    "ifft side not a power of two": (ValueError, lambda: orl.ifft(np.ones((3, 4), np.complex64))),
+    "color two bands": (ValueError, lambda: orl.convert_color(np.ones((2, 4, 4), np.float32), "rgb_to_hsv")),
+    "color uint16": (TypeError, lambda: orl.convert_color(np.ones((3, 4, 4), np.uint16), "rgb_to_hsv")),
+    "add shapes": (ValueError, lambda: orl.add(np.ones((4, 4)), np.ones((4, 5)))),
+    "add dtypes": (TypeError, lambda: orl.add(np.ones((4, 4), np.float32), np.ones((4, 4)))),
+    "out overlaps partly": (ValueError, lambda: (lambda m: orl.add(m[:4], m[:4], out=m[1:]))(np.ones((5, 4)))),
+    "astype int64": (TypeError, lambda: orl.astype(np.ones((4, 4)), np.int64)),
+    "index int32": (TypeError, lambda: orl.select_index(np.zeros((4, 4), np.int32), np.ones((2, 4, 4)))),
+    "medoid 2-D": (ValueError, lambda: orl.medoid(np.ones((4, 4)))),
+    "coefficient count": (ValueError, lambda: orl.predict_regression(np.ones((2, 4, 4)), [1.0, 2.0])),
+    "stratify dtype": (TypeError, lambda: orl.stratify(np.ones((1, 4, 4)), np.ones((2, 2)), dtype=np.int32)),
 }
 
 
@@ -124,8 +143,9 @@ def test_progress_reaches_one_and_its_exception_comes_back():
 
 
 @pytest.mark.parametrize("call", [lambda a: orl.fill_holes(a, max_distance=8),
-                                  lambda a: [orl.statistics(a, bins=b) for b in (16, 32, 64)]],
-                         ids=["fill_holes", "statistics"])
+                                  lambda a: [orl.statistics(a, bins=b) for b in (16, 32, 64)],
+                                  lambda a: [orl.distance_transform(a, method=m) for m in ("exact", "chamfer")]],
+                         ids=["fill_holes", "statistics", "distance_transform"])
 def test_gil_is_released(call):
     a = raster(np.float32, shape=(3000, 3000), holes=0.2)
     ticks, stop = [0], threading.Event()

@@ -10,7 +10,7 @@ namespace {
 
 struct SFillOptions
 {
-  SFilterArgs m_oArgs;
+  SBandsArgs m_oArgs;
   float m_fMaxDistance = 100.0f;
   unsigned int m_nMinDirections = 2;
   std::string m_strMask;
@@ -36,7 +36,7 @@ Ostrel::Band::CBand<TMaskPixel, TTag> ReadMask(const CInput& oMask, const SFillO
     throw CToolError(Text("%1%: the no-data value %2% does not fit the mask's pixel type", oMask.m_strPath,
                           oMask.m_dNoData));
   const double dLow = oOptions.m_oMaskRange.first, dHigh = oOptions.m_oMaskRange.second;
-  nHoles = 0;
+  std::atomic<std::uint64_t> nAtomicHoles(0);
   ReadBand(oMask, oBand, TLoggerPtr(), [&](const TMaskPixel* pData, std::size_t nPixels) {
     std::uint64_t nCount = 0;
     if (oOptions.m_bMaskRange)
@@ -45,8 +45,9 @@ Ostrel::Band::CBand<TMaskPixel, TTag> ReadMask(const CInput& oMask, const SFillO
     else
       for (std::size_t i = 0; i < nPixels; ++i)
         nCount += std::uint64_t(pData[i] == tMarker);
-    nHoles += nCount;
+    nAtomicHoles += nCount;
   });
+  nHoles = nAtomicHoles;
   if (oMask.m_bHasNoData)
     oBand.SetNoDataValue(tMarker);
   return oBand;
@@ -118,7 +119,7 @@ void RunFill(const SFillOptions& oOptions, const SGlobalOptions& oGlobal)
 TRunner DefineFill(CLI::App& oApp)
 {
   auto pOptions = std::make_shared<SFillOptions>();
-  AddFilterArgs(oApp, pOptions->m_oArgs);
+  AddBandsArgs(oApp, pOptions->m_oArgs, "IN", 2, 2);
   oApp.add_option("--max-distance,-d", pOptions->m_fMaxDistance,
                   "How far, in pixels, each hole looks for valid pixels along each of its eight lines")
     ->capture_default_str();

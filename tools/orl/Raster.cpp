@@ -200,12 +200,17 @@ COutput::~COutput()
   _Discard();
 }
 
-GDALRasterBandH COutput::Create(const CInput& oLike, GDALDataType eType, bool bNoData, double dNoData)
+GDALDatasetH COutput::Create(const CInput& oLike, unsigned int nBands, GDALDataType eType, unsigned int nWidth,
+                             unsigned int nHeight, bool bGeoreferenced)
 {
   char** papszOptions = nullptr;
   if (EQUAL(m_oOptions.m_strFormat.c_str(), "GTiff"))
+  {
     for (const char* szDefault : {"TILED=YES", "COMPRESS=ZSTD", "ZSTD_LEVEL=1", "BIGTIFF=IF_SAFER", "NUM_THREADS=ALL_CPUS"})
       papszOptions = CSLAddString(papszOptions, szDefault);
+    if (nBands > 1)
+      papszOptions = CSLAddString(papszOptions, "INTERLEAVE=BAND");
+  }
   for (const std::string& strOption : m_oOptions.m_vecCreationOptions)
   {
     const auto nEquals = strOption.find('=');
@@ -215,31 +220,37 @@ GDALRasterBandH COutput::Create(const CInput& oLike, GDALDataType eType, bool bN
   for (int nSignal : {SIGINT, SIGTERM, SIGHUP})
     std::signal(nSignal, RemoveTempAndExit);
   ResetGdalError();
-  m_hDataset = GDALCreate(m_hDriver, m_strTempPath.c_str(), int(oLike.m_nWidth), int(oLike.m_nHeight), 1, eType,
-                          papszOptions);
+  m_hDataset = GDALCreate(m_hDriver, m_strTempPath.c_str(), int(nWidth), int(nHeight), int(nBands), eType, papszOptions);
   CSLDestroy(papszOptions);
   if (!m_hDataset)
     throw CToolError(Text("cannot create %1%: %2%", m_strPath, GetGdalError()));
   double adTransform[6];
-  if (GDALGetGeoTransform(oLike.m_hDataset, adTransform) == CE_None)
+  if (bGeoreferenced && GDALGetGeoTransform(oLike.m_hDataset, adTransform) == CE_None)
+  {
+    const double dScaleX = double(oLike.m_nWidth) / nWidth, dScaleY = double(oLike.m_nHeight) / nHeight;
+    adTransform[1] *= dScaleX;
+    adTransform[4] *= dScaleX;
+    adTransform[2] *= dScaleY;
+    adTransform[5] *= dScaleY;
     GDALSetGeoTransform(m_hDataset, adTransform);
+  }
   const char* szProjection = GDALGetProjectionRef(oLike.m_hDataset);
-  if (szProjection && *szProjection)
+  if (bGeoreferenced && szProjection && *szProjection)
     GDALSetProjection(m_hDataset, szProjection);
-  GDALRasterBandH hBand = GDALGetRasterBand(m_hDataset, 1);
-  GDALSetDescription(hBand, GDALGetDescription(oLike.m_hBand));
-  GDALSetRasterUnitType(hBand, GDALGetRasterUnitType(oLike.m_hBand));
   int bHasScale = 0, bHasOffset = 0;
   const double dScale = GDALGetRasterScale(oLike.m_hBand, &bHasScale);
   const double dOffset = GDALGetRasterOffset(oLike.m_hBand, &bHasOffset);
-  if (bHasScale || bHasOffset)
+  for (unsigned int i = 1; i <= nBands; ++i)
   {
-    GDALSetRasterScale(hBand, dScale);
-    GDALSetRasterOffset(hBand, dOffset);
+    GDALRasterBandH hBand = GDALGetRasterBand(m_hDataset, int(i));
+    GDALSetRasterUnitType(hBand, GDALGetRasterUnitType(oLike.m_hBand));
+    if (bHasScale || bHasOffset)
+    {
+      GDALSetRasterScale(hBand, dScale);
+      GDALSetRasterOffset(hBand, dOffset);
+    }
   }
-  if (bNoData)
-    GDALSetRasterNoDataValue(hBand, dNoData);
-  return hBand;
+  return m_hDataset;
 }
 
 void COutput::Commit()

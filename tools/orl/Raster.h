@@ -11,7 +11,11 @@
 #include <boost/format.hpp>
 #include <gdal.h>
 
+#include <atomic>
 #include <cstdint>
+#include <exception>
+#include <mutex>
+#include <thread>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -131,9 +135,10 @@ public:
   COutput(const COutput&) = delete;
   COutput& operator=(const COutput&) = delete;
 
-  // One band of eType and the input's size, with its georeferencing, projection, band description,
-  // unit, scale and offset; the no-data value when bNoData.
-  GDALRasterBandH Create(const CInput& oLike, GDALDataType eType, bool bNoData, double dNoData);
+  // nBands bands of eType and nWidth x nHeight pixels, each with oLike's unit, scale and offset; when
+  // bGeoreferenced, oLike's projection and georeferencing, its pixel size scaled to the new size.
+  GDALDatasetH Create(const CInput& oLike, unsigned int nBands, GDALDataType eType, unsigned int nWidth,
+                      unsigned int nHeight, bool bGeoreferenced);
   void Commit();
   const std::string& GetPath() const { return m_strPath; }
 
@@ -148,8 +153,10 @@ private:
 };
 
 // Reads the input's band into oBand (of the input's size) strip by strip, converted by GDAL to
-// TPixel. fnVisit(const TPixel* p, std::size_t n) sees each strip right after it is read. Memory
-// bands are read in place; tile bands through one strip of memory.
+// TPixel. fnVisit(const TPixel* p, std::size_t n) sees each strip right after it is read, on the
+// thread that read it: memory bands of several strips are read by one thread per core, each through
+// its own handle of the file, so fnVisit must take calls on distinct strips at once. Tile bands are
+// read by one thread through one strip of memory.
 template <class TPixel, class TTag, class TVisit>
 void ReadBand(const CInput& oInput, Ostrel::Band::CBand<TPixel, TTag>& oBand, const TLoggerPtr& pLogger,
               TVisit&& fnVisit)
@@ -159,30 +166,75 @@ void ReadBand(const CInput& oInput, Ostrel::Band::CBand<TPixel, TTag>& oBand, co
   if (pLogger)
     pLogger->Push(Text("Read %1%", oInput.m_strPath), 1.0, double(nHeight), 0.0, false,
                   Harnel::Progress::eLayerOperation, Harnel::Progress::eLayerPublic, std::string());
-  std::unique_ptr<CBand<TPixel, SMemoryTag>> pStrip;
-  for (unsigned int y = 0; y < nHeight; y += oInput.m_nStripRows)
-  {
-    const unsigned int nRows = std::min(oInput.m_nStripRows, nHeight - y);
-    TPixel* pData = nullptr;
-    if constexpr (std::is_same<TTag, SMemoryTag>::value)
-      pData = oBand.GetRep().GetDataLocation() + std::size_t(y) * nWidth;
-    else
+  constexpr bool BMemory = std::is_same<TTag, SMemoryTag>::value;
+  const unsigned int nStrips = (nHeight + oInput.m_nStripRows - 1) / oInput.m_nStripRows;
+  std::atomic<unsigned int> nNextStrip(0);
+  std::mutex oProgressMutex;
+  // Reads the strips not yet taken, through hBand, until none is left.
+  const auto fnRead = [&](GDALRasterBandH hBand) {
+    std::unique_ptr<CBand<TPixel, SMemoryTag>> pStrip;
+    for (unsigned int nStrip; (nStrip = nNextStrip++) < nStrips;)
     {
-      if (!pStrip)
-        pStrip = std::make_unique<CBand<TPixel, SMemoryTag>>(nWidth, oInput.m_nStripRows);
-      pData = pStrip->GetRep().GetDataLocation();
+      const unsigned int y = nStrip * oInput.m_nStripRows;
+      const unsigned int nRows = std::min(oInput.m_nStripRows, nHeight - y);
+      TPixel* pData = nullptr;
+      if constexpr (BMemory)
+        pData = oBand.GetRep().GetDataLocation() + std::size_t(y) * nWidth;
+      else
+      {
+        if (!pStrip)
+          pStrip = std::make_unique<CBand<TPixel, SMemoryTag>>(nWidth, oInput.m_nStripRows);
+        pData = pStrip->GetRep().GetDataLocation();
+      }
+      if (GDALRasterIO(hBand, GF_Read, 0, int(y), int(nWidth), int(nRows), pData, int(nWidth), int(nRows),
+                       SGdalType<TPixel>::ms_eType, 0, 0) != CE_None)
+        throw CToolError(Text("cannot read %1%: %2%", oInput.m_strPath, GetGdalError()));
+      fnVisit(static_cast<const TPixel*>(pData), std::size_t(nWidth) * nRows);
+      if constexpr (!BMemory)
+        Copy2D(static_cast<const CBand<TPixel, SMemoryTag>&>(*pStrip).GetBandIterators(TRect(0, 0, nWidth, nRows)),
+               oBand.GetBandIterators(TRect(0, y, nWidth, nRows)), TLoggerPtr(), SAllowParallelFor());
+      if (pLogger)
+      {
+        const std::lock_guard<std::mutex> oLock(oProgressMutex);
+        pLogger->IncrementProgress(nRows);
+      }
     }
-    ResetGdalError();
-    if (GDALRasterIO(oInput.m_hBand, GF_Read, 0, int(y), int(nWidth), int(nRows), pData, int(nWidth), int(nRows),
-                     SGdalType<TPixel>::ms_eType, 0, 0) != CE_None)
-      throw CToolError(Text("cannot read %1%: %2%", oInput.m_strPath, GetGdalError()));
-    fnVisit(static_cast<const TPixel*>(pData), std::size_t(nWidth) * nRows);
-    if constexpr (!std::is_same<TTag, SMemoryTag>::value)
-      Copy2D(static_cast<const CBand<TPixel, SMemoryTag>&>(*pStrip).GetBandIterators(TRect(0, 0, nWidth, nRows)),
-             oBand.GetBandIterators(TRect(0, y, nWidth, nRows)), TLoggerPtr(), SAllowParallelFor());
-    if (pLogger)
-      pLogger->IncrementProgress(nRows);
+  };
+  ResetGdalError();
+  const unsigned int nThreads = BMemory ? std::min(std::max(std::thread::hardware_concurrency(), 1u), nStrips) : 1;
+  std::vector<std::thread> vecThreads;
+  std::vector<std::exception_ptr> vecErrors(nThreads);
+  for (unsigned int i = 1; i < nThreads; ++i)
+    vecThreads.emplace_back([&, i] {
+      try
+      {
+        const std::unique_ptr<void, void (*)(void*)> pOwn(
+          GDALOpenEx(oInput.m_strPath.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr),
+          [](void* hDataset) { if (hDataset) GDALClose(hDataset); });
+        if (!pOwn)
+          throw CToolError(Text("cannot read %1%: %2%", oInput.m_strPath, GetGdalError()));
+        fnRead(GDALGetRasterBand(pOwn.get(), oInput.m_nBand));
+      }
+      catch (...)
+      {
+        vecErrors[i] = std::current_exception();
+        nNextStrip = nStrips; // the others stop at their next strip
+      }
+    });
+  try
+  {
+    fnRead(oInput.m_hBand);
   }
+  catch (...)
+  {
+    vecErrors[0] = std::current_exception();
+    nNextStrip = nStrips;
+  }
+  for (std::thread& oThread : vecThreads)
+    oThread.join();
+  for (const std::exception_ptr& pError : vecErrors)
+    if (pError)
+      std::rethrow_exception(pError);
   if (pLogger)
     pLogger->Pop();
 }

@@ -56,7 +56,7 @@ void PrintStats(const CInput& oInput, const SStatsOptions& oOptions, const SGlob
   if (pLogger) // reading 1, the two passes over the band 1
     pLogger->Push("orl stats", 1.0, 2.0, 0.0, false, eLayerOperation, eLayerPublic, std::string());
   std::uint64_t nInvalidRead = 0;
-  auto oBand = ReadInput<TPixel, TTag>(oInput, pLogger, nInvalidRead);
+  auto oBand = ReadInput<TPixel, TTag, false>(oInput, pLogger, nInvalidRead); // the band counts its own
   if (oOptions.m_nBins)
     oBand.SetHistogramBins(oOptions.m_nBins);
   const bool bApprox = oOptions.m_bApprox;

@@ -23,6 +23,20 @@ const SCommand g_aCommands[] = {
   {"fill", "Fill no-data holes by inverse-distance interpolation along rows, columns and diagonals", &DefineFill},
   {"stats", "Counts, extremes, mean, standard deviation, median, mode, percentiles and histogram of a band",
    &DefineStats},
+  {"distance", "Distance of each pixel to the nearest zero pixel: exact (Meijster) or chamfer", &DefineDistance},
+  {"thin", "Skeleton of the non-zero pixels: Zhang-Suen, Guo-Hall A1 or A2, or simple thinning", &DefineThin},
+  {"reconstruct", "Grayscale reconstruction by dilation of a marker under a mask", &DefineReconstruct},
+  {"equalize", "Histogram equalization", &DefineEqualize},
+  {"resample", "Resample by a factor or to a size: nearest, bilinear, cubic, lanczos3 or average", &DefineResample},
+  {"fft", "2-D Fourier transform into a real and an imaginary band, or back", &DefineFft},
+  {"gradient", "Sobel gradient orientation in [0, pi) radians, averaged over cells", &DefineGradient},
+  {"mask", "Set to no-data the pixels that a mask blanks", &DefineMask},
+  {"calc", "Pixel arithmetic: one band and options, two bands, or a band and a constant", &DefineCalc},
+  {"convert", "Copy a band into another pixel type, rounded and saturated", &DefineConvert},
+  {"color", "Colour space conversion of three bands (RGB, HSV, HSL, YCbCr, Lab, gray)", &DefineColor},
+  {"medoid", "Per pixel, the medoid of a stack of bands", &DefineMedoid},
+  {"select", "Per pixel, the band of a stack that an index band names", &DefineSelect},
+  {"merge-masks", "Weighted majority vote of mask bands", &DefineMergeMasks},
 };
 
 } // namespace
@@ -53,18 +67,68 @@ TLoggerPtr MakeLogger(const SGlobalOptions& oGlobal)
   return boost::make_shared<CLogger>(boost::make_shared<CConsoleProgressSink>(std::cerr), eVerbosityNotice);
 }
 
-void AddFilterArgs(CLI::App& oApp, SFilterArgs& oArgs)
+void AddBandsArgs(CLI::App& oApp, SBandsArgs& oArgs, const std::string& strInputs, std::size_t nMinPaths,
+                  std::size_t nMaxPaths)
 {
-  oApp.add_option("IN", oArgs.m_strIn, "Input raster (any format GDAL reads)")->required();
-  oApp.add_option("OUT", oArgs.m_strOut, "Output raster, written beside under a temporary name and renamed when done")
-    ->required();
-  oApp.add_option("-b,--band", oArgs.m_nBand, "Band number, from 1")->capture_default_str();
+  oApp.add_option(strInputs + " OUT", oArgs.m_vecPaths,
+                  "Input rasters (any format GDAL reads), then the output raster, written beside under a "
+                  "temporary name and renamed when done")
+    ->required()
+    ->expected(int(nMinPaths), nMaxPaths ? int(nMaxPaths) : -1);
+  oApp.add_option("-b,--band", oArgs.m_vecBands, "Band numbers, from 1, e.g. 1 or 3,2,1")->delimiter(',')->allow_extra_args(false);
   oApp.add_option("--of", oArgs.m_oOutput.m_strFormat, "Output format, a GDAL driver name (also -of)")->capture_default_str();
   oApp.add_option("--co", oArgs.m_oOutput.m_vecCreationOptions,
                   "Creation option NAME=VALUE (also -co), repeatable; GTiff defaults: TILED=YES COMPRESS=ZSTD ZSTD_LEVEL=1 "
                   "BIGTIFF=IF_SAFER NUM_THREADS=ALL_CPUS")
     ->allow_extra_args(false);
   oApp.add_flag("--overwrite", oArgs.m_oOutput.m_bOverwrite, "Replace OUT if it exists (only once the run succeeds)");
+}
+
+std::vector<std::unique_ptr<CInput>> OpenInputs(const SBandsArgs& oArgs, const SFilterShape& oShape,
+                                                const std::string& strName)
+{
+  const std::vector<std::string> vecFiles(oArgs.m_vecPaths.begin(), oArgs.m_vecPaths.end() - 1);
+  std::vector<std::pair<std::string, int>> vecBands;
+  if (vecFiles.size() == 1 && oArgs.m_vecBands.size() != 1)
+  {
+    std::vector<int> vecNumbers = oArgs.m_vecBands;
+    if (vecNumbers.empty())
+    {
+      // The first band's opening checks the file.
+      const unsigned int nBands = unsigned(GDALGetRasterCount(CInput(vecFiles[0], 1).m_hDataset));
+      if (nBands < oShape.m_nInputs)
+        throw CToolError(Text("%1% takes %2% input bands: %3% has %4%", strName, oShape.m_nInputs, vecFiles[0], nBands));
+      const unsigned int nCount = oShape.m_nInputs ? oShape.m_nInputs : nBands;
+      for (unsigned int i = 1; i <= nCount; ++i)
+        vecNumbers.push_back(int(i));
+    }
+    for (const int nBand : vecNumbers)
+      vecBands.emplace_back(vecFiles[0], nBand);
+  }
+  else if (oArgs.m_vecBands.size() <= 1)
+    for (const std::string& strFile : vecFiles)
+      vecBands.emplace_back(strFile, oArgs.m_vecBands.empty() ? 1 : oArgs.m_vecBands[0]);
+  else
+    throw CToolError(Text("-b takes one band for several input files, or a list of bands of one file"), 2);
+  if (oShape.m_nInputs != 0 && vecBands.size() != oShape.m_nInputs)
+    throw CToolError(Text("%1% takes %2% input band(s), not %3%", strName, oShape.m_nInputs, vecBands.size()), 2);
+  std::vector<std::unique_ptr<CInput>> vecInputs;
+  for (const auto& oBand : vecBands)
+  {
+    vecInputs.push_back(std::make_unique<CInput>(oBand.first, oBand.second));
+    const CInput& oInput = *vecInputs.back();
+    if (oInput.m_nWidth != vecInputs[0]->m_nWidth || oInput.m_nHeight != vecInputs[0]->m_nHeight)
+      throw CToolError(Text("%1% is %2% x %3% pixels, %4% %5% x %6%", oInput.m_strPath, oInput.m_nWidth,
+                            oInput.m_nHeight, vecInputs[0]->m_strPath, vecInputs[0]->m_nWidth, vecInputs[0]->m_nHeight));
+  }
+  return vecInputs;
+}
+
+void NoteConversion(const CInput& oInput, GDALDataType eType, const std::string& strName)
+{
+  if (oInput.m_eWorkingType != eType)
+    Note(Text("%1% band %2%: %3% pixels are read as %4% for %5%", oInput.m_strPath, oInput.m_nBand,
+              GDALGetDataTypeName(oInput.m_eWorkingType), GDALGetDataTypeName(eType), strName));
 }
 
 }} // namespace Orl::Tools
@@ -92,7 +156,7 @@ int main(int argc, char** argv)
   // GDAL's tools spell these with one dash, which CLI11 takes for a cluster of short options.
   std::vector<std::string> vecArgs(argv + 1, argv + argc);
   for (std::string& strArg : vecArgs)
-    if (strArg == "-of" || strArg == "-co")
+    if (strArg == "-of" || strArg == "-co" || strArg == "-ot")
       strArg.insert(0, "-");
   std::reverse(vecArgs.begin(), vecArgs.end());
   try
@@ -113,6 +177,9 @@ int main(int argc, char** argv)
   GDALAllRegister();
   if (!CPLGetConfigOption("GDAL_NUM_THREADS", nullptr))
     CPLSetConfigOption("GDAL_NUM_THREADS", "ALL_CPUS");
+  // Uncompressed GeoTIFF strips are read straight into the band, not through GDAL's block cache.
+  if (!CPLGetConfigOption("GTIFF_DIRECT_IO", nullptr))
+    CPLSetConfigOption("GTIFF_DIRECT_IO", "YES");
   // Whole strips go through GDAL once: its block cache only needs to hold the blocks of one strip.
   if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
     GDALSetCacheMax64(std::int64_t(64) << 20);

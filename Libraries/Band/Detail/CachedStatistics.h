@@ -8,7 +8,9 @@
 //   never by an approximate one. An approximate question on a band whose GetApproxRects() is the
 //   whole band is an exact question.
 // - Results a calculation brings along (counts with everything, extremes with the moments) are
-//   stored too, but never over an exact result with an approximate one.
+//   stored too, but never over an exact result with an approximate one. The extremes are always
+//   asked for with the moments (CalcMinMaxMeanVar), so the first of GetMinMax, GetMeanVariance and
+//   the histogram getters walks the band for all of extremes, moments and counts.
 // - The histogram, median and mode were computed over the range that stands in m_tMin, m_tMax. When
 //   an exact minimum and maximum replace approximate ones, the approximate histogram built on those
 //   goes; nothing else ever changes the extremes while a histogram is current.
@@ -25,6 +27,7 @@
 
 #include <cassert>
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
@@ -45,7 +48,9 @@ public:
 
   void GetCounts(unsigned long& nValid, unsigned long& nInvalid)
   {
-    if (!_IsCurrent(eResultCounts))
+    if (!_IsCurrent(eResultCounts) && m_oRecord.m_bHasNoDataValue)
+      _CalcMoments(); // a walk anyway: let it bring the rest
+    if (!_IsCurrent(eResultCounts)) // without no-data no pixel is looked at
     {
       unsigned long nNewValid, nNewInvalid;
       m_oRecord.m_pCalculator->CalcCounts(nNewValid, nNewInvalid, m_bApproximate, m_pLogger);
@@ -62,27 +67,11 @@ public:
     tMax = m_oRecord.m_tMax;
   }
 
-  // One traversal gives the extremes as well, and it runs in parallel also without no-data.
+  // One traversal gives the extremes and counts as well, and it runs in parallel also without no-data.
   void GetMeanVariance(double& dMean, double& dVariance)
   {
     if (!_IsCurrent(eResultMean) || !_IsCurrent(eResultVariance))
-    {
-      TPixel tMin, tMax;
-      unsigned long nValid, nInvalid;
-      double dNewMean, dNewVariance;
-      m_oRecord.m_pCalculator->CalcMinMaxMeanVar(tMin, tMax, nValid, dNewMean, dNewVariance, nInvalid, m_bApproximate,
-                                                 m_pLogger);
-      if (nValid != 0) // with nothing valid CalcMinMax answers differently; leave the extremes to it
-        _StoreMinMax(tMin, tMax);
-      _StoreCounts(nValid, nInvalid);
-      if (_MayStore(eResultMean))
-      {
-        m_oRecord.m_dMean = dNewMean;
-        m_oRecord.m_dVariance = dNewVariance;
-        _Mark(eResultMean);
-        _Mark(eResultVariance);
-      }
-    }
+      _CalcMoments();
     dMean = m_oRecord.m_dMean;
     dVariance = m_oRecord.m_dVariance;
   }
@@ -186,15 +175,36 @@ private:
     _Mark(eResultMinMax);
   }
 
+  // The extremes come from the moments pass, which costs about what a pass for the extremes alone
+  // does and leaves mean, variance and counts in the record: a band's getters then walk it at most
+  // twice, once for these and once for the histogram.
   void _EnsureMinMax()
   {
-    if (_IsCurrent(eResultMinMax))
-      return;
+    if (!_IsCurrent(eResultMinMax))
+      _CalcMoments();
+  }
+
+  void _CalcMoments()
+  {
     TPixel tMin, tMax;
     unsigned long nValid, nInvalid;
-    m_oRecord.m_pCalculator->CalcMinMax(tMin, tMax, nValid, nInvalid, m_bApproximate, m_pLogger);
+    double dMean, dVariance;
+    m_oRecord.m_pCalculator->CalcMinMaxMeanVar(tMin, tMax, nValid, dMean, dVariance, nInvalid, m_bApproximate,
+                                               m_pLogger);
+    if (nValid == 0 && !m_oRecord.m_bHasNoDataValue) // an empty band: the extremes' empty state, as CalcMinMax
+    {
+      tMin = std::numeric_limits<TPixel>::max();
+      tMax = std::numeric_limits<TPixel>::lowest();
+    }
     _StoreMinMax(tMin, tMax);
     _StoreCounts(nValid, nInvalid);
+    if (_MayStore(eResultMean))
+    {
+      m_oRecord.m_dMean = dMean;
+      m_oRecord.m_dVariance = dVariance;
+      _Mark(eResultMean);
+      _Mark(eResultVariance);
+    }
   }
 
   void _EnsureHistogram()

@@ -12,6 +12,10 @@
 // one tile) the array is the band's own memory, and the object keeps a copy of the iterator so that a
 // tile stays held while the array is in use; where they are several runs, they go through a buffer,
 // run by run; an iterator without runs is stepped pixel by pixel with its X mover.
+//
+// Both notice a walk down or up the band (the same columns, row after row) and pass it on as a hint
+// to storage that reads ahead (SRowRuns::ReadAhead): a tile band then brings the next row of tiles
+// back from its spill file while the current one is worked on.
 
 #include "Band/Detail/RowRuns.h"
 
@@ -26,6 +30,39 @@ namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
 template <class TIterator>
 using TRowPixel = std::remove_cv_t<std::remove_reference_t<decltype(*std::declval<const TIterator&>())>>;
 
+// The hint of a row walk: whether the rows asked for go down or up the band over the same columns.
+template <class TIterator>
+class CRowWalkHint
+{
+public:
+  void Note(const TIterator& it, std::uint32_t nCount)
+  {
+    if constexpr (SRowRuns<TIterator>::value)
+      if constexpr (SRowRuns<TIterator>::ms_bReadAhead)
+      {
+        const int nX = int(it.X), nY = int(it.Y);
+        const bool bWalk = m_bValid && nX == m_nX && nCount == m_nCount && nY != m_nY;
+        if (bWalk)
+          SRowRuns<TIterator>::ReadAhead(it, int(nCount), m_nY, !m_bWalking);
+        m_bWalking = bWalk;
+        m_bValid = true;
+        m_nX = nX;
+        m_nY = nY;
+        m_nCount = nCount;
+        return;
+      }
+    (void)it;
+    (void)nCount;
+  }
+
+private:
+  bool m_bValid = false;
+  bool m_bWalking = false; // the row before was already a step of the walk
+  int m_nX = 0;
+  int m_nY = 0;
+  std::uint32_t m_nCount = 0;
+};
+
 template <class TIterator>
 class CRowReader
 {
@@ -34,6 +71,7 @@ public:
 
   const TPixel* Read(const TIterator& it, std::uint32_t nCount)
   {
+    m_oHint.Note(it, nCount);
     m_oIt.emplace(it);
     if constexpr (SRowRuns<TIterator>::value)
     {
@@ -60,6 +98,7 @@ public:
 private:
   std::optional<TIterator> m_oIt;
   std::vector<TPixel> m_vecBuffer;
+  CRowWalkHint<TIterator> m_oHint;
 };
 
 template <class TIterator>
@@ -70,6 +109,7 @@ public:
 
   TPixel* BeginWrite(const TIterator& it, std::uint32_t nCount)
   {
+    m_oHint.Note(it, nCount);
     m_oIt.emplace(it);
     m_nCount = nCount;
     m_bDirect = false;
@@ -109,6 +149,7 @@ private:
   std::vector<TPixel> m_vecBuffer;
   std::uint32_t m_nCount = 0;
   bool m_bDirect = false;
+  CRowWalkHint<TIterator> m_oHint;
 };
 
 }}}} // namespace Orl::Ostrel::Band::Detail

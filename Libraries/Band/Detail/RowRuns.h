@@ -11,16 +11,37 @@
 //   Length(it)      pixels from the current one to the run's end (at least 1, while in the band)
 //   Pointer(it)     &*it, const for read-only iterators
 //   Advance(it, n)  n steps of ++it.X, n at most Length(it)
+//   ms_bReadAhead, ReadAhead(it, n, y, bAlways)
+//                   whether the storage reads ahead, and the hint of a row walk (see
+//                   CTileBandIterator::ReadAheadOfWalk); a no-op where memory is all there is
 
 #include "Band/MemoryBandIterator.h"
 #include "Band/TileBandIterator.h"
+#include "Foundation/BadArgument.h"
 #include "Foundation/Point.h"
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <cstdlib>
 #include <type_traits>
 
 namespace Orl { namespace Ostrel { namespace Band { namespace Detail {
+
+// Throws CBasicException unless the rectangle a begin/end pair walks lies inside the band: it runs
+// |end - begin| pixels forward from begin on each axis, also where end is before begin. An empty
+// rectangle is inside any band. Needs the band's size from the iterator (GetBandWidth/Height).
+template <class TIterator>
+void CheckSourceInside(const TIterator& itBegin, const TIterator& itEnd)
+{
+  const std::int64_t nX = itBegin.X, nY = itBegin.Y;
+  const std::int64_t nColumns = std::abs(std::int64_t(itEnd.X) - nX), nRows = std::abs(std::int64_t(itEnd.Y) - nY);
+  const std::int64_t nBandWidth = std::int64_t(itBegin.GetBandWidth()), nBandHeight = std::int64_t(itBegin.GetBandHeight());
+  if (nColumns != 0 && nRows != 0 && (nX < 0 || nY < 0 || nX + nColumns > nBandWidth || nY + nRows > nBandHeight))
+    Harnel::ThrowBadArgument(__FILE__, __LINE__,
+                             "A source of %1% x %2% pixels at (%3%, %4%) reaches outside its band of %5% x %6% pixels",
+                             nColumns, nRows, nX, nY, nBandWidth, nBandHeight);
+}
 
 template <class TIterator>
 struct SRowRuns : std::false_type
@@ -33,6 +54,8 @@ struct SMemoryRowRuns : std::true_type
   static int Length(const TIterator&) { return INT_MAX; }
   static auto Pointer(const TIterator& it) { return &*it; }
   static void Advance(TIterator& it, int nCount) { it.X += nCount; }
+  static constexpr bool ms_bReadAhead = false;
+  static void ReadAhead(const TIterator&, int, int, bool) {}
 };
 
 template <class TPixel, class TCoord>
@@ -51,6 +74,11 @@ struct STileRowRuns : std::true_type
   static int Length(const TIterator& it) { return it.GetRunLength(); }
   static auto Pointer(const TIterator& it) { return it.GetRunPointer(); }
   static void Advance(TIterator& it, int nCount) { it.AdvanceX(nCount); }
+  static constexpr bool ms_bReadAhead = true;
+  static void ReadAhead(const TIterator& it, int nCount, int nPreviousY, bool bAlways)
+  {
+    it.ReadAheadOfWalk(nCount, nPreviousY, bAlways);
+  }
 };
 
 template <class TPixel, class TCoord, bool bMutable>

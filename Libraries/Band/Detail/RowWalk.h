@@ -7,7 +7,7 @@
 // functor has one, else pixel by pixel. How runs are cut is the one thing that could make a result
 // depend on the storage: a memory band's row is one run, a tile band's breaks at tile borders. So for
 // a functor that is not order-free (see Math/StatisticFunctors.h) the row loop only ever sees pieces
-// that end at band columns that are multiples of the pixel type's tile width: every storage hands the
+// that end at band columns that are multiples of the pixel type's tile width (SWalkGrid): every storage hands the
 // functor the same pieces, and the same bits come out.
 
 #include "Band/Detail/RowRuns.h"
@@ -49,7 +49,7 @@ inline void TakeInRun(const TPixel* pRun, int nCount, int nColumn, TFunctor& oFu
     oFunctor.ApplyRow(pRun, std::size_t(nCount), oPredicate);
   else if constexpr (bRowLoop && eOrder == eTilePieces)
   {
-    constexpr int nPiece = int(STileSize<TPixel>::ms_nX);
+    constexpr int nPiece = int(SWalkGrid<TPixel>::ms_nPieceX);
     for (int nLength; nCount > 0; pRun += nLength, nColumn += nLength, nCount -= nLength)
     {
       nLength = std::min(nCount, nPiece - ((nColumn % nPiece) + nPiece) % nPiece);

@@ -71,4 +71,46 @@ TPixel DoubleToPixel(double d)
     return static_cast<TPixel>(std::uint64_t(TruncateToInt64(d)));
 }
 
+// Rounding to integer pixels, independent of the current rounding mode (std::nearbyint and lrint
+// follow it): halves go away from zero, results saturate at both ends of TTo, infinities included.
+// The work happens in TRoundWide<TTo> lanes, as wide as a float, so that loops over float values
+// vectorise without narrowing their masks; only unsigned int needs the 64-bit integer.
+template <class TTo>
+using TRoundWide = typename std::conditional<std::is_same<TTo, unsigned int>::value, std::int64_t, std::int32_t>::type;
+
+// x rounded and saturated, as a TRoundWide<TTo> in [lowest, max] of TTo; NaN gives lowest. Exact: the
+// truncation is a conversion and x - trunc(x) has no rounding error, so only the fraction's two
+// comparisons decide; float values for 32-bit integers go through double. Branch-free: the clamp is
+// a maximum and a minimum, the step a compare mask.
+template <class TTo, class TFrom>
+inline TRoundWide<TTo> RoundToWide(TFrom x)
+{
+  static_assert(std::is_integral<TTo>::value && std::is_floating_point<TFrom>::value, "a value to an integer");
+  if constexpr (sizeof(TTo) > 2 && sizeof(TFrom) == 4)
+    return RoundToWide<TTo>(double(x)); // float cannot hold the bounds of 32-bit integers
+  else
+  {
+    using TWide = TRoundWide<TTo>;
+    constexpr TFrom tLow = TFrom(std::numeric_limits<TTo>::lowest());
+    constexpr TFrom tHigh = TFrom(std::numeric_limits<TTo>::max());
+    static_assert(TFrom(TTo(tHigh)) == tHigh, "the bounds of TTo must be exact in TFrom");
+    x = x > tLow ? x : tLow; // NaN to tLow
+    x = x < tHigh ? x : tHigh;
+    const TWide t = TWide(x);
+    const TFrom tFraction = x - TFrom(t);
+    return t + TWide(tFraction >= TFrom(0.5)) - TWide(tFraction <= TFrom(-0.5));
+  }
+}
+
+// x as a pixel of TTo: integers rounded half away from zero and saturated (NaN gives lowest),
+// floating types converted as they are.
+template <class TTo, class TFrom>
+inline TTo RoundToPixel(TFrom x)
+{
+  if constexpr (std::is_floating_point<TTo>::value)
+    return TTo(x);
+  else
+    return TTo(RoundToWide<TTo>(x));
+}
+
 }}}} // namespace Orl::Ostrel::Filter::Detail

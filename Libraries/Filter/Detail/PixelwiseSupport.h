@@ -4,6 +4,7 @@
 // a mask, the conversion of a computed value to a pixel (rounding, saturation, NaN to no-data), the
 // checks every Apply makes before it writes, and the filter's own progress layer.
 
+#include "Filter/Detail/PixelConversion.h"
 #include "Filter/Detail/PixelwiseWalk.h"
 #include "Filter/FilterBase.h"
 #include "Foundation/BasicException.h"
@@ -50,37 +51,20 @@ std::vector<SNoDataTest<typename TBand::TPixel>> NoDataTests(const std::vector<T
 template <class TPixel>
 using TComputeOf = typename std::conditional<std::is_same<TPixel, float>::value, float, double>::type;
 
-// A value in [lowest, max] of TTo, rounded to the nearest integer, halves away from zero. Exact:
-// x - trunc(x) has no rounding error. Branch-free, so that loops over it vectorise.
-template <class TTo, class TFrom>
-inline TTo SaturateRound(TFrom x)
-{
-  if constexpr (std::is_floating_point<TTo>::value)
-    return TTo(x);
-  else
-  {
-    constexpr TFrom tLow = TFrom(std::numeric_limits<TTo>::lowest());
-    constexpr TFrom tHigh = TFrom(std::numeric_limits<TTo>::max());
-    static_assert(TFrom(TTo(tHigh)) == tHigh, "the bounds of TTo must be exact in TFrom");
-    x = x < tLow ? tLow : x;
-    x = x > tHigh ? tHigh : x;
-    using TWide = typename std::conditional<(sizeof(TTo) < 4 || std::is_same<TTo, int>::value), int, long long>::type;
-    TWide t = TWide(x);
-    const TFrom tFraction = x - TFrom(t);
-    t += TWide(tFraction >= TFrom(0.5)) - TWide(tFraction <= TFrom(-0.5));
-    return TTo(t);
-  }
-}
-
-// A computed value as a pixel of TTo: NaN (and bInvalid) give tNoData, the rest is rounded and
-// saturated for integer types; floating types take it as a conversion would (beyond float's range
-// that is an infinity).
+// A computed value as a pixel of TTo: NaN (and bInvalid) give tNoData, the rest goes through
+// RoundToPixel. The no-data choice is made in the rounding's integer lanes, so that a loop over float
+// values and a narrower TTo keeps its masks as wide as the values.
 template <class TTo, class TFrom>
 inline TTo ToPixel(TFrom x, bool bInvalid, TTo tNoData)
 {
   bInvalid |= (x != x);
-  const TTo tValue = SaturateRound<TTo>(bInvalid ? TFrom(0) : x);
-  return bInvalid ? tNoData : tValue;
+  if constexpr (std::is_floating_point<TTo>::value)
+    return bInvalid ? tNoData : TTo(x);
+  else
+  {
+    const TRoundWide<TTo> t = RoundToWide<TTo>(x);
+    return TTo(bInvalid ? TRoundWide<TTo>(tNoData) : t);
+  }
 }
 
 // The type in which a pixel of TFrom is converted to TTo: float where float holds both exactly.

@@ -6,6 +6,7 @@
 // Also the few things these filters share: the parallel loop over rows, progress and size errors.
 
 #include "Band/Detail/RowRuns.h"
+#include "Filter/Detail/PixelConversion.h"
 #include "Foundation/BadArgument.h"
 #include "Foundation/BasicException.h"
 #include "Foundation/Logger.h"
@@ -119,22 +120,15 @@ using TSumType = std::conditional_t<std::is_same<TPixel, double>::value ||
                                       (std::is_integral<TPixel>::value && sizeof(TPixel) >= 4),
                                     double, float>;
 
-// A computed value as a pixel: integers rounded to nearest and clamped to the type (NaN gives 0).
+// A computed value as a pixel: integers rounded to nearest, halves away from zero whatever the
+// floating-point rounding mode, and clamped to the type; NaN gives 0.
 template <class TPixel, class TValue>
 inline TPixel ToPixel(TValue tValue)
 {
   if constexpr (std::is_integral<TPixel>::value)
-  {
-    const TValue tLow = TValue(std::numeric_limits<TPixel>::lowest());
-    const TValue tHigh = TValue(std::numeric_limits<TPixel>::max());
-    if (!(tValue > tLow)) // NaN too
-      return tValue == tValue ? std::numeric_limits<TPixel>::lowest() : TPixel(0);
-    if (tValue >= tHigh)
-      return std::numeric_limits<TPixel>::max();
-    return TPixel(std::nearbyint(tValue));
-  }
-  else
-    return TPixel(tValue);
+    if (tValue != tValue)
+      return TPixel(0);
+  return RoundToPixel<TPixel>(tValue);
 }
 
 // Whether a source pixel takes part: not the no-data value, and not NaN.

@@ -104,6 +104,13 @@ TEST(TileCacheStressTest, ThreadsGettingWritingAndReplacingTilesUnderConstantSpi
           oCache.SetMemoryBudget((nStep % 2 ? 8 : 16) * nBlock);
           continue;
         }
+        if (nAction < 6)
+        {
+          // A walk's hint: the band's tiles come back on the cache's threads while others go out.
+          boost::unique_lock<boost::mutex> oLock(oBand.m_oMutex);
+          oCache.ReadAhead(oBand.m_vecIds.data(), oBand.m_vecIds.size());
+          continue;
+        }
         const bool bWrite = nAction < 40;
         boost::shared_ptr<CTileBase> pTile;
         {
