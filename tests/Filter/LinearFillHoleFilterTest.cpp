@@ -46,7 +46,7 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBitOnEveryBandKi
 {
   using TPixel = typename TypeParam::first_type;
   using TMask = typename TypeParam::second_type;
-  // One thread sweeps alone; two and four (also on fewer cores) sweep the wider bands in column blocks.
+  // One thread sweeps alone; two and four (also on fewer cores) sweep the taller bands in stripes.
   ForEachRandomCase<TPixel, TMask>([](const SCase<TPixel, TMask>& oCase, const SParams& oParams,
                                       const std::string& strCase) {
     const auto oExpected = Reference(oCase, oParams);
@@ -146,23 +146,24 @@ TYPED_TEST(LinearFillHoleTagTest, BadArgumentsAreRefusedBeforeAPixelIsWritten)
     {"holes but a bound of 0", 40, 30, 40, 30, 40, 30, 30},
     {"source taller than the destination", 40, 31, 40, 30, 40, 31, 0},
     {"source wider than the mask", 41, 30, 41, 30, 40, 30, 0},
-    {"one hole more than the bound, holes in several blocks", 600, 30, 600, 30, 600, 30, 1},
+    {"one hole more than the bound, holes in several stripes", 40, 600, 40, 600, 40, 600, 1},
   };
   for (const SRow& o : aRows)
   {
     TBand oSrc(o.m_nSrcW, o.m_nSrcH), oDest(o.m_nDestW, o.m_nDestH), oMask(o.m_nMaskW, o.m_nMaskH);
     oSrc.Clear(1.0f);
-    // Thirty holes in row 2, a step of W / 40 apart: on the widest band, in more than one block.
+    // Thirty holes on a diagonal, H / 30 rows apart: on the tallest band, in more than one stripe.
     for (unsigned x = 0; x < 30; ++x)
     {
-      auto itHole = boost::get<0>(oSrc.GetBandIterators(CRect(x * (o.m_nSrcW / 40), 2, 1, 1)));
+      auto itHole = boost::get<0>(oSrc.GetBandIterators(CRect(x, x * (o.m_nSrcH / 30), 1, 1)));
       *itHole = NAN;
     }
     oDest.Clear(7.0f);
     const unsigned nBound = unsigned(30 - o.m_nBoundBelowHoles);
-    EXPECT_THROW(CFilter(nBound, 1, 5.0f, false).Apply(oDest, oSrc, oMask),
-                 Orl::Harnel::CBasicException)
-      << o.m_pName;
+    tbb::task_arena(4).execute([&] {
+      EXPECT_THROW(CFilter(nBound, 1, 5.0f, false).Apply(oDest, oSrc, oMask), Orl::Harnel::CBasicException)
+        << o.m_pName;
+    });
     const auto vecDest = Orl::Test::ReadPixels(oDest);
     EXPECT_EQ(std::count(vecDest.begin(), vecDest.end(), 7.0f), std::ptrdiff_t(vecDest.size())) << o.m_pName;
   }

@@ -266,6 +266,24 @@ public:
       _Classify<BUseMask, false>(pSrc, pMask, oComparator, oValid, pCopy);
   }
 
+  // The class of one pixel; tMask is looked at only with BUseMask.
+  template <bool BUseMask, class TPixel, class TMaskPixel, class TComparator, class TValid>
+  static unsigned char ClassOf(TPixel tPixel, TMaskPixel tMask, const TComparator& oComparator, const TValid& oValid)
+  {
+    const unsigned char nInvalid = !oValid(tPixel);
+    if constexpr (BUseMask)
+    {
+      const unsigned char nSelected = oComparator(tMask);
+      return static_cast<unsigned char>(nSelected | ((nInvalid & (nSelected ^ 1)) << 1));
+    }
+    else
+    {
+      (void)tMask;
+      (void)oComparator;
+      return nInvalid;
+    }
+  }
+
   // A row beyond the band: no events.
   void SetOutside() { std::fill(m_vecEvents.begin(), m_vecEvents.end(), std::uint64_t(0)); }
 
@@ -304,18 +322,7 @@ private:
       const TPixel tPixel = pSrc[n];
       if constexpr (BCopy)
         pCopy[n] = tPixel;
-      const unsigned char nInvalid = !oValidCopy(tPixel);
-      if constexpr (BUseMask)
-      {
-        const unsigned char nSelected = oComparatorCopy(pMask[n]);
-        pClass[n] = static_cast<unsigned char>(nSelected | ((nInvalid & (nSelected ^ 1)) << 1));
-      }
-      else
-      {
-        (void)pMask;
-        (void)oComparatorCopy;
-        pClass[n] = nInvalid;
-      }
+      pClass[n] = ClassOf<BUseMask>(tPixel, BUseMask ? pMask[n] : TMaskPixel(), oComparatorCopy, oValidCopy);
     }
     for (std::size_t w = nFirst / 64; w < m_nWords; ++w)
       _ToBits(pClass + 64 * w, m_vecValid[w], m_vecEvents[w + 1]);
@@ -467,7 +474,7 @@ void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, cons
 
 // Rows top to bottom, pixels left to right. A valid pixel sets its four lines; a hole takes the next
 // entry and gets the contributions from the left, from above, from upper left and from upper right,
-// in this order; a skipped pixel leaves every line as it is. Returns whether a hole was met.
+// in this order; a skipped pixel leaves every line as it is. Returns the number of holes met.
 //
 // Within a row only the holes and skipped pixels are visited one by one. The horizontal line is set
 // from the valid pixel just before each of them; the table lines of valid pixels are set as far as a
@@ -480,7 +487,7 @@ void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, cons
 // Required of the iterators: X and Y, ++it.Y, and what CRowReader asks.
 template <bool BUseMask, class TLineData, class TSrcIterator, class TMaskIterator, class TComparator, class TValid,
           class THoleTag>
-bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
+std::uint64_t FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
                           const boost::tuples::tuple<TSrcIterator, TSrcIterator>& oSrc,
                           const boost::tuples::tuple<TMaskIterator, TMaskIterator>& oMask,
                           const TComparator& oComparator, const TValid& oValid, CHoleList<THoleTag>& oHoles)
@@ -542,7 +549,7 @@ bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
       oContext.m_pLogger->IncrementProgress();
   }
   oHoles.EndForward(nHoles);
-  return nHoles != 0;
+  return nHoles;
 }
 
 // Rows bottom to top, pixels right to left, the destination in step with the source and the hole
