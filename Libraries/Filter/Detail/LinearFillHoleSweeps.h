@@ -144,6 +144,32 @@ struct SValidLineSetter<SDefaultLineData>
 };
 #endif
 
+// The weights 1 / d of the distances up to ms_nSize - 1, as the division gives them (a constant
+// division is rounded as the processor's is): the sweeps look them up instead of dividing four times
+// per hole.
+struct SFillHoleReciprocals
+{
+  static constexpr int ms_nSize = 256;
+  float m_afWeight[ms_nSize];
+};
+
+constexpr SFillHoleReciprocals MakeFillHoleReciprocals()
+{
+  SFillHoleReciprocals o{};
+  for (int k = 1; k < SFillHoleReciprocals::ms_nSize; ++k)
+    o.m_afWeight[k] = 1.0f / float(k);
+  return o;
+}
+
+inline constexpr SFillHoleReciprocals g_oFillHoleReciprocals = MakeFillHoleReciprocals();
+
+// 1 / fDistance for a line's distance: a whole number from 1 on.
+inline float FillHoleWeight(float fDistance)
+{
+  return fDistance < float(SFillHoleReciprocals::ms_nSize) ? g_oFillHoleReciprocals.m_afWeight[int(fDistance)]
+                                                           : 1.0f / fDistance;
+}
+
 // One line's contribution to a hole. The distance grows whatever the line's state; a line that is out
 // of reach (or has a NaN maximum: the comparison fails) turns invalid until a valid pixel sets it again.
 inline void Contribute(float& fDistance, float fMaxDistance, float fValue, bool& bValid, SHoleSums& oSums)
@@ -151,7 +177,7 @@ inline void Contribute(float& fDistance, float fMaxDistance, float fValue, bool&
   fDistance += 1.0f;
   if (bValid && fMaxDistance >= fDistance)
   {
-    const float fWeight = 1.0f / fDistance;
+    const float fWeight = FillHoleWeight(fDistance);
     oSums.m_fWeights += fWeight;
     oSums.m_fValues += fWeight * fValue;
     ++oSums.m_nCount;
