@@ -16,9 +16,11 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // 1 / steps; a hole with at least m_nMinDirections contributions gets the weighted mean, computed in
 // 32-bit float for every pixel type, the others get the destination's no-data value.
 //
-// Two sequential sweeps, forward and backward, each looking at every pixel once; the working memory
-// is O(width + height) line state plus one entry per hole. A large hole is filled from its rim inward
-// as far as the reach goes.
+// Two sweeps, forward and backward, each looking at every pixel once; the working memory is
+// O(width + height) line state per thread plus one entry per hole. A large hole is filled from its rim
+// inward as far as the reach goes. The sweeps run on the threads of the caller's task arena (within
+// any tbb::global_control limit) where the band is large enough to be cut into stripes of rows; the
+// result is the same bit for bit on any number of threads.
 //
 // Holes: without a mask, the source's invalid pixels (its no-data value; for floating types also NaN
 // and infinities). With a mask, the pixels whose mask pixel the comparator selects; source pixels that

@@ -4,11 +4,15 @@
 // of the listed instances need only LinearFillHoleFilter.h.
 
 #include "Band/Copy2D.h"
+#include "Filter/Detail/LinearFillHoleStripes.h"
 #include "Filter/Detail/LinearFillHoleSweeps.h"
 #include "Filter/LinearFillHoleFilter.h"
 #include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
 #include "Internationalisation/Translator.h"
+
+#include <tbb/global_control.h>
+#include <tbb/task_arena.h>
 
 #include <algorithm>
 #include <string>
@@ -115,14 +119,33 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
   const typename TDest::TPixel tNoData = Detail::GetOutputNoDataValue(oDest);
 
   Detail::SFillHoleTables<TLineData> oTables(nWidth, nHeight, m_fMaxDistance);
-  Detail::CHoleList<TTag> oHoles(m_nMaxHolePixels);
   const Detail::SFillHoleSweepContext<TLineData> oContext{oTables,         nSrcRepHeight, nWidth, nHeight,
                                                           m_nMinDirections, m_pLogger.get()};
   const Detail::SValidPixel<typename TSrc::TPixel> oValid(oSrc);
 
+  // On the threads of the caller's arena, where the band is large enough for stripes; the result is
+  // the same bit for bit.
+  const unsigned nThreads = unsigned(std::max<std::size_t>(
+    1, std::min<std::size_t>(tbb::this_task_arena::max_concurrency(),
+                             tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism))));
+  if (const std::uint32_t nStripes = Detail::FillHoleStripeCount(nWidth, nHeight, nThreads))
+  {
+    const Detail::SFillHoleStripeResult oResult = Detail::FillHoleStripeSweeps<BUseMask>(
+      oContext, oSrc.GetBandIterators(oSrcRect), oMask.GetBandIterators(oMaskRect),
+      oDest.GetBandIterators(oDestRect), oComparator, oValid, m_nMaxHolePixels, static_cast<TTag*>(nullptr),
+      nStripes, tNoData);
+    if (!oResult.m_bHoles)
+      Band::Copy2D(oSrc.GetBandIterators(oSrcRect), oDest.GetBandIterators(oDestRect), m_pLogger,
+                   Band::SAllowParallelFor());
+    else if (oResult.m_bWroteNoData)
+      oDest.SetNoDataValue(tNoData);
+    return;
+  }
+
+  Detail::CHoleList<TTag> oHoles(m_nMaxHolePixels);
   const bool bHoles = Detail::FillHoleForwardSweep<BUseMask>(oContext, oSrc.GetBandIterators(oSrcRect),
                                                              oMask.GetBandIterators(oMaskRect), oComparator, oValid,
-                                                             oHoles);
+                                                             oHoles) != 0;
   if (!bHoles)
   {
     Band::Copy2D(oSrc.GetBandIterators(oSrcRect), oDest.GetBandIterators(oDestRect), m_pLogger,

@@ -258,7 +258,10 @@ void ForEachRandomCase(TFn fn)
 {
   const std::pair<unsigned, float> aLimits[] = {{1, 3.0f}, {2, 5.5f}, {0, 2.0f},  {3, 1000.0f},
                                                 {8, 1e6f}, {9, 2.0f}, {1, 0.0f}, {2, NAN}, {4, 1.0f}};
-  const std::pair<unsigned, unsigned> aSizes[] = {{1, 1}, {1, 9}, {9, 1}, {5, 4}, {31, 17}, {64, 48}};
+  // The last ones are tall enough to be swept in stripes on more than one thread.
+  const std::pair<unsigned, unsigned> aSizes[] = {{1, 1},    {1, 9},     {9, 1},   {5, 4},    {31, 17},
+                                                  {64, 48},  {300, 21},  {613, 12}, {40, 300}, {97, 260},
+                                                  {5, 1500}};
   const std::pair<double, double> aRanges[] = {{10.5, 60.25}, {-1.5, 300.7}, {0.0, 0.0}, {-1e12, 1e12}};
   std::mt19937 oRng(1234);
   unsigned int nCase = 0;

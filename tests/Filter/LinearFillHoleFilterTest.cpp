@@ -4,6 +4,7 @@
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
+#include <tbb/task_arena.h>
 
 namespace {
 
@@ -45,14 +46,20 @@ TYPED_TEST(LinearFillHoleReferenceTest, EqualsTheReferenceBitForBitOnEveryBandKi
 {
   using TPixel = typename TypeParam::first_type;
   using TMask = typename TypeParam::second_type;
+  // One thread sweeps alone; two and four (also on fewer cores) sweep the taller bands in stripes.
   ForEachRandomCase<TPixel, TMask>([](const SCase<TPixel, TMask>& oCase, const SParams& oParams,
-                                      const std::string& strWhat) {
+                                      const std::string& strCase) {
     const auto oExpected = Reference(oCase, oParams);
-    ExpectSame(oExpected, RunFilter<SMemoryTag>(oCase, oParams), strWhat);
-    ExpectSame(oExpected, RunFilter<SIPPTag>(oCase, oParams), strWhat + " (IPP)");
-    const auto fnOther = RunFilter<SMemoryTag, TPixel, TMask, COtherIteratorBand<TPixel>, COtherIteratorBand<TMask>>;
-    ExpectSame(oExpected, fnOther(oCase, oParams), strWhat + " (row access without runs)");
-    ExpectSame(oExpected, RunFilter<STileTag>(oCase, oParams), strWhat + " (tiles)");
+    for (const int nThreads : {1, 2, 4})
+      tbb::task_arena(nThreads).execute([&] {
+        const std::string strWhat = strCase + ", " + std::to_string(nThreads) + " threads";
+        ExpectSame(oExpected, RunFilter<SMemoryTag>(oCase, oParams), strWhat);
+        ExpectSame(oExpected, RunFilter<SIPPTag>(oCase, oParams), strWhat + " (IPP)");
+        const auto fnOther =
+          RunFilter<SMemoryTag, TPixel, TMask, COtherIteratorBand<TPixel>, COtherIteratorBand<TMask>>;
+        ExpectSame(oExpected, fnOther(oCase, oParams), strWhat + " (row access without runs)");
+        ExpectSame(oExpected, RunFilter<STileTag>(oCase, oParams), strWhat + " (tiles)");
+      });
   });
 
   // About twenty tiles per band under a budget of four: rows cross tile borders, the hole list runs over
@@ -158,19 +165,24 @@ TYPED_TEST(LinearFillHoleTagTest, BadArgumentsAreRefusedBeforeAPixelIsWritten)
     {"holes but a bound of 0", 40, 30, 40, 30, 40, 30, 30},
     {"source taller than the destination", 40, 31, 40, 30, 40, 31, 0},
     {"source wider than the mask", 41, 30, 41, 30, 40, 30, 0},
+    {"one hole more than the bound, holes in several stripes", 40, 600, 40, 600, 40, 600, 1},
   };
   for (const SRow& o : aRows)
   {
     TBand oSrc(o.m_nSrcW, o.m_nSrcH), oDest(o.m_nDestW, o.m_nDestH), oMask(o.m_nMaskW, o.m_nMaskH);
     oSrc.Clear(1.0f);
-    auto [itHole, itEnd] = oSrc.GetBandIterators(CRect(0, 2, 30, 1)); // thirty holes in row 2
-    for (; itHole.X != itEnd.X; ++itHole.X)
+    // Thirty holes on a diagonal, H / 30 rows apart: on the tallest band, in more than one stripe.
+    for (unsigned x = 0; x < 30; ++x)
+    {
+      auto itHole = boost::get<0>(oSrc.GetBandIterators(CRect(x, x * (o.m_nSrcH / 30), 1, 1)));
       *itHole = NAN;
+    }
     oDest.Clear(7.0f);
     const unsigned nBound = unsigned(30 - o.m_nBoundBelowHoles);
-    EXPECT_THROW(CFilter(nBound, 1, 5.0f, false).Apply(oDest, oSrc, oMask),
-                 Orl::Harnel::CBasicException)
-      << o.m_pName;
+    tbb::task_arena(4).execute([&] {
+      EXPECT_THROW(CFilter(nBound, 1, 5.0f, false).Apply(oDest, oSrc, oMask), Orl::Harnel::CBasicException)
+        << o.m_pName;
+    });
     const auto vecDest = Orl::Test::ReadPixels(oDest);
     EXPECT_EQ(std::count(vecDest.begin(), vecDest.end(), 7.0f), std::ptrdiff_t(vecDest.size())) << o.m_pName;
   }

@@ -17,6 +17,7 @@
 #include "Filter/Detail/PixelConversion.h"
 #include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
+#include "Math/Detail/RowKernels.h"
 
 #include <boost/tuple/tuple.hpp>
 
@@ -143,6 +144,32 @@ struct SValidLineSetter<SDefaultLineData>
 };
 #endif
 
+// The weights 1 / d of the distances up to ms_nSize - 1, as the division gives them (a constant
+// division is rounded as the processor's is): the sweeps look them up instead of dividing four times
+// per hole.
+struct SFillHoleReciprocals
+{
+  static constexpr int ms_nSize = 256;
+  float m_afWeight[ms_nSize];
+};
+
+constexpr SFillHoleReciprocals MakeFillHoleReciprocals()
+{
+  SFillHoleReciprocals o{};
+  for (int k = 1; k < SFillHoleReciprocals::ms_nSize; ++k)
+    o.m_afWeight[k] = 1.0f / float(k);
+  return o;
+}
+
+inline constexpr SFillHoleReciprocals g_oFillHoleReciprocals = MakeFillHoleReciprocals();
+
+// 1 / fDistance for a line's distance: a whole number from 1 on.
+inline float FillHoleWeight(float fDistance)
+{
+  return fDistance < float(SFillHoleReciprocals::ms_nSize) ? g_oFillHoleReciprocals.m_afWeight[int(fDistance)]
+                                                           : 1.0f / fDistance;
+}
+
 // One line's contribution to a hole. The distance grows whatever the line's state; a line that is out
 // of reach (or has a NaN maximum: the comparison fails) turns invalid until a valid pixel sets it again.
 inline void Contribute(float& fDistance, float fMaxDistance, float fValue, bool& bValid, SHoleSums& oSums)
@@ -150,7 +177,7 @@ inline void Contribute(float& fDistance, float fMaxDistance, float fValue, bool&
   fDistance += 1.0f;
   if (bValid && fMaxDistance >= fDistance)
   {
-    const float fWeight = 1.0f / fDistance;
+    const float fWeight = FillHoleWeight(fDistance);
     oSums.m_fWeights += fWeight;
     oSums.m_fValues += fWeight * fValue;
     ++oSums.m_nCount;
@@ -196,6 +223,49 @@ enum EFillHoleClass : unsigned char
   eFillHoleOutside = 3 // before and after the row
 };
 
+#if defined(__x86_64__) && defined(__GNUC__)
+// The classes of the first 64 * nWords pixels of a float row without a mask, as SValidPixel<float>
+// and CFillHoleRowClasses::Classify give them: byte 1 and an event bit for an invalid pixel, byte 0
+// and a valid bit for the others; with pCopy, the pixels are also copied there. For processors with
+// AVX2, asked at run time: every vector of it stays inside this one function.
+__attribute__((target("avx2"))) inline void ClassifyFloatWordsAvx2(const float* pSrc, std::size_t nWords,
+                                                                   float fNoData, unsigned char* pClass,
+                                                                   std::uint64_t* pValid, std::uint64_t* pEvents,
+                                                                   float* pCopy)
+{
+  const __m256 vecAbs = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+  const __m256 vecMax = _mm256_set1_ps(std::numeric_limits<float>::max());
+  const __m256 vecNoData = _mm256_set1_ps(fNoData);
+  // Bit b of a 32-bit mask into byte b: byte b takes the mask's byte b / 8 and keeps bit b % 8.
+  const __m256i vecSpread = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2,
+                                             2, 3, 3, 3, 3, 3, 3, 3, 3);
+  const __m256i vecBit = _mm256_set1_epi64x(std::int64_t(0x8040201008040201ull));
+  const __m256i vecOne = _mm256_set1_epi8(1);
+  for (std::size_t w = 0; w < nWords; ++w, pSrc += 64, pClass += 64)
+  {
+    std::uint64_t nInvalid = 0;
+    for (int k = 0; k < 8; ++k)
+    {
+      const __m256 vec = _mm256_loadu_ps(pSrc + 8 * k);
+      if (pCopy)
+        _mm256_storeu_ps(pCopy + 64 * w + 8 * k, vec);
+      // Finite (NaN fails the ordered comparison) and unequal to no-data (a NaN no-data equals nothing).
+      const __m256 vecValid = _mm256_and_ps(_mm256_cmp_ps(_mm256_and_ps(vec, vecAbs), vecMax, _CMP_LE_OQ),
+                                            _mm256_cmp_ps(vec, vecNoData, _CMP_NEQ_UQ));
+      nInvalid |= std::uint64_t(~unsigned(_mm256_movemask_ps(vecValid)) & 0xffu) << (8 * k);
+    }
+    for (int h = 0; h < 2; ++h)
+    {
+      const __m256i vecBytes = _mm256_shuffle_epi8(_mm256_set1_epi32(int(std::uint32_t(nInvalid >> (32 * h)))), vecSpread);
+      const __m256i vecSet = _mm256_cmpeq_epi8(_mm256_and_si256(vecBytes, vecBit), vecBit);
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(pClass + 32 * h), _mm256_and_si256(vecSet, vecOne));
+    }
+    pValid[w] = ~nInvalid;
+    pEvents[w] = nInvalid;
+  }
+}
+#endif
+
 // The classes of one row's pixels, as bytes and as bit words (bit b of word w stands for pixel
 // 64 w + b). Both sweeps classify with this one function: they must agree exactly, as the backward
 // sweep finds its entries by walking the hole list back.
@@ -222,6 +292,24 @@ public:
       _Classify<BUseMask, false>(pSrc, pMask, oComparator, oValid, pCopy);
   }
 
+  // The class of one pixel; tMask is looked at only with BUseMask.
+  template <bool BUseMask, class TPixel, class TMaskPixel, class TComparator, class TValid>
+  static unsigned char ClassOf(TPixel tPixel, TMaskPixel tMask, const TComparator& oComparator, const TValid& oValid)
+  {
+    const unsigned char nInvalid = !oValid(tPixel);
+    if constexpr (BUseMask)
+    {
+      const unsigned char nSelected = oComparator(tMask);
+      return static_cast<unsigned char>(nSelected | ((nInvalid & (nSelected ^ 1)) << 1));
+    }
+    else
+    {
+      (void)tMask;
+      (void)oComparator;
+      return nInvalid;
+    }
+  }
+
   // A row beyond the band: no events.
   void SetOutside() { std::fill(m_vecEvents.begin(), m_vecEvents.end(), std::uint64_t(0)); }
 
@@ -243,25 +331,26 @@ private:
     const std::uint32_t nWidth = m_nWidth;
     const TValid oValidCopy = oValid;
     const TComparator oComparatorCopy = oComparator;
-    for (std::uint32_t n = 0; n < nWidth; ++n)
+    std::uint32_t nFirst = 0; // the first pixel the loop below classifies
+#if defined(__x86_64__) && defined(__GNUC__)
+    if constexpr (!BUseMask && std::is_same<TValid, SValidPixel<float>>::value)
+      if (Harnel::Math::Detail::HasAvx2())
+      {
+        // The whole words; the loop below takes the rest, and the last word's bits after it.
+        const std::size_t nWords = nWidth / 64;
+        ClassifyFloatWordsAvx2(pSrc, nWords, oValidCopy.m_tNoData, pClass, m_vecValid.data(), m_vecEvents.data() + 1,
+                               BCopy ? pCopy : nullptr);
+        nFirst = std::uint32_t(64 * nWords);
+      }
+#endif
+    for (std::uint32_t n = nFirst; n < nWidth; ++n)
     {
       const TPixel tPixel = pSrc[n];
       if constexpr (BCopy)
         pCopy[n] = tPixel;
-      const unsigned char nInvalid = !oValidCopy(tPixel);
-      if constexpr (BUseMask)
-      {
-        const unsigned char nSelected = oComparatorCopy(pMask[n]);
-        pClass[n] = static_cast<unsigned char>(nSelected | ((nInvalid & (nSelected ^ 1)) << 1));
-      }
-      else
-      {
-        (void)pMask;
-        (void)oComparatorCopy;
-        pClass[n] = nInvalid;
-      }
+      pClass[n] = ClassOf<BUseMask>(tPixel, BUseMask ? pMask[n] : TMaskPixel(), oComparatorCopy, oValidCopy);
     }
-    for (std::size_t w = 0; w < m_nWords; ++w)
+    for (std::size_t w = nFirst / 64; w < m_nWords; ++w)
       _ToBits(pClass + 64 * w, m_vecValid[w], m_vecEvents[w + 1]);
   }
 
@@ -386,10 +475,12 @@ struct STableRow
   TLineData* m_pAnti;
 };
 
-// Sets the lines of the row's valid pixels that the next row may read.
+// Sets the lines of the row's valid pixels that the next row may read, in the words [nWord0, nWord1)
+// of the row (all of them by default).
 template <class TLineData, class TPixel>
 void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, const CFillHoleRowClasses& oRow,
-                   const CFillHoleRowClasses& oNext, const SValidLineSetter<TLineData>& oSetLines)
+                   const CFillHoleRowClasses& oNext, const SValidLineSetter<TLineData>& oSetLines,
+                   std::size_t nWord0 = 0, std::size_t nWord1 = std::size_t(-1))
 {
   // All in locals: the line stores may alias anything reached through a reference.
   const SValidLineSetter<TLineData> oSet = oSetLines;
@@ -398,8 +489,8 @@ void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, cons
   TLineData* const pAnti = oTables.m_pAnti;
   const std::uint64_t* const pValid = oRow.GetValidBits();
   const std::uint64_t* const pNextEvents = oNext.GetEventBits();
-  const std::size_t nWords = oRow.GetWords();
-  for (std::size_t w = 0; w < nWords; ++w)
+  const std::size_t nWords = std::min(nWord1, oRow.GetWords());
+  for (std::size_t w = nWord0; w < nWords; ++w)
     for (std::uint64_t nBits = LinesToSet(pValid, pNextEvents, w); nBits != 0; nBits &= nBits - 1)
     {
       const std::size_t n = 64 * w + std::size_t(__builtin_ctzll(nBits));
@@ -409,7 +500,7 @@ void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, cons
 
 // Rows top to bottom, pixels left to right. A valid pixel sets its four lines; a hole takes the next
 // entry and gets the contributions from the left, from above, from upper left and from upper right,
-// in this order; a skipped pixel leaves every line as it is. Returns whether a hole was met.
+// in this order; a skipped pixel leaves every line as it is. Returns the number of holes met.
 //
 // Within a row only the holes and skipped pixels are visited one by one. The horizontal line is set
 // from the valid pixel just before each of them; the table lines of valid pixels are set as far as a
@@ -422,7 +513,7 @@ void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, cons
 // Required of the iterators: X and Y, ++it.Y, and what CRowReader asks.
 template <bool BUseMask, class TLineData, class TSrcIterator, class TMaskIterator, class TComparator, class TValid,
           class THoleTag>
-bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
+std::uint64_t FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
                           const boost::tuples::tuple<TSrcIterator, TSrcIterator>& oSrc,
                           const boost::tuples::tuple<TMaskIterator, TMaskIterator>& oMask,
                           const TComparator& oComparator, const TValid& oValid, CHoleList<THoleTag>& oHoles)
@@ -484,7 +575,7 @@ bool FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
       oContext.m_pLogger->IncrementProgress();
   }
   oHoles.EndForward(nHoles);
-  return nHoles != 0;
+  return nHoles;
 }
 
 // Rows bottom to top, pixels right to left, the destination in step with the source and the hole
