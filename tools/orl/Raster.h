@@ -24,6 +24,9 @@
 #include <type_traits>
 #include <vector>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace Orl { namespace Tools {
 
 using TLoggerPtr = boost::shared_ptr<Harnel::Progress::CLogger>;
@@ -168,6 +171,18 @@ private:
   GDALDatasetH m_hDataset = nullptr;
 };
 
+// Drops the pages wholly before pEnd, from the one holding pBegin on, out of this process's resident
+// set after they were copied out of a file mapping. The page cache keeps them and a later read faults
+// them in again; without this, reading into tile bands would grow the process by the file's size
+// whatever the tile cache's budget.
+inline void ReleaseMappedPages(const unsigned char* pBegin, const unsigned char* pEnd)
+{
+  const std::uintptr_t nPage = std::uintptr_t(sysconf(_SC_PAGESIZE));
+  const std::uintptr_t nBegin = std::uintptr_t(pBegin) & ~(nPage - 1), nEnd = std::uintptr_t(pEnd) & ~(nPage - 1);
+  if (nEnd > nBegin)
+    madvise(reinterpret_cast<void*>(nBegin), nEnd - nBegin, MADV_DONTNEED);
+}
+
 // Reads the input's band into oBand (of the input's size), converted by GDAL to TPixel: the whole band
 // strip by strip, or only the rectangles *pRects (for instance the band's sample for approximate
 // statistics; the other pixels stay as they were). fnVisit(const TPixel* p, std::size_t n) sees the
@@ -221,9 +236,14 @@ void ReadBand(const CInput& oInput, Ostrel::Band::CBand<TPixel, TTag>& oBand, co
         pData = pBuffer->GetRep().GetDataLocation();
       }
       if (pMapped)
+      {
         for (unsigned int nRow = 0; nRow < nRows; ++nRow)
           std::memcpy(pData + nRow * nLine, pMapped + ((std::size_t(y) + nRow) * nWidth + x) * sizeof(TPixel),
                       std::size_t(nColumns) * sizeof(TPixel));
+        if constexpr (!BMemory)
+          ReleaseMappedPages(pMapped + (std::size_t(y) * nWidth + x) * sizeof(TPixel),
+                             pMapped + ((std::size_t(y) + nRows - 1) * nWidth + x + nColumns) * sizeof(TPixel));
+      }
       else if (GDALRasterIOEx(hBand, GF_Read, int(x), int(y), int(nColumns), int(nRows), pData, int(nColumns),
                               int(nRows), SGdalType<TPixel>::ms_eType, sizeof(TPixel),
                               GSpacing(nLine * sizeof(TPixel)), nullptr) != CE_None)
