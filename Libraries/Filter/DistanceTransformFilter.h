@@ -10,8 +10,10 @@
 namespace Orl { namespace Ostrel { namespace Filter {
 
 // The two-pass chamfer distance transform (Borgefors): a forward raster scan and a backward one, each
-// propagating the distances of the already visited neighbours plus the mask's step weights. Faster
-// than the exact transform when the shapes are small, and sequential.
+// propagating the distances of the already visited neighbours plus the mask's step weights.
+// Sequential: on one core it costs about what the exact transform costs, so with several cores the
+// exact CDistanceTransformMeijsterFilter is the faster choice (8.3 against 3.5 ns per pixel on two
+// cores, float 4096 x 4096). It remains for callers who want one thread or the chamfer metric itself.
 //   chessboard: 3 x 3 mask, steps 1 and 1 (diagonal): exact
 //   city block: 3 x 3 mask, steps 1 and 2 (diagonal): exact
 //   Euclidean and squared Euclidean: 5 x 5 mask with steps 5, 7 and 11 (axial, diagonal,
