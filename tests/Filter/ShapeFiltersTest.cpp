@@ -1,6 +1,7 @@
 // Skeletons, distance transforms and gray-scale reconstruction: against brute-force references and
 // hand-worked shapes, on every storage kind, tile bands also while the cache spills.
 
+#include "Filter/Detail/WorkBuffer.h"
 #include "Filter/DistanceTransformFilter.h"
 #include "Filter/DistanceTransformMeijsterFilter.h"
 #include "Filter/GrayscaleReconstructionFilter.h"
@@ -23,6 +24,7 @@
 #include <random>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -566,6 +568,32 @@ TYPED_TEST(ReconstructionTest, EqualsRepeatedGeodesicDilation)
 }
 
 // --- Common --------------------------------------------------------------------------------------------
+
+// Working arrays of several megabytes go from one call to the next with the last call's values in
+// them: a result must not depend on what the array held.
+TEST(ShapeFilters, ReusedWorkArraysGiveTheFreshResult)
+{
+  const int w = 1500, h = 1500;
+  std::mt19937 oRng(5);
+  const SImage<unsigned char> oFirst = Blobs(oRng, w, h, 40, 300), oSecond = Blobs(oRng, w, h, 400, 40);
+  const auto fnRun = [&](const SImage<unsigned char>& oImage) {
+    SImage<float> oMask{w, h, std::vector<float>(oImage.m_vec.begin(), oImage.m_vec.end())}, oMarker = oMask;
+    for (std::size_t i = 0; i < oMarker.m_vec.size(); i += 97)
+      oMarker.m_vec[i] = 0.0f;
+    CBand<float, Band::SMemoryTag> oDistance(w, h), oReconstruction(w, h);
+    CDistanceTransformMeijsterFilter(eDistanceTransformEuclidean)
+      .Apply(oDistance, MakeBand<unsigned char, Band::SMemoryTag>(oImage, false, 0));
+    CGrayscaleReconstructionFilter().Apply(oReconstruction, MakeBand<float, Band::SMemoryTag>(oMarker, false, 0.0f),
+                                           MakeBand<float, Band::SMemoryTag>(oMask, false, 0.0f));
+    return std::make_pair(Orl::Test::ReadPixels(oDistance), Orl::Test::ReadPixels(oReconstruction));
+  };
+  Filter::Detail::CKeptArrays::Get().Release();
+  const auto oFresh = fnRun(oSecond);
+  fnRun(oFirst);
+  const auto oReused = fnRun(oSecond);
+  EXPECT_TRUE(SameBits(oFresh.first, oReused.first));
+  EXPECT_TRUE(SameBits(oFresh.second, oReused.second));
+}
 
 // Bands of several tiles each under a budget of about two tiles: every filter gives the memory
 // result while tiles go to the spill file and come back.
