@@ -1,42 +1,54 @@
 // Design notes.
 //
-// FFTW does the one-dimensional transforms; the band walks are ours. A real band's spectrum is
-// Hermitian, so the forward pass transforms the source rows real-to-complex (Nx / 2 + 1 outputs),
-// then only the columns 0 to Nx / 2 complex-to-complex, and writes the other columns as conjugates:
-// F(Nx - u, Ny - v) = conj F(u, v). Rows below the source's height are zero and never read. The
-// destinations hold the row results between the passes, so no working band is needed forward; the
-// reverse pass keeps its column results, rows [0, height) of columns [0, Nx / 2], as complex values:
-// on tile bands in a tile band twice Nx / 2 + 1 wide, on memory bands in the destination itself
-// when it is Nx wide (column Nx / 2 aside), else in a buffer. A fresh 64 MB buffer cost a fifth of
-// the reverse filter's time in page faults at 4096 x 4096 float.
+// A real band's spectrum is Hermitian: only columns 0 to Nx / 2 are computed, and the others are
+// written as conjugates, F(Nx - u, Ny - v) = conj F(u, v).
 //
-// One layout for every storage kind. A row is copied into a scratch row whose length is a multiple
-// of 64 bytes and transformed there with a plan of one transform: at 4096 values a measured plan of
-// 16 rows side by side (split output) took two fifths more time per row. Tasks take 16 rows at a time. Columns go in
-// blocks of 256 bytes of a row
-// (32 float or 16 double complex values): a block of a 4096-row band, about 1.3 MB with its row
-// padding, stays in the L2 cache while FFTW transforms its columns in place. A strip is one block
-// on memory bands, whose rows are read in place with the next rows asked for ahead (each row of a
-// strip lies on another page); on tile bands a strip is as many blocks as fill half a tile's width,
-// read through the tile cursors once, so that a band larger than memory streams through the tile
-// cache one column of tiles at a time. Since memory and tile bands run the same plans on buffers of
-// the same layout and alignment, they give the same bits.
+// Memory bands: one two-dimensional real-to-complex (or complex-to-real) FFTW plan, in place in a
+// working array of Ny rows of Nx / 2 + 1 complex values. Forward, the source is copied in (padding
+// and invalid pixels as 0, in parallel), the plan runs, and one parallel pass splits the half
+// spectrum into the two destinations and mirrors it into their other columns. Reverse, one pass
+// gathers the half spectrum from the two sources, the plan runs, and one pass scales and crops the
+// rows into the destination. Measured at 4096 x 4096 float: FFTW's split-output plan of the same
+// transform (guru split interface, writing straight into the destinations' rows) took two to four
+// times the processor time of the interleaved one, far more than the separate split pass costs, so
+// the interleaved layout it is; in place, since then one working array serves input and output.
+// The working array is new on every call (the band's size is not kept between calls); from 4 MB on
+// it starts on a 2 MB boundary and asks for huge pages: in 4 kB pages its page faults cost the
+// forward filter a third more time, and FFTW's column passes, which stride across the whole array,
+// gain from the fewer TLB entries too.
 //
-// Plans: one per kind, length, count and step, made on first use under a lock (the planner is not
-// thread-safe) and kept until the process ends; tasks execute them on their own buffers through the
-// new-array functions, which are thread-safe. Transforms of g_nMeasuredLength (1024) values or more
-// get FFTW_MEASURE plans, shorter ones FFTW_ESTIMATE plans. At 4096 values, one core, buffers in
-// cache, measured row plans took 0.77 ns per pixel against 2.0 for estimated ones, and measured
-// column plans (32 columns side by side) 0.9 against 2.4: estimated plans cost the forward filter
-// about a fifth more processor time on a loaded machine, more on a quiet one. Measuring costs about
-// 0.2 s per plan at 4096 on the first call of a size (forward and reverse of 4096 x 4096 float plan
-// four), and it times the candidates, so two processes may pick different algorithms for one size
-// and then differ in the last bits. Within a process a shape has one plan, and memory and tile bands
-// run the same shapes on the same layouts, so they agree to the bit.
+// Tile bands: rows, then columns in strips, through the destinations, so that a band larger than
+// memory streams through the tile cache. The forward pass transforms the source rows real-to-complex
+// into columns [0, Nx / 2] of the destinations, then those columns complex-to-complex. Rows below the
+// source's height are zero and never read. The reverse pass keeps its column results, rows
+// [0, height) of columns [0, Nx / 2], as complex values in a tile band twice Nx / 2 + 1 wide. A row
+// is copied into a scratch row whose length is a multiple of 64 bytes and transformed there with a
+// plan of one transform: at 4096 values a measured plan of 16 rows side by side (split output) took
+// two fifths more time per row. Tasks take 16 rows at a time. Columns go in blocks of 256 bytes of a
+// row (32 float or 16 double complex values): a block of a 4096-row band, about 1.3 MB with its row
+// padding, stays in the L2 cache while FFTW transforms its columns in place. A strip is as many
+// blocks as fill half a tile's width, read through the tile cursors once, one column of tiles at a
+// time.
 //
-// Scratch memory: the passes run one worker per core, each taking the next block of rows or the next
-// strip until none is left; the workers' buffers are allocated once per pass on the calling thread,
-// never inside a task.
+// Plans: one per kind, shape and thread count, made on first use under a lock (the planner is not
+// thread-safe) and kept until the process ends; they are executed on other arrays of the same
+// alignment through the new-array functions, which are thread-safe. Transforms with an axis of
+// g_nMeasuredLength (1024) values or more get FFTW_MEASURE plans, the others FFTW_ESTIMATE plans.
+// One-dimensional plans at 4096 values, one core, buffers in cache: measured row plans took 0.77 ns
+// per pixel against 2.0 for estimated ones, measured column plans (32 columns side by side) 0.9
+// against 2.4. The two-dimensional in-place plan at 4096 x 4096 float: estimated, 1.45 times the
+// processor time of the measured one. Measuring times the candidates, so two processes may pick
+// different algorithms for one size and then differ in the last bits; within a process a shape has
+// one plan. Memory and tile bands run different plans, so their results differ in the last bits.
+//
+// Threads: two-dimensional plans of 2^15 values or more are made for the arena's concurrency, and
+// FFTW's threads hand their parallel loops to oneTBB (fftw_threads_set_callback), so that they run
+// in the caller's arena, nest in outer parallel loops, and share the workers with the band passes.
+// The loops are isolated: a thread waiting for them must not take an outer task that could ask for
+// the plan lock it may hold (plans measured under the lock run through the same loops). The row and
+// column passes of tile bands run one worker per core, each taking the next block of rows or the
+// next strip until none is left; the workers' buffers are allocated once per pass on the calling
+// thread, never inside a task.
 
 #include "Filter/FftFilter.h"
 #include "Filter/Detail/RowBuffers.h"
@@ -293,9 +305,6 @@ int BlockColumns(int nColumns)
 {
   return std::min(int(256 / sizeof(TComplex)), int(Detail::FftSize(unsigned(nColumns))));
 }
-// Blocks per strip on memory bands: with the rows asked for ahead, reading four blocks' width at a
-// time took a tenth more processor time at 4096 x 4096 float (the strip then leaves the L2 cache).
-constexpr int g_nMemoryStripBlocks = 1;
 
 // fn(nWorker, nItem) for every item of [0, nItems), on at most nWorkers workers at once, each taking
 // the next item until none is left. nWorker < nWorkers indexes the scratch the caller made per worker.
@@ -314,36 +323,8 @@ int WorkerCount(int nItems)
   return std::max(1, std::min(nItems, tbb::this_task_arena::max_concurrency()));
 }
 
-// Row windows: Read(y) gives the window's pixels of row y, Write(y) where to put them and Done()
-// stores what was put there. Memory rows are the band's own pixels; tile rows go through a cursor
-// and a row of scratch.
-template <class TPixel> // const for a read-only band
-class CMemoryRows
-{
-public:
-  CMemoryRows(TPixel* p, std::size_t nStride, int nX, int nWidth) : m_p(p + nX), m_nStride(nStride), m_nWidth(nWidth) {}
-  TPixel* Read(int nY) const { return _Row(nY); }
-  TPixel* Write(int nY) const { return _Row(nY); }
-  void Done() const {}
-  // Asks for row nY ahead of its use.
-  void Prefetch(int nY) const
-  {
-    const TPixel* p = _Row(nY);
-    constexpr int nLine = int(64 / sizeof(TPixel));
-    for (int i = 0; i < m_nWidth; i += nLine)
-      __builtin_prefetch(p + i, std::is_const<TPixel>::value ? 0 : 1);
-    if (m_nWidth > 0)
-      __builtin_prefetch(p + m_nWidth - 1, std::is_const<TPixel>::value ? 0 : 1);
-  }
-
-private:
-  TPixel* _Row(int nY) const { return m_p + std::size_t(nY) * m_nStride; }
-
-  TPixel* m_p;
-  std::size_t m_nStride;
-  int m_nWidth;
-};
-
+// A window of tile rows: Read(y) gives the window's pixels of row y, Write(y) where to put them and
+// Done() stores what was put there, through a cursor and a row of scratch.
 template <class TIterator, class TPixel>
 class CTileRows
 {
@@ -360,7 +341,6 @@ public:
     return m_p;
   }
   void Done() { m_oCursor.Write(m_nY, m_p); }
-  void Prefetch(int) const {}
 
 private:
   Detail::CRowCursor<TIterator> m_oCursor;
@@ -374,31 +354,17 @@ constexpr bool IsTileBand()
   return std::is_same<typename std::remove_const_t<TBand>::TTagType, Band::STileTag>::value;
 }
 
-// fn(nX, nWidth, pScratch) makes a window of columns [nX, nX + nWidth) of oBand; pScratch holds
-// nWidth pixels (used by tile bands only). Made on the calling thread, called in the tasks.
+// fn(nX, nWidth, pScratch) makes a window of columns [nX, nX + nWidth) of the tile band oBand;
+// pScratch holds nWidth pixels. Made on the calling thread, called in the tasks.
 template <class TBand>
 auto RowsOf(TBand& oBand)
 {
   using TPixel = typename std::remove_const_t<TBand>::TPixel;
-  if constexpr (IsTileBand<TBand>())
-  {
-    const auto it = boost::get<0>(oBand.GetBandIterators(oBand.GetRect()));
-    return [it](int nX, int nWidth, TPixel* pScratch) {
-      return CTileRows<std::decay_t<decltype(it)>, TPixel>(it, nX, nWidth, pScratch);
-    };
-  }
-  else
-  {
-    auto* p = oBand.GetRep().GetDataLocation(); // const for a read-only band
-    const std::size_t nStride = oBand.GetWidth();
-    return [p, nStride](int nX, int nWidth, TPixel*) {
-      return CMemoryRows<std::remove_pointer_t<decltype(p)>>(p, nStride, nX, nWidth);
-    };
-  }
+  const auto it = boost::get<0>(oBand.GetBandIterators(oBand.GetRect()));
+  return [it](int nX, int nWidth, TPixel* pScratch) {
+    return CTileRows<std::decay_t<decltype(it)>, TPixel>(it, nX, nWidth, pScratch);
+  };
 }
-
-// Rows ahead that the column passes ask for.
-constexpr int g_nPrefetchRows = 8;
 
 // A strip of columns in the scratch: blocks of m_nBlock columns, each m_nLength rows of m_nStep
 // complex values; value (v, c) of the strip is Row(c / m_nBlock, v)[c % m_nBlock].
@@ -447,11 +413,6 @@ void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, in
     auto oIm = fnIm(nX0, nWidth, pRows + nRowStride);
     for (int y = 0; y < nReadRows; ++y)
     {
-      if (y + g_nPrefetchRows < nReadRows)
-      {
-        oRe.Prefetch(y + g_nPrefetchRows);
-        oIm.Prefetch(y + g_nPrefetchRows);
-      }
       const TReal* pRe = oRe.Read(y);
       const TReal* pIm = oIm.Read(y);
       for (int k = 0; k < nBlocks; ++k)
@@ -482,22 +443,13 @@ void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, in
   });
 }
 
-// Blocks per column strip: a tile's width (half the block hint) on tile bands, so that a strip costs
-// one pass over a column of tiles; g_nMemoryStripBlocks on memory bands.
+// Blocks per column strip: a tile's width (half the block hint), so that a strip costs one pass over
+// a column of tiles.
 template <class TComplex, class TBand>
 int StripBlocks(const TBand& oBand, int nColumns)
 {
-  if constexpr (IsTileBand<TBand>())
-  {
-    const int nHint = int(std::min<std::uint32_t>(256, Detail::BeginOf(oBand).GetBlockHintX() / 2));
-    return std::max(1, nHint / BlockColumns<TComplex>(nColumns));
-  }
-  else
-  {
-    (void)oBand;
-    (void)nColumns;
-    return g_nMemoryStripBlocks;
-  }
+  const int nHint = int(std::min<std::uint32_t>(256, Detail::BeginOf(oBand).GetBlockHintX() / 2));
+  return std::max(1, nHint / BlockColumns<TComplex>(nColumns));
 }
 
 template <class TDestBand, class TSrcBand>
@@ -571,16 +523,6 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
       auto oMirrorIm = fnIm(nMirrorX, nMirror, pRows + 3 * nWindow);
       for (int v = 0; v < nY; ++v)
       {
-        if (v + g_nPrefetchRows < nY)
-        {
-          oRe.Prefetch(v + g_nPrefetchRows);
-          oIm.Prefetch(v + g_nPrefetchRows);
-          if (nMirror > 0)
-          {
-            oMirrorRe.Prefetch(v + g_nPrefetchRows);
-            oMirrorIm.Prefetch(v + g_nPrefetchRows);
-          }
-        }
         TReal* pRe = oRe.Write(v);
         TReal* pIm = oIm.Write(v);
         for (int k = 0; k < nBlockCount; ++k)
@@ -617,51 +559,6 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
     });
 }
 
-// The column results of the reverse pass in memory: row y holds complex values [0, m_nSplit) at
-// m_p + y * m_nStride (real and imaginary parts side by side) and the m_nTail values after them at
-// m_pTail + 2 * y * m_nTail.
-template <class TReal>
-struct SMemoryWork
-{
-  TReal* m_p;
-  std::size_t m_nStride;
-  int m_nSplit;
-  TReal* m_pTail;
-  int m_nTail;
-
-  // Values [nU, nU + nCount) of row nY from pFrom.
-  void Put(int nY, int nU, int nCount, const TReal* pFrom) const
-  {
-    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
-    TReal* pTo = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
-    for (int i = 0; i < 2 * nHead; ++i)
-      pTo[i] = pFrom[i];
-    for (int j = nHead; j < nCount; ++j)
-    {
-      TReal* pTail = m_pTail + 2 * (std::size_t(nY) * std::size_t(m_nTail) + std::size_t(nU + j - m_nSplit));
-      pTail[0] = pFrom[2 * j];
-      pTail[1] = pFrom[2 * j + 1];
-    }
-  }
-  // Row nY, m_nSplit + m_nTail values, to pTo.
-  void Get(int nY, TReal* pTo) const
-  {
-    const TReal* pFrom = m_p + std::size_t(nY) * m_nStride;
-    for (int i = 0; i < 2 * m_nSplit; ++i)
-      pTo[i] = pFrom[i];
-    for (int i = 0; i < 2 * m_nTail; ++i)
-      pTo[2 * m_nSplit + i] = m_pTail[2 * std::size_t(nY) * std::size_t(m_nTail) + std::size_t(i)];
-  }
-  void Prefetch(int nY, int nU, int nCount) const
-  {
-    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
-    const TReal* p = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
-    constexpr int nLine = int(64 / sizeof(TReal));
-    for (int i = 0; i < 2 * nHead; i += nLine)
-      __builtin_prefetch(p + i, 1);
-  }
-};
-
 template <class TDestBand, class TSrcBand>
 void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcIm,
                  const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger)
@@ -675,64 +572,26 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   const int nHalf = nX / 2 + 1;
   const int nStep = ScratchStride<TComplex>(nHalf);
 
-  // Columns [0, nHalf) backward, rows [0, nHeight) kept as complex values, a row's real and imaginary
-  // parts side by side: on tile bands in a tile band twice nHalf wide; on memory bands in the
-  // destination itself when it is nX wide (no allocation to fault in, and its rows are then written
-  // where they were read), else in a buffer.
-  constexpr bool bTiles = IsTileBand<TSrcBand>();
-  using TWorkBand = Band::CBand<TReal, Band::STileTag>;
-  std::unique_ptr<TWorkBand> pWorkBand;
-  std::unique_ptr<CFftBuffer<TReal>> pWorkBuffer;
-  SMemoryWork<TReal> oWorkMemory{};
-  if constexpr (bTiles)
-    pWorkBand = std::make_unique<TWorkBand>(2u * unsigned(nHalf), unsigned(nHeight));
-  else if (nWidth == nX)
-  {
-    pWorkBuffer = std::make_unique<CFftBuffer<TReal>>(2 * std::size_t(nHeight));
-    oWorkMemory = {oDest.GetRep().GetDataLocation(), std::size_t(nX), nX / 2, pWorkBuffer->Get(), nHalf - nX / 2};
-  }
-  else
-  {
-    pWorkBuffer = std::make_unique<CFftBuffer<TReal>>(2 * std::size_t(nHalf) * std::size_t(nHeight));
-    oWorkMemory = {pWorkBuffer->Get(), 2 * std::size_t(nHalf), nHalf, nullptr, 0};
-  }
-  [[maybe_unused]] const auto fnWork = [&] {
-    if constexpr (bTiles)
-      return RowsOf(*pWorkBand);
-    else
-      return 0;
-  }();
+  // Columns [0, nHalf) backward, rows [0, nHeight) kept as complex values in a tile band twice nHalf
+  // wide, a row's real and imaginary parts side by side.
+  Band::CBand<TReal, Band::STileTag> oWorkBand(2u * unsigned(nHalf), unsigned(nHeight));
+  const auto fnWork = RowsOf(oWorkBand);
 
   TransformColumns<TReal>(
     RowsOf(oSrcRe), RowsOf(oSrcIm), nHalf, StripBlocks<TComplex>(oSrcRe, nHalf), nY, nY, ePlanColumnsBackward,
     pLogger, [&](int nX0, int nStripWidth, const SStrip<TComplex>& oStrip, TReal* pRows) {
       const int nB = oStrip.m_nBlock, nBlockCount = (nStripWidth + nB - 1) / nB;
-      if constexpr (bTiles)
+      auto oWork = fnWork(2 * nX0, 2 * nStripWidth, pRows);
+      for (int y = 0; y < nHeight; ++y)
       {
-        auto oWork = fnWork(2 * nX0, 2 * nStripWidth, pRows);
-        for (int y = 0; y < nHeight; ++y)
+        TReal* pTo = oWork.Write(y);
+        for (int k = 0; k < nBlockCount; ++k)
         {
-          TReal* pTo = oWork.Write(y);
-          for (int k = 0; k < nBlockCount; ++k)
-          {
-            const TReal* pFrom = reinterpret_cast<const TReal*>(oStrip.Row(k, y));
-            const int c0 = 2 * k * nB, nCount = 2 * std::min(nB, nStripWidth - k * nB);
-            std::copy(pFrom, pFrom + nCount, pTo + c0);
-          }
-          oWork.Done();
+          const TReal* pFrom = reinterpret_cast<const TReal*>(oStrip.Row(k, y));
+          const int c0 = 2 * k * nB, nCount = 2 * std::min(nB, nStripWidth - k * nB);
+          std::copy(pFrom, pFrom + nCount, pTo + c0);
         }
-      }
-      else
-      {
-        (void)pRows;
-        for (int y = 0; y < nHeight; ++y)
-        {
-          if (y + g_nPrefetchRows < nHeight)
-            oWorkMemory.Prefetch(y + g_nPrefetchRows, nX0, nStripWidth);
-          for (int k = 0; k < nBlockCount; ++k)
-            oWorkMemory.Put(y, nX0 + k * nB, std::min(nB, nStripWidth - k * nB),
-                            reinterpret_cast<const TReal*>(oStrip.Row(k, y)));
-        }
+        oWork.Done();
       }
     });
 
@@ -751,22 +610,12 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
     TComplex* pIn = reinterpret_cast<TComplex*>(pBase);
     TReal* pOut = pBase + 2 * std::size_t(nStep);
     TReal* pRows = pBase + 4 * std::size_t(nStep);
-    [[maybe_unused]] auto oWork = [&] {
-      if constexpr (bTiles)
-        return fnWork(0, 2 * nHalf, pRows);
-      else
-        return 0;
-    }();
+    auto oWork = fnWork(0, 2 * nHalf, pRows);
     auto oDestRows = fnDest(0, nWidth, pRows + nRowStride);
     for (int y = nBlock * g_nRowBlock, nEnd = std::min(nHeight, y + g_nRowBlock); y < nEnd; ++y)
     {
-      if constexpr (bTiles)
-      {
-        const TReal* pFrom = oWork.Read(y);
-        std::copy(pFrom, pFrom + 2 * nHalf, reinterpret_cast<TReal*>(pIn));
-      }
-      else
-        oWorkMemory.Get(y, reinterpret_cast<TReal*>(pIn));
+      const TReal* pFrom = oWork.Read(y);
+      std::copy(pFrom, pFrom + 2 * nHalf, reinterpret_cast<TReal*>(pIn));
       TFftw::RowsBackward(pRowPlan, pIn, pOut);
       TReal* pTo = oDestRows.Write(y);
       for (int x = 0; x < nWidth; ++x)
