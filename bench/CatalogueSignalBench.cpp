@@ -3,7 +3,8 @@
 // machine state, and reports both in nanoseconds per source pixel and their ratio:
 // - the forward FFT against FFTW's own 2-D real-to-complex plan (threads on all cores) on a padded
 //   buffer of the same size, the reverse FFT against the 2-D complex-to-real plan on the half
-//   spectrum copied from the two bands (that plan consumes its input);
+//   spectrum copied from the two bands (that plan consumes its input); once the filter has run, the
+//   reference's threads run on oneTBB too (the filter hands FFTW's parallel loops to it);
 // - resampling, equalization and gradient orientation against a plain two-pass copy (source to a
 //   buffer, buffer to destination, rows split over the cores).
 // ratio compares wall-clock times, cpu_ratio the processor time of all threads of the process.

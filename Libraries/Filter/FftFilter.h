@@ -38,12 +38,13 @@ inline unsigned int FftSize(unsigned int nSize)
 // code of the process that plans with FFTW must not do so at the same time. Axes of 1024 or more are
 // planned by timing candidates (FFTW_MEASURE): the first call of such a size takes longer (a few
 // seconds for a 4096 x 4096 memory band, forward and reverse each), and results may differ in the
-// last bits from one process to another. The first call also starts FFTW's threads (both
-// precisions) and hands their parallel loops to oneTBB, for every FFTW plan of the process.
+// last bits from one process to another. The first call of each precision also starts FFTW's
+// threads of that precision and hands their parallel loops to oneTBB, for every threaded FFTW plan
+// of the process (fftw_threads_set_callback: code that sets its own callback replaces ours).
 // Memory and tile bands run different plans: their results agree within the rounding of the pixel
-// type (a few units of the last place of the largest values), not to the bit; one storage kind gives
-// the same bits on every call of a process. Keeping the bits equal would need the row and column
-// plans on memory bands too, at nearly three times the time.
+// type (errors of a few epsilons of the source's norm per halving of the size), not to the bit; one
+// storage kind gives the same bits on every call of a process. Keeping the bits equal would need the
+// row and column plans on memory bands too, at nearly three times the time.
 class CFftForwardFilter : public Detail::CBandFilterBase
 {
 public:

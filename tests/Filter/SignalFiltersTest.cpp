@@ -171,20 +171,14 @@ TYPED_TEST(FftTest, TilesEqualMemory)
   for (TPixel t : vecSrc)
     dNorm += t == t ? double(t) * double(t) : 0.0;
   dNorm = std::sqrt(dNorm);
-  const struct
-  {
-    const char* szName;
-    std::vector<TPixel> vecMemory, vecTile;
-    double dTolerance;
-  } aParts[] = {{"real", ReadPixels(oMemRe), ReadPixels(oTileRe), dSteps * dNorm},
-                {"imaginary", ReadPixels(oMemIm), ReadPixels(oTileIm), dSteps * dNorm},
-                {"back", ReadPixels(oMemBack), ReadPixels(oTileBack), dSteps * 10.0}};
-  for (const auto& oPart : aParts)
-  {
-    ASSERT_EQ(oPart.vecMemory.size(), oPart.vecTile.size());
-    for (std::size_t i = 0; i < oPart.vecMemory.size(); ++i)
-      ASSERT_NEAR(double(oPart.vecMemory[i]), double(oPart.vecTile[i]), oPart.dTolerance) << oPart.szName << " " << i;
-  }
+  const auto fnExpectNear = [](const auto& vecMemory, const auto& vecTile, double dTolerance, const char* szPart) {
+    ASSERT_EQ(vecMemory.size(), vecTile.size());
+    for (std::size_t i = 0; i < vecMemory.size(); ++i)
+      ASSERT_NEAR(double(vecMemory[i]), double(vecTile[i]), dTolerance) << szPart << " " << i;
+  };
+  fnExpectNear(ReadPixels(oMemRe), ReadPixels(oTileRe), dSteps * dNorm, "real");
+  fnExpectNear(ReadPixels(oMemIm), ReadPixels(oTileIm), dSteps * dNorm, "imaginary");
+  fnExpectNear(ReadPixels(oMemBack), ReadPixels(oTileBack), dSteps * 10.0, "back");
 }
 
 TEST(FftFilterTest, RejectsWrongSizesBeforeWriting)
