@@ -671,8 +671,8 @@ void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
     for (int y = y0; y < y1; ++y)
     {
       TReal* pTo = pWork + std::size_t(y) * nRow;
-      const TReal* pFrom = pSrc + std::size_t(y) * std::size_t(nWidth);
       const int nValues = y < nHeight ? nWidth : 0;
+      const TReal* pFrom = nValues > 0 ? pSrc + std::size_t(y) * std::size_t(nWidth) : pSrc;
       if (bHasNoData)
         for (int x = 0; x < nValues; ++x)
           pTo[x] = pFrom[x] == pFrom[x] && pFrom[x] != tNoData ? pFrom[x] : TReal(0);
