@@ -675,7 +675,7 @@ void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
       const TReal* pFrom = nValues > 0 ? pSrc + std::size_t(y) * std::size_t(nWidth) : pSrc;
       if (bHasNoData)
         for (int x = 0; x < nValues; ++x)
-          pTo[x] = pFrom[x] == pFrom[x] && pFrom[x] != tNoData ? pFrom[x] : TReal(0);
+          pTo[x] = (pFrom[x] == pFrom[x]) & (pFrom[x] != tNoData) ? pFrom[x] : TReal(0);
       else
         for (int x = 0; x < nValues; ++x)
           pTo[x] = pFrom[x] == pFrom[x] ? pFrom[x] : TReal(0);
@@ -694,7 +694,7 @@ void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
     for (int v = v0; v < v1; ++v)
     {
       const TReal* pFrom = pWork + std::size_t(v) * nRow;
-      const TReal* pMirror = pWork + std::size_t((nY - v) & (nY - 1)) * nRow + 2 * std::size_t(nX);
+      const TReal* pMirror = pWork + std::size_t((nY - v) & (nY - 1)) * nRow;
       TReal* pToRe = pRe + std::size_t(v) * std::size_t(nX);
       TReal* pToIm = pIm + std::size_t(v) * std::size_t(nX);
       for (int u = 0; u < nHalf; ++u)
@@ -702,10 +702,10 @@ void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
         pToRe[u] = pFrom[2 * u];
         pToIm[u] = pFrom[2 * u + 1];
       }
-      for (int u = nHalf; u < nX; ++u)
+      for (int k = 1; k < nX - nHalf + 1; ++k) // u = nX - k from nX - 1 down to nHalf
       {
-        pToRe[u] = pMirror[-2 * u];
-        pToIm[u] = -pMirror[1 - 2 * u];
+        pToRe[nX - k] = pMirror[2 * k];
+        pToIm[nX - k] = -pMirror[2 * k + 1];
       }
     }
     if (pLogger)
