@@ -1,52 +1,69 @@
 // Design notes.
 //
-// FFTW does the one-dimensional transforms; the band walks are ours. A real band's spectrum is
-// Hermitian, so the forward pass transforms the source rows real-to-complex (Nx / 2 + 1 outputs),
-// then only the columns 0 to Nx / 2 complex-to-complex, and writes the other columns as conjugates:
-// F(Nx - u, Ny - v) = conj F(u, v). Rows below the source's height are zero and never read. The
-// destinations hold the row results between the passes, so no working band is needed forward; the
-// reverse pass keeps its column results, rows [0, height) of columns [0, Nx / 2], as complex values:
-// on tile bands in a tile band twice Nx / 2 + 1 wide, on memory bands in the destination itself
-// when it is Nx wide (column Nx / 2 aside), else in a buffer. A fresh 64 MB buffer cost a fifth of
-// the reverse filter's time in page faults at 4096 x 4096 float.
+// A real band's spectrum is Hermitian: only columns 0 to Nx / 2 are computed, and the others are
+// written as conjugates, F(Nx - u, Ny - v) = conj F(u, v).
 //
-// One layout for every storage kind. A row is copied into a scratch row whose length is a multiple
-// of 64 bytes and transformed there with a plan of one transform: at 4096 values a measured plan of
-// 16 rows side by side (split output) took two fifths more time per row. Tasks take 16 rows at a time. Columns go in
-// blocks of 256 bytes of a row
-// (32 float or 16 double complex values): a block of a 4096-row band, about 1.3 MB with its row
-// padding, stays in the L2 cache while FFTW transforms its columns in place. A strip is one block
-// on memory bands, whose rows are read in place with the next rows asked for ahead (each row of a
-// strip lies on another page); on tile bands a strip is as many blocks as fill half a tile's width,
-// read through the tile cursors once, so that a band larger than memory streams through the tile
-// cache one column of tiles at a time. Since memory and tile bands run the same plans on buffers of
-// the same layout and alignment, they give the same bits.
+// Memory bands: one two-dimensional real-to-complex (or complex-to-real) FFTW plan, in place in a
+// working array of Ny rows of Nx / 2 + 1 complex values. Forward, the source is copied in (padding
+// and invalid pixels as 0, in parallel), the plan runs, and one parallel pass splits the half
+// spectrum into the two destinations and mirrors it into their other columns. Reverse, one pass
+// gathers the half spectrum from the two sources, the plan runs, and one pass scales and crops the
+// rows into the destination. Measured at 4096 x 4096 float: FFTW's split-output plan of the same
+// transform (guru split interface, writing straight into the destinations' rows) took two to four
+// times the processor time of the interleaved one, far more than the separate split pass costs, so
+// the interleaved layout it is; in place, since then one working array serves input and output.
+// The working array is new on every call (nothing of a band's size is kept between calls); from
+// 4 MB on it starts on a 2 MB boundary and asks for huge pages (where the kernel grants them on
+// request): in 4 kB pages, faulted in on every call, the forward filter took 1.5 times FFTW's own
+// plan on a preallocated buffer instead of 1.1, and FFTW's column passes, which stride across the
+// whole array, gain from the fewer TLB entries too.
 //
-// Plans: one per kind, length, count and step, made on first use under a lock (the planner is not
-// thread-safe) and kept until the process ends; tasks execute them on their own buffers through the
-// new-array functions, which are thread-safe. Transforms of g_nMeasuredLength (1024) values or more
-// get FFTW_MEASURE plans, shorter ones FFTW_ESTIMATE plans. At 4096 values, one core, buffers in
-// cache, measured row plans took 0.77 ns per pixel against 2.0 for estimated ones, and measured
-// column plans (32 columns side by side) 0.9 against 2.4: estimated plans cost the forward filter
-// about a fifth more processor time on a loaded machine, more on a quiet one. Measuring costs about
-// 0.2 s per plan at 4096 on the first call of a size (forward and reverse of 4096 x 4096 float plan
-// four), and it times the candidates, so two processes may pick different algorithms for one size
-// and then differ in the last bits. Within a process a shape has one plan, and memory and tile bands
-// run the same shapes on the same layouts, so they agree to the bit.
+// Tile bands: rows, then columns in strips, through the destinations, so that a band larger than
+// memory streams through the tile cache. The forward pass transforms the source rows real-to-complex
+// into columns [0, Nx / 2] of the destinations, then those columns complex-to-complex. Rows below the
+// source's height are zero and never read. The reverse pass keeps its column results, rows
+// [0, height) of columns [0, Nx / 2], as complex values in a tile band twice Nx / 2 + 1 wide. A row
+// is copied into a scratch row whose length is a multiple of 64 bytes and transformed there with a
+// plan of one transform: at 4096 values a measured plan of 16 rows side by side (split output) took
+// two fifths more time per row. Tasks take 16 rows at a time. Columns go in blocks of 256 bytes of a
+// row (32 float or 16 double complex values): a block of a 4096-row band, about 1.3 MB with its row
+// padding, stays in the L2 cache while FFTW transforms its columns in place. A strip is as many
+// blocks as fill half a tile's width, read through the tile cursors once, one column of tiles at a
+// time.
 //
-// Scratch memory: the passes run one worker per core, each taking the next block of rows or the next
-// strip until none is left; the workers' buffers are allocated once per pass on the calling thread,
-// never inside a task.
+// Plans: one per kind, shape and thread count, made on first use under a lock (the planner is not
+// thread-safe) and kept until the process ends; they are executed on other arrays of the same
+// alignment through the new-array functions, which are thread-safe. Transforms with an axis of
+// g_nMeasuredLength (1024) values or more get FFTW_MEASURE plans, the others FFTW_ESTIMATE plans.
+// One-dimensional plans at 4096 values, one core, buffers in cache: measured row plans took 0.77 ns
+// per pixel against 2.0 for estimated ones, measured column plans (32 columns side by side) 0.9
+// against 2.4. The two-dimensional in-place plan at 4096 x 4096 float: estimated, 1.45 times the
+// processor time of the measured one. Measuring times the candidates, so two processes may pick
+// different algorithms for one size and then differ in the last bits; within a process a shape has
+// one plan. Memory and tile bands run different plans, so their results differ in the last bits.
+//
+// Threads: two-dimensional plans of 2^15 values or more are made for the arena's concurrency, and
+// FFTW's threads hand their parallel loops to oneTBB (fftw_threads_set_callback), so that they run
+// in the caller's arena, nest in outer parallel loops, and share the workers with the band passes.
+// The loops are isolated: a thread waiting for them must not take an outer task that could ask for
+// the plan lock it may hold (plans measured under the lock run through the same loops). The row and
+// column passes of tile bands run one worker per core, each taking the next block of rows or the
+// next strip until none is left; the workers' buffers are allocated once per pass on the calling
+// thread, never inside a task.
 
 #include "Filter/FftFilter.h"
 #include "Filter/Detail/RowBuffers.h"
 
 #include <fftw3.h>
 
+#include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <atomic>
 #include <cstddef>
 #include <map>
@@ -68,24 +85,44 @@ enum EPlanKind
   ePlanRows, // real-to-complex, rows side by side
   ePlanColumnsForward, // complex in place, columns side by side
   ePlanColumnsBackward,
-  ePlanRowsBackward // complex-to-real
+  ePlanRowsBackward, // complex-to-real
+  ePlanWholeForward, // two-dimensional real-to-complex, in place
+  ePlanWholeBackward // two-dimensional complex-to-real, in place
 };
 
 // What a plan transforms. Rows: m_nCount rows of m_nLength values, the complex ones m_nStep values
 // apart and the real ones 2 * m_nStep. Columns: m_nCount adjacent columns of m_nLength complex values
-// whose rows are m_nStep values apart, transformed in place.
+// whose rows are m_nStep values apart, transformed in place. Whole: m_nCount rows of m_nLength real
+// values, 2 * m_nStep apart (m_nStep = m_nLength / 2 + 1), transformed in place as one array on
+// m_nThreads threads.
 struct SPlanShape
 {
   EPlanKind m_eKind;
   int m_nLength, m_nCount, m_nStep;
+  int m_nThreads = 1;
 
   bool operator<(const SPlanShape& o) const
   {
-    return std::tie(m_eKind, m_nLength, m_nCount, m_nStep) < std::tie(o.m_eKind, o.m_nLength, o.m_nCount, o.m_nStep);
+    return std::tie(m_eKind, m_nLength, m_nCount, m_nStep, m_nThreads) <
+           std::tie(o.m_eKind, o.m_nLength, o.m_nCount, o.m_nStep, o.m_nThreads);
   }
+  bool IsWhole() const { return m_eKind == ePlanWholeForward || m_eKind == ePlanWholeBackward; }
   // Complex values of the arrays the plan works on (the real ones take as many pairs).
-  std::size_t Extent() const { return std::size_t(m_nStep) * std::size_t(std::max(m_nLength, m_nCount)); }
+  std::size_t Extent() const
+  {
+    return std::size_t(m_nStep) * std::size_t(IsWhole() ? m_nCount : std::max(m_nLength, m_nCount));
+  }
 };
+
+// FFTW's parallel loops as oneTBB tasks of the calling thread's arena. Isolated: a thread that waits
+// for the jobs takes no outer task meanwhile, which could ask for the plan lock that thread holds.
+void ParallelLoop(void* (*fnWork)(char*), char* pJobs, std::size_t nJobSize, int nJobs, void*)
+{
+  tbb::this_task_arena::isolate([&] {
+    tbb::parallel_for(
+      0, nJobs, [&](int i) { fnWork(pJobs + nJobSize * std::size_t(i)); }, tbb::simple_partitioner());
+  });
+}
 
 std::mutex g_oPlanMutex;
 
@@ -97,8 +134,6 @@ struct SFftw<float>
 {
   using TComplex = fftwf_complex;
   using TPlan = fftwf_plan;
-  static void* Malloc(std::size_t n) { return fftwf_malloc(n); }
-  static void Free(void* p) { fftwf_free(p); }
   static TPlan PlanRows(const SPlanShape& o, float* pReal, TComplex* pComplex, unsigned f)
   {
     return fftwf_plan_many_dft_r2c(1, &o.m_nLength, o.m_nCount, pReal, nullptr, 1, 2 * o.m_nStep, pComplex, nullptr,
@@ -118,6 +153,19 @@ struct SFftw<float>
   static void RowsBackward(TPlan p, TComplex* pIn, float* pOut) { fftwf_execute_dft_c2r(p, pIn, pOut); }
   static void Columns(TPlan p, TComplex* pInOut) { fftwf_execute_dft(p, pInOut, pInOut); }
   static void Destroy(TPlan p) { fftwf_destroy_plan(p); }
+  static TPlan PlanWhole(const SPlanShape& o, TComplex* p, int nSign, unsigned f)
+  {
+    return nSign == FFTW_FORWARD
+             ? fftwf_plan_dft_r2c_2d(o.m_nCount, o.m_nLength, reinterpret_cast<float*>(p), p, f)
+             : fftwf_plan_dft_c2r_2d(o.m_nCount, o.m_nLength, p, reinterpret_cast<float*>(p), f);
+  }
+  static void InitThreads()
+  {
+    fftwf_init_threads();
+    fftwf_threads_set_callback(&ParallelLoop, nullptr);
+  }
+  static int PlannerThreads() { return fftwf_planner_nthreads(); }
+  static void PlanWithThreads(int n) { fftwf_plan_with_nthreads(n); }
 };
 
 template <>
@@ -125,8 +173,6 @@ struct SFftw<double>
 {
   using TComplex = fftw_complex;
   using TPlan = fftw_plan;
-  static void* Malloc(std::size_t n) { return fftw_malloc(n); }
-  static void Free(void* p) { fftw_free(p); }
   static TPlan PlanRows(const SPlanShape& o, double* pReal, TComplex* pComplex, unsigned f)
   {
     return fftw_plan_many_dft_r2c(1, &o.m_nLength, o.m_nCount, pReal, nullptr, 1, 2 * o.m_nStep, pComplex, nullptr,
@@ -146,22 +192,46 @@ struct SFftw<double>
   static void RowsBackward(TPlan p, TComplex* pIn, double* pOut) { fftw_execute_dft_c2r(p, pIn, pOut); }
   static void Columns(TPlan p, TComplex* pInOut) { fftw_execute_dft(p, pInOut, pInOut); }
   static void Destroy(TPlan p) { fftw_destroy_plan(p); }
+  static TPlan PlanWhole(const SPlanShape& o, TComplex* p, int nSign, unsigned f)
+  {
+    return nSign == FFTW_FORWARD
+             ? fftw_plan_dft_r2c_2d(o.m_nCount, o.m_nLength, reinterpret_cast<double*>(p), p, f)
+             : fftw_plan_dft_c2r_2d(o.m_nCount, o.m_nLength, p, reinterpret_cast<double*>(p), f);
+  }
+  static void InitThreads()
+  {
+    fftw_init_threads();
+    fftw_threads_set_callback(&ParallelLoop, nullptr);
+  }
+  static int PlannerThreads() { return fftw_planner_nthreads(); }
+  static void PlanWithThreads(int n) { fftw_plan_with_nthreads(n); }
 };
 
-// An array from FFTW's allocator: aligned as FFTW's plans like it.
-template <class T, class TReal>
+// An array aligned to 64 bytes, more than FFTW's plans ask for, so that a plan made on one runs on
+// every other. Arrays of g_nHugeBytes or more start on a 2 MB boundary and ask for huge pages (see
+// the notes).
+constexpr std::size_t g_nHugeBytes = std::size_t(4) << 20;
+constexpr std::size_t g_nHugeAlignment = std::size_t(2) << 20;
+
+template <class T>
 class CFftBuffer
 {
 public:
   explicit CFftBuffer(std::size_t nCount)
-    : m_p(static_cast<T*>(SFftw<TReal>::Malloc(sizeof(T) * (nCount ? nCount : 1))))
   {
+    const std::size_t nBytes = sizeof(T) * std::max<std::size_t>(nCount, 1);
+    const std::size_t nAlignment = nBytes >= g_nHugeBytes ? g_nHugeAlignment : 64;
+    m_p = static_cast<T*>(std::aligned_alloc(nAlignment, (nBytes + nAlignment - 1) / nAlignment * nAlignment));
     if (!m_p)
       throw std::bad_alloc();
+#ifdef MADV_HUGEPAGE
+    if (nAlignment == g_nHugeAlignment)
+      madvise(m_p, nBytes, MADV_HUGEPAGE); // a hint: without it, the array is as good
+#endif
   }
   CFftBuffer(const CFftBuffer&) = delete;
   CFftBuffer& operator=(const CFftBuffer&) = delete;
-  ~CFftBuffer() { SFftw<TReal>::Free(m_p); }
+  ~CFftBuffer() { std::free(m_p); }
   T* Get() const { return m_p; }
 
 private:
@@ -187,21 +257,29 @@ typename SFftw<TReal>::TPlan GetPlan(const SPlanShape& oShape)
   static SPlans s_oPlans;
 
   std::lock_guard<std::mutex> oLock(g_oPlanMutex);
+  static const bool s_bThreads = (TFftw::InitThreads(), true);
+  (void)s_bThreads;
   auto& pPlan = s_oPlans.m_map[oShape];
   if (!pPlan)
   {
     // Arrays of the layout and alignment of every buffer the plan runs on later; the planner may
     // overwrite them.
-    CFftBuffer<TReal, TReal> oReal(2 * oShape.Extent());
-    CFftBuffer<TComplex, TReal> oComplex(oShape.Extent());
-    const unsigned nFlags = oShape.m_nLength >= g_nMeasuredLength ? FFTW_MEASURE : FFTW_ESTIMATE;
+    CFftBuffer<TReal> oReal(oShape.IsWhole() ? 0 : 2 * oShape.Extent());
+    CFftBuffer<TComplex> oComplex(oShape.Extent());
+    const bool bMeasure = std::max(oShape.m_nLength, oShape.IsWhole() ? oShape.m_nCount : 0) >= g_nMeasuredLength;
+    const unsigned nFlags = bMeasure ? FFTW_MEASURE : FFTW_ESTIMATE;
+    const int nPreviousThreads = TFftw::PlannerThreads(); // the planner's setting is the process's
+    TFftw::PlanWithThreads(oShape.m_nThreads);
     switch (oShape.m_eKind)
     {
     case ePlanRows: pPlan = TFftw::PlanRows(oShape, oReal.Get(), oComplex.Get(), nFlags); break;
     case ePlanColumnsForward: pPlan = TFftw::PlanColumns(oShape, oComplex.Get(), FFTW_FORWARD, nFlags); break;
     case ePlanColumnsBackward: pPlan = TFftw::PlanColumns(oShape, oComplex.Get(), FFTW_BACKWARD, nFlags); break;
     case ePlanRowsBackward: pPlan = TFftw::PlanRowsBackward(oShape, oComplex.Get(), oReal.Get(), nFlags); break;
+    case ePlanWholeForward: pPlan = TFftw::PlanWhole(oShape, oComplex.Get(), FFTW_FORWARD, nFlags); break;
+    case ePlanWholeBackward: pPlan = TFftw::PlanWhole(oShape, oComplex.Get(), FFTW_BACKWARD, nFlags); break;
     }
+    TFftw::PlanWithThreads(nPreviousThreads);
     if (!pPlan)
       throw std::bad_alloc();
   }
@@ -227,9 +305,6 @@ int BlockColumns(int nColumns)
 {
   return std::min(int(256 / sizeof(TComplex)), int(Detail::FftSize(unsigned(nColumns))));
 }
-// Blocks per strip on memory bands: with the rows asked for ahead, reading four blocks' width at a
-// time took a tenth more processor time at 4096 x 4096 float (the strip then leaves the L2 cache).
-constexpr int g_nMemoryStripBlocks = 1;
 
 // fn(nWorker, nItem) for every item of [0, nItems), on at most nWorkers workers at once, each taking
 // the next item until none is left. nWorker < nWorkers indexes the scratch the caller made per worker.
@@ -248,36 +323,8 @@ int WorkerCount(int nItems)
   return std::max(1, std::min(nItems, tbb::this_task_arena::max_concurrency()));
 }
 
-// Row windows: Read(y) gives the window's pixels of row y, Write(y) where to put them and Done()
-// stores what was put there. Memory rows are the band's own pixels; tile rows go through a cursor
-// and a row of scratch.
-template <class TPixel> // const for a read-only band
-class CMemoryRows
-{
-public:
-  CMemoryRows(TPixel* p, std::size_t nStride, int nX, int nWidth) : m_p(p + nX), m_nStride(nStride), m_nWidth(nWidth) {}
-  TPixel* Read(int nY) const { return _Row(nY); }
-  TPixel* Write(int nY) const { return _Row(nY); }
-  void Done() const {}
-  // Asks for row nY ahead of its use.
-  void Prefetch(int nY) const
-  {
-    const TPixel* p = _Row(nY);
-    constexpr int nLine = int(64 / sizeof(TPixel));
-    for (int i = 0; i < m_nWidth; i += nLine)
-      __builtin_prefetch(p + i, std::is_const<TPixel>::value ? 0 : 1);
-    if (m_nWidth > 0)
-      __builtin_prefetch(p + m_nWidth - 1, std::is_const<TPixel>::value ? 0 : 1);
-  }
-
-private:
-  TPixel* _Row(int nY) const { return m_p + std::size_t(nY) * m_nStride; }
-
-  TPixel* m_p;
-  std::size_t m_nStride;
-  int m_nWidth;
-};
-
+// A window of tile rows: Read(y) gives the window's pixels of row y, Write(y) where to put them and
+// Done() stores what was put there, through a cursor and a row of scratch.
 template <class TIterator, class TPixel>
 class CTileRows
 {
@@ -294,7 +341,6 @@ public:
     return m_p;
   }
   void Done() { m_oCursor.Write(m_nY, m_p); }
-  void Prefetch(int) const {}
 
 private:
   Detail::CRowCursor<TIterator> m_oCursor;
@@ -308,31 +354,17 @@ constexpr bool IsTileBand()
   return std::is_same<typename std::remove_const_t<TBand>::TTagType, Band::STileTag>::value;
 }
 
-// fn(nX, nWidth, pScratch) makes a window of columns [nX, nX + nWidth) of oBand; pScratch holds
-// nWidth pixels (used by tile bands only). Made on the calling thread, called in the tasks.
+// fn(nX, nWidth, pScratch) makes a window of columns [nX, nX + nWidth) of the tile band oBand;
+// pScratch holds nWidth pixels. Made on the calling thread, called in the tasks.
 template <class TBand>
 auto RowsOf(TBand& oBand)
 {
   using TPixel = typename std::remove_const_t<TBand>::TPixel;
-  if constexpr (IsTileBand<TBand>())
-  {
-    const auto it = boost::get<0>(oBand.GetBandIterators(oBand.GetRect()));
-    return [it](int nX, int nWidth, TPixel* pScratch) {
-      return CTileRows<std::decay_t<decltype(it)>, TPixel>(it, nX, nWidth, pScratch);
-    };
-  }
-  else
-  {
-    auto* p = oBand.GetRep().GetDataLocation(); // const for a read-only band
-    const std::size_t nStride = oBand.GetWidth();
-    return [p, nStride](int nX, int nWidth, TPixel*) {
-      return CMemoryRows<std::remove_pointer_t<decltype(p)>>(p, nStride, nX, nWidth);
-    };
-  }
+  const auto it = boost::get<0>(oBand.GetBandIterators(oBand.GetRect()));
+  return [it](int nX, int nWidth, TPixel* pScratch) {
+    return CTileRows<std::decay_t<decltype(it)>, TPixel>(it, nX, nWidth, pScratch);
+  };
 }
-
-// Rows ahead that the column passes ask for.
-constexpr int g_nPrefetchRows = 8;
 
 // A strip of columns in the scratch: blocks of m_nBlock columns, each m_nLength rows of m_nStep
 // complex values; value (v, c) of the strip is Row(c / m_nBlock, v)[c % m_nBlock].
@@ -370,7 +402,7 @@ void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, in
   const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(nStrip));
   const std::size_t nScratch = nBlockSize * std::size_t(nStripBlocks) + 3 * nRowStride; // complex values
   const int nWorkers = WorkerCount(nStrips);
-  CFftBuffer<TComplex, TReal> oScratch(nScratch * std::size_t(nWorkers));
+  CFftBuffer<TComplex> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nStrips, [&](int nWorker, int nS) {
     const SStrip<TComplex> oStrip{oScratch.Get() + nScratch * std::size_t(nWorker), nBlock, nStep, nLength};
     TReal* pRows = reinterpret_cast<TReal*>(oStrip.m_p + nBlockSize * std::size_t(nStripBlocks));
@@ -381,11 +413,6 @@ void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, in
     auto oIm = fnIm(nX0, nWidth, pRows + nRowStride);
     for (int y = 0; y < nReadRows; ++y)
     {
-      if (y + g_nPrefetchRows < nReadRows)
-      {
-        oRe.Prefetch(y + g_nPrefetchRows);
-        oIm.Prefetch(y + g_nPrefetchRows);
-      }
       const TReal* pRe = oRe.Read(y);
       const TReal* pIm = oIm.Read(y);
       for (int k = 0; k < nBlocks; ++k)
@@ -416,22 +443,13 @@ void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, in
   });
 }
 
-// Blocks per column strip: a tile's width (half the block hint) on tile bands, so that a strip costs
-// one pass over a column of tiles; g_nMemoryStripBlocks on memory bands.
+// Blocks per column strip: a tile's width (half the block hint), so that a strip costs one pass over
+// a column of tiles.
 template <class TComplex, class TBand>
 int StripBlocks(const TBand& oBand, int nColumns)
 {
-  if constexpr (IsTileBand<TBand>())
-  {
-    const int nHint = int(std::min<std::uint32_t>(256, Detail::BeginOf(oBand).GetBlockHintX() / 2));
-    return std::max(1, nHint / BlockColumns<TComplex>(nColumns));
-  }
-  else
-  {
-    (void)oBand;
-    (void)nColumns;
-    return g_nMemoryStripBlocks;
-  }
+  const int nHint = int(std::min<std::uint32_t>(256, Detail::BeginOf(oBand).GetBlockHintX() / 2));
+  return std::max(1, nHint / BlockColumns<TComplex>(nColumns));
 }
 
 template <class TDestBand, class TSrcBand>
@@ -461,7 +479,7 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
   const int nWorkers = WorkerCount(nBlocks);
   const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(std::max(nWidth, nHalf)));
   const std::size_t nScratch = 4 * std::size_t(nStep) + 3 * nRowStride; // reals
-  CFftBuffer<TReal, TReal> oScratch(nScratch * std::size_t(nWorkers));
+  CFftBuffer<TReal> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
     TReal* pIn = oScratch.Get() + nScratch * std::size_t(nWorker);
     TComplex* pOut = reinterpret_cast<TComplex*>(pIn + 2 * std::size_t(nStep));
@@ -505,16 +523,6 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
       auto oMirrorIm = fnIm(nMirrorX, nMirror, pRows + 3 * nWindow);
       for (int v = 0; v < nY; ++v)
       {
-        if (v + g_nPrefetchRows < nY)
-        {
-          oRe.Prefetch(v + g_nPrefetchRows);
-          oIm.Prefetch(v + g_nPrefetchRows);
-          if (nMirror > 0)
-          {
-            oMirrorRe.Prefetch(v + g_nPrefetchRows);
-            oMirrorIm.Prefetch(v + g_nPrefetchRows);
-          }
-        }
         TReal* pRe = oRe.Write(v);
         TReal* pIm = oIm.Write(v);
         for (int k = 0; k < nBlockCount; ++k)
@@ -551,51 +559,6 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
     });
 }
 
-// The column results of the reverse pass in memory: row y holds complex values [0, m_nSplit) at
-// m_p + y * m_nStride (real and imaginary parts side by side) and the m_nTail values after them at
-// m_pTail + 2 * y * m_nTail.
-template <class TReal>
-struct SMemoryWork
-{
-  TReal* m_p;
-  std::size_t m_nStride;
-  int m_nSplit;
-  TReal* m_pTail;
-  int m_nTail;
-
-  // Values [nU, nU + nCount) of row nY from pFrom.
-  void Put(int nY, int nU, int nCount, const TReal* pFrom) const
-  {
-    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
-    TReal* pTo = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
-    for (int i = 0; i < 2 * nHead; ++i)
-      pTo[i] = pFrom[i];
-    for (int j = nHead; j < nCount; ++j)
-    {
-      TReal* pTail = m_pTail + 2 * (std::size_t(nY) * std::size_t(m_nTail) + std::size_t(nU + j - m_nSplit));
-      pTail[0] = pFrom[2 * j];
-      pTail[1] = pFrom[2 * j + 1];
-    }
-  }
-  // Row nY, m_nSplit + m_nTail values, to pTo.
-  void Get(int nY, TReal* pTo) const
-  {
-    const TReal* pFrom = m_p + std::size_t(nY) * m_nStride;
-    for (int i = 0; i < 2 * m_nSplit; ++i)
-      pTo[i] = pFrom[i];
-    for (int i = 0; i < 2 * m_nTail; ++i)
-      pTo[2 * m_nSplit + i] = m_pTail[2 * std::size_t(nY) * std::size_t(m_nTail) + std::size_t(i)];
-  }
-  void Prefetch(int nY, int nU, int nCount) const
-  {
-    const int nHead = std::max(0, std::min(nCount, m_nSplit - nU));
-    const TReal* p = m_p + std::size_t(nY) * m_nStride + 2 * std::size_t(nU);
-    constexpr int nLine = int(64 / sizeof(TReal));
-    for (int i = 0; i < 2 * nHead; i += nLine)
-      __builtin_prefetch(p + i, 1);
-  }
-};
-
 template <class TDestBand, class TSrcBand>
 void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcIm,
                  const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger)
@@ -609,64 +572,26 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   const int nHalf = nX / 2 + 1;
   const int nStep = ScratchStride<TComplex>(nHalf);
 
-  // Columns [0, nHalf) backward, rows [0, nHeight) kept as complex values, a row's real and imaginary
-  // parts side by side: on tile bands in a tile band twice nHalf wide; on memory bands in the
-  // destination itself when it is nX wide (no allocation to fault in, and its rows are then written
-  // where they were read), else in a buffer.
-  constexpr bool bTiles = IsTileBand<TSrcBand>();
-  using TWorkBand = Band::CBand<TReal, Band::STileTag>;
-  std::unique_ptr<TWorkBand> pWorkBand;
-  std::unique_ptr<CFftBuffer<TReal, TReal>> pWorkBuffer;
-  SMemoryWork<TReal> oWorkMemory{};
-  if constexpr (bTiles)
-    pWorkBand = std::make_unique<TWorkBand>(2u * unsigned(nHalf), unsigned(nHeight));
-  else if (nWidth == nX)
-  {
-    pWorkBuffer = std::make_unique<CFftBuffer<TReal, TReal>>(2 * std::size_t(nHeight));
-    oWorkMemory = {oDest.GetRep().GetDataLocation(), std::size_t(nX), nX / 2, pWorkBuffer->Get(), nHalf - nX / 2};
-  }
-  else
-  {
-    pWorkBuffer = std::make_unique<CFftBuffer<TReal, TReal>>(2 * std::size_t(nHalf) * std::size_t(nHeight));
-    oWorkMemory = {pWorkBuffer->Get(), 2 * std::size_t(nHalf), nHalf, nullptr, 0};
-  }
-  [[maybe_unused]] const auto fnWork = [&] {
-    if constexpr (bTiles)
-      return RowsOf(*pWorkBand);
-    else
-      return 0;
-  }();
+  // Columns [0, nHalf) backward, rows [0, nHeight) kept as complex values in a tile band twice nHalf
+  // wide, a row's real and imaginary parts side by side.
+  Band::CBand<TReal, Band::STileTag> oWorkBand(2u * unsigned(nHalf), unsigned(nHeight));
+  const auto fnWork = RowsOf(oWorkBand);
 
   TransformColumns<TReal>(
     RowsOf(oSrcRe), RowsOf(oSrcIm), nHalf, StripBlocks<TComplex>(oSrcRe, nHalf), nY, nY, ePlanColumnsBackward,
     pLogger, [&](int nX0, int nStripWidth, const SStrip<TComplex>& oStrip, TReal* pRows) {
       const int nB = oStrip.m_nBlock, nBlockCount = (nStripWidth + nB - 1) / nB;
-      if constexpr (bTiles)
+      auto oWork = fnWork(2 * nX0, 2 * nStripWidth, pRows);
+      for (int y = 0; y < nHeight; ++y)
       {
-        auto oWork = fnWork(2 * nX0, 2 * nStripWidth, pRows);
-        for (int y = 0; y < nHeight; ++y)
+        TReal* pTo = oWork.Write(y);
+        for (int k = 0; k < nBlockCount; ++k)
         {
-          TReal* pTo = oWork.Write(y);
-          for (int k = 0; k < nBlockCount; ++k)
-          {
-            const TReal* pFrom = reinterpret_cast<const TReal*>(oStrip.Row(k, y));
-            const int c0 = 2 * k * nB, nCount = 2 * std::min(nB, nStripWidth - k * nB);
-            std::copy(pFrom, pFrom + nCount, pTo + c0);
-          }
-          oWork.Done();
+          const TReal* pFrom = reinterpret_cast<const TReal*>(oStrip.Row(k, y));
+          const int c0 = 2 * k * nB, nCount = 2 * std::min(nB, nStripWidth - k * nB);
+          std::copy(pFrom, pFrom + nCount, pTo + c0);
         }
-      }
-      else
-      {
-        (void)pRows;
-        for (int y = 0; y < nHeight; ++y)
-        {
-          if (y + g_nPrefetchRows < nHeight)
-            oWorkMemory.Prefetch(y + g_nPrefetchRows, nX0, nStripWidth);
-          for (int k = 0; k < nBlockCount; ++k)
-            oWorkMemory.Put(y, nX0 + k * nB, std::min(nB, nStripWidth - k * nB),
-                            reinterpret_cast<const TReal*>(oStrip.Row(k, y)));
-        }
+        oWork.Done();
       }
     });
 
@@ -679,28 +604,18 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   const int nWorkers = WorkerCount(nBlocks);
   const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(std::max(2 * nHalf, nWidth)));
   const std::size_t nScratch = 4 * std::size_t(nStep) + 2 * nRowStride; // reals
-  CFftBuffer<TReal, TReal> oScratch(nScratch * std::size_t(nWorkers));
+  CFftBuffer<TReal> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
     TReal* pBase = oScratch.Get() + nScratch * std::size_t(nWorker);
     TComplex* pIn = reinterpret_cast<TComplex*>(pBase);
     TReal* pOut = pBase + 2 * std::size_t(nStep);
     TReal* pRows = pBase + 4 * std::size_t(nStep);
-    [[maybe_unused]] auto oWork = [&] {
-      if constexpr (bTiles)
-        return fnWork(0, 2 * nHalf, pRows);
-      else
-        return 0;
-    }();
+    auto oWork = fnWork(0, 2 * nHalf, pRows);
     auto oDestRows = fnDest(0, nWidth, pRows + nRowStride);
     for (int y = nBlock * g_nRowBlock, nEnd = std::min(nHeight, y + g_nRowBlock); y < nEnd; ++y)
     {
-      if constexpr (bTiles)
-      {
-        const TReal* pFrom = oWork.Read(y);
-        std::copy(pFrom, pFrom + 2 * nHalf, reinterpret_cast<TReal*>(pIn));
-      }
-      else
-        oWorkMemory.Get(y, reinterpret_cast<TReal*>(pIn));
+      const TReal* pFrom = oWork.Read(y);
+      std::copy(pFrom, pFrom + 2 * nHalf, reinterpret_cast<TReal*>(pIn));
       TFftw::RowsBackward(pRowPlan, pIn, pOut);
       TReal* pTo = oDestRows.Write(y);
       for (int x = 0; x < nWidth; ++x)
@@ -709,6 +624,145 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
       if (pLogger)
         pLogger->IncrementProgress();
     }
+  });
+}
+
+// Threads of a whole-array plan: the arena's, for arrays of g_nThreadedValues values or more.
+constexpr std::size_t g_nThreadedValues = std::size_t(1) << 15;
+int WholeThreads(int nX, int nY)
+{
+  return std::size_t(nX) * std::size_t(nY) < g_nThreadedValues ? 1 : tbb::this_task_arena::max_concurrency();
+}
+
+// fn(y0, y1) for blocks of rows of [0, nRows), in parallel; a block holds at least 16384 values of
+// rows nLength long.
+template <class TFn>
+void ForEachRowBlock(int nRows, int nLength, const TFn& fn)
+{
+  const int nGrain = std::max(1, 16384 / std::max(1, nLength));
+  tbb::parallel_for(tbb::blocked_range<int>(0, nRows, nGrain),
+                    [&](const tbb::blocked_range<int>& r) { fn(r.begin(), r.end()); });
+}
+
+// The forward transform of a memory band as one two-dimensional plan, in place in a working array
+// of nY rows of nHalf complex values: the source copied in (padding and invalid pixels as 0), the
+// plan run, then the half spectrum split into the two destinations and mirrored into their columns
+// (nHalf, nX) in one pass.
+template <class TDestBand, class TSrcBand>
+void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
+                  const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger)
+{
+  using TReal = typename TDestBand::TPixel;
+  using TComplex = typename SFftw<TReal>::TComplex;
+  static_assert(std::is_same<typename TSrcBand::TPixel, TReal>::value, "one pixel type in and out");
+
+  const int nWidth = int(oSrc.GetWidth()), nHeight = int(oSrc.GetHeight());
+  const int nX = int(oDestRe.GetWidth()), nY = int(oDestRe.GetHeight());
+  const int nHalf = nX / 2 + 1;
+  const std::size_t nRow = 2 * std::size_t(nHalf); // reals per row of the working array
+  const bool bHasNoData = oSrc.HasNoDataValue();
+  const TReal tNoData = bHasNoData ? oSrc.GetNoDataValue() : TReal(0);
+  const auto pPlan = GetPlan<TReal>({ePlanWholeForward, nX, nY, nHalf, WholeThreads(nX, nY)});
+  CFftBuffer<TComplex> oWork(std::size_t(nHalf) * std::size_t(nY));
+  TReal* const pWork = reinterpret_cast<TReal*>(oWork.Get());
+
+  const TReal* const pSrc = oSrc.GetRep().GetDataLocation();
+  ForEachRowBlock(nY, nX, [&](int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+    {
+      TReal* pTo = pWork + std::size_t(y) * nRow;
+      const int nValues = y < nHeight ? nWidth : 0;
+      const TReal* pFrom = nValues > 0 ? pSrc + std::size_t(y) * std::size_t(nWidth) : pSrc;
+      if (bHasNoData)
+        for (int x = 0; x < nValues; ++x)
+          pTo[x] = (pFrom[x] == pFrom[x]) & (pFrom[x] != tNoData) ? pFrom[x] : TReal(0);
+      else
+        for (int x = 0; x < nValues; ++x)
+          pTo[x] = pFrom[x] == pFrom[x] ? pFrom[x] : TReal(0);
+      std::fill(pTo + nValues, pTo + nX, TReal(0));
+    }
+    if (pLogger && y0 < nHeight)
+      pLogger->IncrementProgress(double(std::min(y1, nHeight) - y0));
+  });
+
+  SFftw<TReal>::Rows(pPlan, pWork, oWork.Get());
+
+  // F(u, v) for u < nHalf from row v; F(u, v) = conj F(nX - u, nY - v) beyond.
+  TReal* const pRe = oDestRe.GetRep().GetDataLocation();
+  TReal* const pIm = oDestIm.GetRep().GetDataLocation();
+  ForEachRowBlock(nY, nX, [&](int v0, int v1) {
+    for (int v = v0; v < v1; ++v)
+    {
+      const TReal* pFrom = pWork + std::size_t(v) * nRow;
+      const TReal* pMirror = pWork + std::size_t((nY - v) & (nY - 1)) * nRow;
+      TReal* pToRe = pRe + std::size_t(v) * std::size_t(nX);
+      TReal* pToIm = pIm + std::size_t(v) * std::size_t(nX);
+      for (int u = 0; u < nHalf; ++u)
+      {
+        pToRe[u] = pFrom[2 * u];
+        pToIm[u] = pFrom[2 * u + 1];
+      }
+      for (int k = 1; k < nX - nHalf + 1; ++k) // u = nX - k from nX - 1 down to nHalf
+      {
+        pToRe[nX - k] = pMirror[2 * k];
+        pToIm[nX - k] = -pMirror[2 * k + 1];
+      }
+    }
+    if (pLogger)
+      pLogger->IncrementProgress(double(nHalf) * double(v1 - v0) / double(nY));
+  });
+}
+
+// The reverse transform of memory bands as one two-dimensional plan, in place in a working array of
+// nY rows of nHalf complex values: the half spectrum gathered from the two sources, the plan run,
+// then the destination's rows scaled out of it.
+template <class TDestBand, class TSrcBand>
+void ReverseWhole(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcIm,
+                  const boost::shared_ptr<Harnel::Progress::CLogger>& pLogger)
+{
+  using TReal = typename TSrcBand::TPixel;
+  using TComplex = typename SFftw<TReal>::TComplex;
+
+  const int nWidth = int(oDest.GetWidth()), nHeight = int(oDest.GetHeight());
+  const int nX = int(oSrcRe.GetWidth()), nY = int(oSrcRe.GetHeight());
+  const int nHalf = nX / 2 + 1;
+  const std::size_t nRow = 2 * std::size_t(nHalf);
+  const auto pPlan = GetPlan<TReal>({ePlanWholeBackward, nX, nY, nHalf, WholeThreads(nX, nY)});
+  CFftBuffer<TComplex> oWork(std::size_t(nHalf) * std::size_t(nY));
+  TReal* const pWork = reinterpret_cast<TReal*>(oWork.Get());
+
+  const TReal* const pRe = oSrcRe.GetRep().GetDataLocation();
+  const TReal* const pIm = oSrcIm.GetRep().GetDataLocation();
+  ForEachRowBlock(nY, nX, [&](int v0, int v1) {
+    for (int v = v0; v < v1; ++v)
+    {
+      TReal* pTo = pWork + std::size_t(v) * nRow;
+      const TReal* pFromRe = pRe + std::size_t(v) * std::size_t(nX);
+      const TReal* pFromIm = pIm + std::size_t(v) * std::size_t(nX);
+      for (int u = 0; u < nHalf; ++u)
+      {
+        pTo[2 * u] = pFromRe[u];
+        pTo[2 * u + 1] = pFromIm[u];
+      }
+    }
+    if (pLogger)
+      pLogger->IncrementProgress(double(nHalf) * double(v1 - v0) / double(nY));
+  });
+
+  SFftw<TReal>::RowsBackward(pPlan, oWork.Get(), pWork);
+
+  const TReal tScale = TReal(1.0 / (double(nX) * double(nY)));
+  TReal* const pDest = oDest.GetRep().GetDataLocation();
+  ForEachRowBlock(nHeight, nWidth, [&](int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+    {
+      const TReal* pFrom = pWork + std::size_t(y) * nRow;
+      TReal* pTo = pDest + std::size_t(y) * std::size_t(nWidth);
+      for (int x = 0; x < nWidth; ++x)
+        pTo[x] = pFrom[x] * tScale;
+    }
+    if (pLogger)
+      pLogger->IncrementProgress(double(y1 - y0));
   });
 }
 
@@ -736,7 +790,10 @@ void CFftForwardFilter::Apply(TDest& oDestReal, TDest& oDestImag, const TSrc& oS
   }
   // One unit per row of the row pass, one per column of the column pass.
   Detail::PushFilterLayer(m_pLogger, "Apply FFT Forward Filter", double(oSrc.GetHeight()) + double(nX / 2 + 1));
-  ForwardImpl(oDestReal, oDestImag, oSrc, m_pLogger);
+  if constexpr (IsTileBand<TSrc>())
+    ForwardImpl(oDestReal, oDestImag, oSrc, m_pLogger);
+  else
+    ForwardWhole(oDestReal, oDestImag, oSrc, m_pLogger);
   if (m_pLogger)
     m_pLogger->Pop();
 }
@@ -755,7 +812,10 @@ void CFftReverseFilter::Apply(TDest& oDest, const TSrc& oSrcReal, const TSrc& oS
     return;
   Detail::PushFilterLayer(m_pLogger, "Apply FFT Reverse Filter",
                           double(oDest.GetHeight()) + double(oSrcReal.GetWidth() / 2 + 1));
-  ReverseImpl(oDest, oSrcReal, oSrcImag, m_pLogger);
+  if constexpr (IsTileBand<TSrc>())
+    ReverseImpl(oDest, oSrcReal, oSrcImag, m_pLogger);
+  else
+    ReverseWhole(oDest, oSrcReal, oSrcImag, m_pLogger);
   if (m_pLogger)
     m_pLogger->Pop();
 }

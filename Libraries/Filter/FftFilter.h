@@ -29,13 +29,22 @@ inline unsigned int FftSize(unsigned int nSize)
 // must be Nx x Ny; no scaling on the way forward.
 //
 // Float and double bands; destination and source of one pixel type, all three of one storage tag.
-// Rows are transformed first, then columns in strips, through the destinations, so a tile band
-// larger than memory can be transformed. FFTW does the one-dimensional transforms; its plans are
-// made on the first call for each size, under a lock of this library's own: other code of the
-// process that plans with FFTW must not do so at the same time. Axes of 1024 or more are planned by
-// timing candidates (FFTW_MEASURE): the first call of such a size takes longer (about a second for
-// 4096 x 4096, forward and reverse), and results may differ in the last bits from one process to
-// another. Within a process, memory and tile bands give the same bits.
+// Memory bands are transformed whole by one two-dimensional FFTW plan on all cores of the calling
+// thread's arena, in a working array of Ny x (Nx / 2 + 1) complex values (the size of one
+// destination) allocated for the call. On tile bands rows are transformed first, then columns in
+// strips, through the destinations, so a tile band larger than memory can be transformed.
+//
+// FFTW plans are made on the first call for each size, under a lock of this library's own: other
+// code of the process that plans with FFTW must not do so at the same time. Axes of 1024 or more are
+// planned by timing candidates (FFTW_MEASURE): the first call of such a size takes longer (a few
+// seconds for a 4096 x 4096 memory band, forward and reverse each), and results may differ in the
+// last bits from one process to another. The first call of each precision also starts FFTW's
+// threads of that precision and hands their parallel loops to oneTBB, for every threaded FFTW plan
+// of the process (fftw_threads_set_callback: code that sets its own callback replaces ours).
+// Memory and tile bands run different plans: their results agree within the rounding of the pixel
+// type (errors of a few epsilons of the source's norm per halving of the size), not to the bit; one
+// storage kind gives the same bits on every call of a process. Keeping the bits equal would need the
+// row and column plans on memory bands too, at nearly three times the time.
 class CFftForwardFilter : public Detail::CBandFilterBase
 {
 public:
