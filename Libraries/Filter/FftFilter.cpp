@@ -12,11 +12,12 @@
 // transform (guru split interface, writing straight into the destinations' rows) took two to four
 // times the processor time of the interleaved one, far more than the separate split pass costs, so
 // the interleaved layout it is; in place, since then one working array serves input and output.
-// The working array is new on every call (nothing of a band's size is kept between calls); from
-// 4 MB on it starts on a 2 MB boundary and asks for huge pages (where the kernel grants them on
-// request): in 4 kB pages, faulted in on every call, the forward filter took 1.5 times FFTW's own
-// plan on a preallocated buffer instead of 1.1, and FFTW's column passes, which stride across the
-// whole array, gain from the fewer TLB entries too.
+// The working array is a CWorkBuffer: from 4 MB on it starts on a 2 MB boundary and asks for huge
+// pages (where the kernel grants them on request): in 4 kB pages, faulted in on every call, the
+// forward filter took 1.5 times FFTW's own plan on a preallocated buffer instead of 1.1, and FFTW's
+// column passes, which stride across the whole array, gain from the fewer TLB entries too. Arrays
+// of up to 64 MiB are kept for the next call (CKeptArrays); a 4096 x 4096 float band's is larger
+// and goes back to the system.
 //
 // Tile bands: rows, then columns in strips, through the destinations, so that a band larger than
 // memory streams through the tile cache. The forward pass transforms the source rows real-to-complex
@@ -53,6 +54,7 @@
 
 #include "Filter/FftFilter.h"
 #include "Filter/Detail/RowBuffers.h"
+#include "Filter/Detail/WorkBuffer.h"
 
 #include <fftw3.h>
 
@@ -60,10 +62,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
-#include <sys/mman.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <atomic>
 #include <cstddef>
 #include <map>
@@ -207,37 +206,6 @@ struct SFftw<double>
   static void PlanWithThreads(int n) { fftw_plan_with_nthreads(n); }
 };
 
-// An array aligned to 64 bytes, more than FFTW's plans ask for, so that a plan made on one runs on
-// every other. Arrays of g_nHugeBytes or more start on a 2 MB boundary and ask for huge pages (see
-// the notes).
-constexpr std::size_t g_nHugeBytes = std::size_t(4) << 20;
-constexpr std::size_t g_nHugeAlignment = std::size_t(2) << 20;
-
-template <class T>
-class CFftBuffer
-{
-public:
-  explicit CFftBuffer(std::size_t nCount)
-  {
-    const std::size_t nBytes = sizeof(T) * std::max<std::size_t>(nCount, 1);
-    const std::size_t nAlignment = nBytes >= g_nHugeBytes ? g_nHugeAlignment : 64;
-    m_p = static_cast<T*>(std::aligned_alloc(nAlignment, (nBytes + nAlignment - 1) / nAlignment * nAlignment));
-    if (!m_p)
-      throw std::bad_alloc();
-#ifdef MADV_HUGEPAGE
-    if (nAlignment == g_nHugeAlignment)
-      madvise(m_p, nBytes, MADV_HUGEPAGE); // a hint: without it, the array is as good
-#endif
-  }
-  CFftBuffer(const CFftBuffer&) = delete;
-  CFftBuffer& operator=(const CFftBuffer&) = delete;
-  ~CFftBuffer() { std::free(m_p); }
-  T* Get() const { return m_p; }
-
-private:
-  T* m_p;
-};
-
 // The plan for oShape, made on first use and kept until the process ends.
 template <class TReal>
 typename SFftw<TReal>::TPlan GetPlan(const SPlanShape& oShape)
@@ -264,20 +232,20 @@ typename SFftw<TReal>::TPlan GetPlan(const SPlanShape& oShape)
   {
     // Arrays of the layout and alignment of every buffer the plan runs on later; the planner may
     // overwrite them.
-    CFftBuffer<TReal> oReal(oShape.IsWhole() ? 0 : 2 * oShape.Extent());
-    CFftBuffer<TComplex> oComplex(oShape.Extent());
+    Detail::CWorkBuffer<TReal> oReal(oShape.IsWhole() ? 0 : 2 * oShape.Extent());
+    Detail::CWorkBuffer<TComplex> oComplex(oShape.Extent());
     const bool bMeasure = std::max(oShape.m_nLength, oShape.IsWhole() ? oShape.m_nCount : 0) >= g_nMeasuredLength;
     const unsigned nFlags = bMeasure ? FFTW_MEASURE : FFTW_ESTIMATE;
     const int nPreviousThreads = TFftw::PlannerThreads(); // the planner's setting is the process's
     TFftw::PlanWithThreads(oShape.m_nThreads);
     switch (oShape.m_eKind)
     {
-    case ePlanRows: pPlan = TFftw::PlanRows(oShape, oReal.Get(), oComplex.Get(), nFlags); break;
-    case ePlanColumnsForward: pPlan = TFftw::PlanColumns(oShape, oComplex.Get(), FFTW_FORWARD, nFlags); break;
-    case ePlanColumnsBackward: pPlan = TFftw::PlanColumns(oShape, oComplex.Get(), FFTW_BACKWARD, nFlags); break;
-    case ePlanRowsBackward: pPlan = TFftw::PlanRowsBackward(oShape, oComplex.Get(), oReal.Get(), nFlags); break;
-    case ePlanWholeForward: pPlan = TFftw::PlanWhole(oShape, oComplex.Get(), FFTW_FORWARD, nFlags); break;
-    case ePlanWholeBackward: pPlan = TFftw::PlanWhole(oShape, oComplex.Get(), FFTW_BACKWARD, nFlags); break;
+    case ePlanRows: pPlan = TFftw::PlanRows(oShape, oReal.data(), oComplex.data(), nFlags); break;
+    case ePlanColumnsForward: pPlan = TFftw::PlanColumns(oShape, oComplex.data(), FFTW_FORWARD, nFlags); break;
+    case ePlanColumnsBackward: pPlan = TFftw::PlanColumns(oShape, oComplex.data(), FFTW_BACKWARD, nFlags); break;
+    case ePlanRowsBackward: pPlan = TFftw::PlanRowsBackward(oShape, oComplex.data(), oReal.data(), nFlags); break;
+    case ePlanWholeForward: pPlan = TFftw::PlanWhole(oShape, oComplex.data(), FFTW_FORWARD, nFlags); break;
+    case ePlanWholeBackward: pPlan = TFftw::PlanWhole(oShape, oComplex.data(), FFTW_BACKWARD, nFlags); break;
     }
     TFftw::PlanWithThreads(nPreviousThreads);
     if (!pPlan)
@@ -402,9 +370,9 @@ void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, in
   const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(nStrip));
   const std::size_t nScratch = nBlockSize * std::size_t(nStripBlocks) + 3 * nRowStride; // complex values
   const int nWorkers = WorkerCount(nStrips);
-  CFftBuffer<TComplex> oScratch(nScratch * std::size_t(nWorkers));
+  Detail::CWorkBuffer<TComplex> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nStrips, [&](int nWorker, int nS) {
-    const SStrip<TComplex> oStrip{oScratch.Get() + nScratch * std::size_t(nWorker), nBlock, nStep, nLength};
+    const SStrip<TComplex> oStrip{oScratch.data() + nScratch * std::size_t(nWorker), nBlock, nStep, nLength};
     TReal* pRows = reinterpret_cast<TReal*>(oStrip.m_p + nBlockSize * std::size_t(nStripBlocks));
     const int nX0 = nS * nStrip;
     const int nWidth = std::min(nStrip, nColumns - nX0);
@@ -479,9 +447,9 @@ void ForwardImpl(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
   const int nWorkers = WorkerCount(nBlocks);
   const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(std::max(nWidth, nHalf)));
   const std::size_t nScratch = 4 * std::size_t(nStep) + 3 * nRowStride; // reals
-  CFftBuffer<TReal> oScratch(nScratch * std::size_t(nWorkers));
+  Detail::CWorkBuffer<TReal> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
-    TReal* pIn = oScratch.Get() + nScratch * std::size_t(nWorker);
+    TReal* pIn = oScratch.data() + nScratch * std::size_t(nWorker);
     TComplex* pOut = reinterpret_cast<TComplex*>(pIn + 2 * std::size_t(nStep));
     TReal* pRows = pIn + 4 * std::size_t(nStep);
     auto oSrcRows = fnSrc(0, nWidth, pRows);
@@ -604,9 +572,9 @@ void ReverseImpl(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrcI
   const int nWorkers = WorkerCount(nBlocks);
   const std::size_t nRowStride = std::size_t(ScratchStride<TReal>(std::max(2 * nHalf, nWidth)));
   const std::size_t nScratch = 4 * std::size_t(nStep) + 2 * nRowStride; // reals
-  CFftBuffer<TReal> oScratch(nScratch * std::size_t(nWorkers));
+  Detail::CWorkBuffer<TReal> oScratch(nScratch * std::size_t(nWorkers));
   ForEachItem(nWorkers, nBlocks, [&](int nWorker, int nBlock) {
-    TReal* pBase = oScratch.Get() + nScratch * std::size_t(nWorker);
+    TReal* pBase = oScratch.data() + nScratch * std::size_t(nWorker);
     TComplex* pIn = reinterpret_cast<TComplex*>(pBase);
     TReal* pOut = pBase + 2 * std::size_t(nStep);
     TReal* pRows = pBase + 4 * std::size_t(nStep);
@@ -663,8 +631,8 @@ void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
   const bool bHasNoData = oSrc.HasNoDataValue();
   const TReal tNoData = bHasNoData ? oSrc.GetNoDataValue() : TReal(0);
   const auto pPlan = GetPlan<TReal>({ePlanWholeForward, nX, nY, nHalf, WholeThreads(nX, nY)});
-  CFftBuffer<TComplex> oWork(std::size_t(nHalf) * std::size_t(nY));
-  TReal* const pWork = reinterpret_cast<TReal*>(oWork.Get());
+  Detail::CWorkBuffer<TComplex> oWork(std::size_t(nHalf) * std::size_t(nY));
+  TReal* const pWork = reinterpret_cast<TReal*>(oWork.data());
 
   const TReal* const pSrc = oSrc.GetRep().GetDataLocation();
   ForEachRowBlock(nY, nX, [&](int y0, int y1) {
@@ -685,7 +653,7 @@ void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
       pLogger->IncrementProgress(double(std::min(y1, nHeight) - y0));
   });
 
-  SFftw<TReal>::Rows(pPlan, pWork, oWork.Get());
+  SFftw<TReal>::Rows(pPlan, pWork, oWork.data());
 
   // F(u, v) for u < nHalf from row v; F(u, v) = conj F(nX - u, nY - v) beyond.
   TReal* const pRe = oDestRe.GetRep().GetDataLocation();
@@ -728,8 +696,8 @@ void ReverseWhole(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrc
   const int nHalf = nX / 2 + 1;
   const std::size_t nRow = 2 * std::size_t(nHalf);
   const auto pPlan = GetPlan<TReal>({ePlanWholeBackward, nX, nY, nHalf, WholeThreads(nX, nY)});
-  CFftBuffer<TComplex> oWork(std::size_t(nHalf) * std::size_t(nY));
-  TReal* const pWork = reinterpret_cast<TReal*>(oWork.Get());
+  Detail::CWorkBuffer<TComplex> oWork(std::size_t(nHalf) * std::size_t(nY));
+  TReal* const pWork = reinterpret_cast<TReal*>(oWork.data());
 
   const TReal* const pRe = oSrcRe.GetRep().GetDataLocation();
   const TReal* const pIm = oSrcIm.GetRep().GetDataLocation();
@@ -749,7 +717,7 @@ void ReverseWhole(TDestBand& oDest, const TSrcBand& oSrcRe, const TSrcBand& oSrc
       pLogger->IncrementProgress(double(nHalf) * double(v1 - v0) / double(nY));
   });
 
-  SFftw<TReal>::RowsBackward(pPlan, oWork.Get(), pWork);
+  SFftw<TReal>::RowsBackward(pPlan, oWork.data(), pWork);
 
   const TReal tScale = TReal(1.0 / (double(nX) * double(nY)));
   TReal* const pDest = oDest.GetRep().GetDataLocation();

@@ -93,12 +93,17 @@ class CWorkBuffer
   static_assert(std::is_trivially_copyable<T>::value && std::is_trivially_destructible<T>::value, "plain values");
 
 public:
+  // Every array starts on a cache line at least, so that a vector loop or an FFTW plan made on one
+  // array runs on any other.
+  static constexpr std::size_t ms_nAlignment = 64;
+
   explicit CWorkBuffer(std::size_t nCount)
   {
     constexpr std::size_t nHugePage = std::size_t(2) << 20;
     const std::size_t nBytes = nCount * sizeof(T);
     if (nBytes < 2 * nHugePage)
-      m_p = TPointer(static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes)), &_FreeOperatorNew);
+      m_p = TPointer(static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes, std::align_val_t(ms_nAlignment))),
+                     &_FreeOperatorNew);
     else
     {
       const std::size_t nRounded = (nBytes + nHugePage - 1) / nHugePage * nHugePage;
@@ -130,7 +135,7 @@ public:
   const T& operator[](std::size_t n) const { return m_p.get()[n]; }
 
 private:
-  static void _FreeOperatorNew(T* p) { ::operator delete(p); }
+  static void _FreeOperatorNew(T* p) { ::operator delete(p, std::align_val_t(ms_nAlignment)); }
   static void _FreeAligned(T* p) { std::free(p); }
 
   using TPointer = std::unique_ptr<T, void (*)(T*)>;
