@@ -118,9 +118,6 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
 
   const typename TDest::TPixel tNoData = Detail::GetOutputNoDataValue(oDest);
 
-  Detail::SFillHoleTables<TLineData> oTables(nWidth, nHeight, m_fMaxDistance);
-  const Detail::SFillHoleSweepContext<TLineData> oContext{oTables,         nSrcRepHeight, nWidth, nHeight,
-                                                          m_nMinDirections, m_pLogger.get()};
   const Detail::SValidPixel<typename TSrc::TPixel> oValid(oSrc);
 
   // On the threads of the caller's arena, where the band is large enough for stripes; the result is
@@ -130,10 +127,13 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
                              tbb::global_control::active_value(tbb::global_control::max_allowed_parallelism))));
   if (const std::uint32_t nStripes = Detail::FillHoleStripeCount(nWidth, nHeight, nThreads))
   {
+    // Each stripe makes its own line tables.
+    const Detail::SFillHoleSweepContext<TLineData> oContext{nullptr,          nSrcRepHeight, nWidth, nHeight,
+                                                            m_nMinDirections, m_pLogger.get()};
     const Detail::SFillHoleStripeResult oResult = Detail::FillHoleStripeSweeps<BUseMask>(
       oContext, oSrc.GetBandIterators(oSrcRect), oMask.GetBandIterators(oMaskRect),
       oDest.GetBandIterators(oDestRect), oComparator, oValid, m_nMaxHolePixels, static_cast<TTag*>(nullptr),
-      nStripes, tNoData);
+      nStripes, m_fMaxDistance, tNoData);
     if (!oResult.m_bHoles)
       Band::Copy2D(oSrc.GetBandIterators(oSrcRect), oDest.GetBandIterators(oDestRect), m_pLogger,
                    Band::SAllowParallelFor());
@@ -142,6 +142,9 @@ void CLinearFillHoleFilter<TLineData>::_Sweeps(TDest& oDest, const TSrc& oSrc, c
     return;
   }
 
+  Detail::SFillHoleTables<TLineData> oTables(nWidth, nHeight, m_fMaxDistance);
+  const Detail::SFillHoleSweepContext<TLineData> oContext{&oTables,         nSrcRepHeight, nWidth, nHeight,
+                                                          m_nMinDirections, m_pLogger.get()};
   Detail::CHoleList<TTag> oHoles(m_nMaxHolePixels);
   const bool bHoles = Detail::FillHoleForwardSweep<BUseMask>(oContext, oSrc.GetBandIterators(oSrcRect),
                                                              oMask.GetBandIterators(oMaskRect), oComparator, oValid,

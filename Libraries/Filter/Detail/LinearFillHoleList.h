@@ -4,13 +4,20 @@
 // the sum of weights, the sum of weighted values and the number of contributions. The backward sweep
 // takes the entries back in reverse order.
 //
-// The entries live in bands of the filtered bands' storage kind, so that on tile bands the list can
-// leave memory like the bands themselves: entry i at column i % 1024 of row i / 1024. The rows are
-// kept in chunks of ms_nChunkRows rows, each chunk three bands (weights, values, counts) made when the
-// forward sweep first reaches it, so that the list touches memory in proportion to the holes met,
-// never to the caller's bound. Rows are reached through the row access of the band layer
-// (Band/Detail/RowAccess.h): a memory band's row is written in place, a tile band's through a row
-// buffer, a tile's stretch at a time.
+// Entry i is at column i % 1024 of row i / 1024. The rows are kept in chunks of ms_nChunkRows rows,
+// each made when the forward sweep first reaches it, so that the list touches memory in proportion to
+// the holes met, never to the caller's bound.
+//
+// On memory bands a chunk is one plain work array (WorkBuffer.h), its rows one after the other (each
+// row its weights, its values, its counts), so that the memory touched grows from the array's start;
+// a whole chunk asks for huge pages. The list is made and filled anew by every call of the filter,
+// and on 4 KB pages the first touches (a page fault per 455 holes) took near a tenth of the sweeps'
+// time on single-pixel holes.
+//
+// On the other storage kinds the entries live in bands of that kind, so that on tile bands the list
+// can leave memory like the bands themselves: each chunk three bands (weights, values, counts),
+// reached through the row access of the band layer (Band/Detail/RowAccess.h), a tile's stretch at a
+// time.
 //
 // On tile bands the list holds in memory only the chunk it works on: the forward sweep lets go of a
 // chunk when it moves on to the next (its tiles may then leave for the spill file), and the backward
@@ -19,11 +26,13 @@
 
 #include "Band/Band.h"
 #include "Band/Detail/RowAccess.h"
+#include "Filter/Detail/WorkBuffer.h"
 #include "Foundation/Rect.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <memory>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -43,7 +52,10 @@ class CHoleList
 {
 public:
   static constexpr std::uint32_t ms_nWidth = 1024;
-  static constexpr std::uint32_t ms_nChunkRows = 256;
+  // Memory bands: chunks of two huge pages less 1 KiB (455 rows of 9 KiB), so that none of a huge
+  // page is left over; others: 2.25 MiB.
+  static constexpr bool ms_bPlain = std::is_same<TTag, Band::SMemoryTag>::value;
+  static constexpr std::uint32_t ms_nChunkRows = ms_bPlain ? 455 : 256;
 
   // One row of entries, ms_nWidth of them for writing, m_nEntries for reading.
   struct SRowOut
@@ -80,16 +92,15 @@ public:
       // As many rows as the bound can still need, at most a chunk's.
       const std::uint64_t nRowsLeft = (std::uint64_t(m_nMaxHoles) + ms_nWidth - 1) / ms_nWidth - nRow;
       const unsigned nRows = unsigned(std::min<std::uint64_t>(ms_nChunkRows, nRowsLeft));
-      m_vecChunks.push_back(SChunk{TWeightBand(ms_nWidth, nRows), TWeightBand(ms_nWidth, nRows),
-                                   TCountBand(ms_nWidth, nRows)});
+      if constexpr (ms_bPlain)
+        m_vecChunks.push_back(SChunk{std::make_unique<TBytes>(std::size_t(nRows) * ms_nRowBytes)});
+      else
+        m_vecChunks.push_back(SChunk{TWeightBand(ms_nWidth, nRows), TWeightBand(ms_nWidth, nRows),
+                                     TCountBand(ms_nWidth, nRows)});
     }
-    SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
-    const SRowOut oRow{
-      m_oWeights.BeginWrite(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), ms_nWidth),
-      m_oValues.BeginWrite(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), ms_nWidth),
-      m_oCounts.BeginWrite(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), ms_nWidth)};
+    const SRowOut oRow = _RowOut(m_vecChunks[nRow / ms_nChunkRows], nRow);
     // The writers have left the chunk before: nothing holds it in memory now but its bands.
-    if (bNewChunk && m_vecChunks.size() > 1)
+    if (!ms_bPlain && bNewChunk && m_vecChunks.size() > 1)
       _LetGo(m_vecChunks[m_vecChunks.size() - 2]);
     return oRow;
   }
@@ -109,11 +120,7 @@ public:
     assert(m_nRows != 0 && "more entries taken back than appended");
     const std::uint64_t nRow = --m_nRows;
     const std::uint32_t nEntries = std::uint32_t(std::min<std::uint64_t>(ms_nWidth, m_nSize - nRow * ms_nWidth));
-    const SChunk& oChunk = m_vecChunks[nRow / ms_nChunkRows];
-    const SRowIn oRow{m_oReadWeights.Read(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), nEntries),
-                      m_oReadValues.Read(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), nEntries),
-                      m_oReadCounts.Read(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), nEntries),
-                      nEntries};
+    const SRowIn oRow = _RowIn(m_vecChunks[nRow / ms_nChunkRows], nRow, nEntries);
     // The chunk after this row's is taken back entirely, and the readers have left it: it goes, tiles
     // and records, without a write.
     if (m_vecChunks.size() > nRow / ms_nChunkRows + 1)
@@ -126,12 +133,20 @@ private:
   using TCountBand = Band::CBand<unsigned char, TTag>;
   using TRect = Pravik::GraphObject2d::CRect<unsigned int>;
 
-  struct SChunk
+  // Memory bands: plain rows of ms_nRowBytes, weights, values and counts.
+  static constexpr std::size_t ms_nRowBytes = std::size_t(ms_nWidth) * (2 * sizeof(float) + 1);
+  using TBytes = CWorkBuffer<unsigned char>;
+  struct SPlainChunk
+  {
+    std::unique_ptr<TBytes> m_pBytes;
+  };
+  struct SBandChunk
   {
     TWeightBand m_oWeights;
     TWeightBand m_oValues;
     TCountBand m_oCounts;
   };
+  using SChunk = std::conditional_t<ms_bPlain, SPlainChunk, SBandChunk>;
 
   template <class TBand>
   using TWriter = Band::Detail::CRowWriter<typename TBand::TRep::TIterator>;
@@ -139,6 +154,32 @@ private:
   using TReader = Band::Detail::CRowReader<typename TBand::TRep::TConstIterator>;
 
   static TRect _Row(std::uint64_t nRow) { return TRect(0, unsigned(nRow % ms_nChunkRows), ms_nWidth, 1); }
+
+  // Row nRow of the list in its chunk, for writing and for reading.
+  static SRowOut _RowOut(SPlainChunk& oChunk, std::uint64_t nRow)
+  {
+    unsigned char* p = oChunk.m_pBytes->data() + (nRow % ms_nChunkRows) * ms_nRowBytes;
+    return SRowOut{reinterpret_cast<float*>(p), reinterpret_cast<float*>(p + 4 * ms_nWidth), p + 8 * ms_nWidth};
+  }
+  SRowOut _RowOut(SBandChunk& oChunk, std::uint64_t nRow)
+  {
+    return SRowOut{m_oWeights.BeginWrite(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), ms_nWidth),
+                   m_oValues.BeginWrite(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), ms_nWidth),
+                   m_oCounts.BeginWrite(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), ms_nWidth)};
+  }
+  static SRowIn _RowIn(const SPlainChunk& oChunk, std::uint64_t nRow, std::uint32_t nEntries)
+  {
+    const unsigned char* p = oChunk.m_pBytes->data() + (nRow % ms_nChunkRows) * ms_nRowBytes;
+    return SRowIn{reinterpret_cast<const float*>(p), reinterpret_cast<const float*>(p + 4 * ms_nWidth),
+                  p + 8 * ms_nWidth, nEntries};
+  }
+  SRowIn _RowIn(const SBandChunk& oChunk, std::uint64_t nRow, std::uint32_t nEntries)
+  {
+    return SRowIn{m_oReadWeights.Read(boost::get<0>(oChunk.m_oWeights.GetBandIterators(_Row(nRow))), nEntries),
+                  m_oReadValues.Read(boost::get<0>(oChunk.m_oValues.GetBandIterators(_Row(nRow))), nEntries),
+                  m_oReadCounts.Read(boost::get<0>(oChunk.m_oCounts.GetBandIterators(_Row(nRow))), nEntries),
+                  nEntries};
+  }
 
   // Tile bands keep the tiles last asked for in a local cache of their own, which would hold a band
   // of a chunk's size whole.

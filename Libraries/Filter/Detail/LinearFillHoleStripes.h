@@ -163,7 +163,8 @@ struct SFillHoleStripeResult
 };
 
 // Both sweeps as FillHoleForwardSweep and FillHoleBackwardSweep make them, over nStripes stripes of
-// rows on the threads of the current arena. Without a hole the destination is not touched. Throws
+// rows on the threads of the current arena; each stripe makes its own line tables, so oContext has
+// none, and fMaxDistance is the reach. Without a hole the destination is not touched. Throws
 // CBasicException, before the destination is touched, when the source has more holes than nMaxHoles;
 // the stripes' lists together may then have grown past the bound by the stripes being swept at the
 // time.
@@ -178,12 +179,12 @@ SFillHoleStripeResult FillHoleStripeSweeps(const SFillHoleSweepContext<TLineData
                                            const boost::tuples::tuple<TDestIterator, TDestIterator>& oDest,
                                            const TComparator& oComparator, const TValid& oValid,
                                            std::uint32_t nMaxHoles, THoleTag*, std::uint32_t nStripes,
-                                           Band::Detail::TRowPixel<TDestIterator> tNoData)
+                                           float fMaxDistance, Band::Detail::TRowPixel<TDestIterator> tNoData)
 {
   using TPoint = Pravik::GraphObject2d::CPoint<int>;
   const std::uint32_t nWidth = oContext.m_nWidth;
   const std::uint32_t nHeight = oContext.m_nHeight;
-  const TLineData oFresh = oContext.m_oTables.m_oFresh;
+  const TLineData oFresh{0.0f, fMaxDistance, 0.0f, false};
   assert(nStripes >= 1 && nStripes <= nHeight);
 
   struct SStripe
@@ -226,7 +227,7 @@ SFillHoleStripeResult FillHoleStripeSweeps(const SFillHoleSweepContext<TLineData
           SStripe& o = *vecStripes[s];
           SFillHoleTables<TLineData> oTables(nWidth, nHeight, oFresh.m_fMaxDistance);
           const SFillHoleSweepContext<TLineData> oStripeContext{
-            oTables, oContext.m_nSrcRepHeight, nWidth, o.m_nRows, oContext.m_nMinDirections, nullptr};
+            &oTables, oContext.m_nSrcRepHeight, nWidth, o.m_nRows, oContext.m_nMinDirections, nullptr};
           fnStripe(o, oTables, oStripeContext);
         }
         ORL_TSAN_RELEASE(&vecStripes);

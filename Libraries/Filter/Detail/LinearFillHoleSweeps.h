@@ -400,7 +400,7 @@ inline std::uint64_t LinesToSet(const std::uint64_t* pValid, const std::uint64_t
 template <class TLineData>
 struct SFillHoleSweepContext
 {
-  SFillHoleTables<TLineData>& m_oTables;
+  SFillHoleTables<TLineData>* m_pTables; // the sweeps' line tables; null for FillHoleStripeSweeps
   std::ptrdiff_t m_nSrcRepHeight; // Hs, the height of the source's representation
   std::uint32_t m_nWidth;         // W of the common rectangle
   std::uint32_t m_nHeight;        // H of the common rectangle
@@ -518,7 +518,8 @@ std::uint64_t FillHoleForwardSweep(const SFillHoleSweepContext<TLineData>& oCont
                           const boost::tuples::tuple<TMaskIterator, TMaskIterator>& oMask,
                           const TComparator& oComparator, const TValid& oValid, CHoleList<THoleTag>& oHoles)
 {
-  SFillHoleTables<TLineData>& oTables = oContext.m_oTables;
+  assert(oContext.m_pTables);
+  SFillHoleTables<TLineData>& oTables = *oContext.m_pTables;
   const float fMaxDistance = oTables.m_oFresh.m_fMaxDistance;
   const SValidLineSetter<TLineData> oSetLines(fMaxDistance);
   const std::uint32_t nWidth = oContext.m_nWidth;
@@ -600,7 +601,8 @@ bool FillHoleBackwardSweep(const SFillHoleSweepContext<TLineData>& oContext,
 {
   using TDestPixel = Band::Detail::TRowPixel<TDestIterator>;
 
-  SFillHoleTables<TLineData>& oTables = oContext.m_oTables;
+  assert(oContext.m_pTables);
+  SFillHoleTables<TLineData>& oTables = *oContext.m_pTables;
   const float fMaxDistance = oTables.m_oFresh.m_fMaxDistance;
   const SValidLineSetter<TLineData> oSetLines(fMaxDistance);
   const unsigned int nMinDirections = oContext.m_nMinDirections;
