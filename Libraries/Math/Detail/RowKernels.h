@@ -111,6 +111,16 @@ inline void ScalarRow(const TPixel* pRow, std::size_t nLength, const TPredicate&
 // The lanes are the same whatever the instruction set (two SSE2 registers of four floats per step, or
 // one AVX2 register of eight), so a run gives the same bits on every x86-64 processor.
 
+// How far ahead of the pixels being taken in the float loops ask for the cache lines of their run:
+// 2 KiB, the distance that keeps them fed when two cores stream a large band from memory at once (the
+// hardware prefetcher alone leaves them waiting on memory for a third to a half of the time). The
+// address is formed as an integer: past the end of a run it is only a hint, often the next run.
+constexpr std::uintptr_t g_nFloatPrefetchBytes = 2048;
+inline void PrefetchAhead(const float* p)
+{
+  __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<std::uintptr_t>(p) + g_nFloatPrefetchBytes));
+}
+
 typedef float TV4F __attribute__((vector_size(16)));
 typedef std::int32_t TV4I __attribute__((vector_size(16)));
 typedef double TV2D __attribute__((vector_size(16)));
@@ -184,6 +194,7 @@ inline void FloatRowSse2(const float* pRow, std::size_t nLength, const TPredicat
   const std::size_t nVector = nLength & ~std::size_t(7);
   for (std::size_t i = 0; i < nVector; i += 8)
   {
+    PrefetchAhead(pRow + i);
     TV4F v0, v1;
     std::memcpy(&v0, pRow + i, sizeof v0);
     std::memcpy(&v1, pRow + i + 4, sizeof v1);
@@ -265,6 +276,7 @@ __attribute__((target("avx2"))) void FloatRowAvx2(const float* pRow, std::size_t
   const std::size_t nVector = nLength & ~std::size_t(7);
   for (std::size_t i = 0; i < nVector; i += 8)
   {
+    PrefetchAhead(pRow + i);
     TV8I vReject;
     const TV8F v = LoadFloat8(pRow + i, oPredicate, vReject, vRejected);
     if constexpr (bMinMax)
@@ -555,14 +567,22 @@ inline std::uint64_t BinRowScalar(const TPixel* pRow, std::size_t nLength, const
 
 #if defined(__x86_64__) && defined(__GNUC__)
 // Float pixels, eight per step in float (the float form of SFastBins, which needs HasFloatForm()),
-// into nLanes (4 or 8) lanes: the pixels near an edge by the rule, then eight scalar increments.
-// Rejected pixels go to the counter past the last bin. Returns the number of pixels taken in.
+// into nLanes (4 or 8) lanes: pixel i of the run into lane i % nLanes. The pixels near an edge go by
+// the rule, then eight scalar increments. Rejected pixels go to the counter past the last bin. Returns
+// the number of pixels taken in.
+//
+// The eight counter offsets leave the vector register as four 64-bit halves (vmovq / vpextrq), each
+// holding two offsets, rather than through a stored array that each increment reads back: that store
+// and its eight loads cost about a quarter of the loop. Callers pass four lanes: eight were measured
+// a little slower, on uniform values and on smooth surfaces alike (twice the counters in L1, while
+// the increments of a repeated bin still follow one another closely).
 template <class TPredicate, class TExact>
 __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow, std::size_t nLength,
                                                               const TPredicate& oPredicate, const SFastBins& oBins,
                                                               std::uint32_t* pLanes, std::size_t nStride,
                                                               std::size_t nLanes, const TExact& fnExact)
 {
+  typedef std::uint64_t TV4Q __attribute__((vector_size(32)));
   const TV8F vMin = TV8F{} + oBins.m_fMin, vInverse = TV8F{} + oBins.m_fInverse, vHalf = TV8F{} + 0.5f;
   const TV8F vEpsilon = TV8F{} + oBins.m_fEpsilon;
   const TV8F vOneLess = TV8F{} + (1.0f - oBins.m_fEpsilon);
@@ -575,6 +595,7 @@ __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow,
   TV8I vRejected = {};
   for (std::size_t i = 0; i < nVector; i += 8)
   {
+    PrefetchAhead(pRow + i);
     TV8I vReject;
     const TV8F v = LoadFloat8(pRow + i, oPredicate, vReject, vRejected);
     // No range test: the hardware conversion gives INT_MIN for NaN and values beyond 2^31, whose
@@ -586,13 +607,26 @@ __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow,
     const TV8I vOk = (TV8I(vFraction >= vEpsilon) & TV8I(vFraction <= vOneLess)) | vReject;
     TV8I vIndex = vBin < vLast ? vBin : vLast;
     vIndex = (vReject != 0 ? vNoBin : vIndex) + vOffsets;
+    const int nOk = __builtin_ia32_movmskps256(TV8F(vOk));
+    if (__builtin_expect(nOk == 0xff, 1))
+    {
+      const TV4Q vPairs = TV4Q(vIndex);
+      const std::uint64_t n01 = vPairs[0], n23 = vPairs[1], n45 = vPairs[2], n67 = vPairs[3];
+      ++pLanes[std::uint32_t(n01)];
+      ++pLanes[n01 >> 32];
+      ++pLanes[std::uint32_t(n23)];
+      ++pLanes[n23 >> 32];
+      ++pLanes[std::uint32_t(n45)];
+      ++pLanes[n45 >> 32];
+      ++pLanes[std::uint32_t(n67)];
+      ++pLanes[n67 >> 32];
+      continue;
+    }
     std::int32_t anIndex[8];
     std::memcpy(anIndex, &vIndex, sizeof anIndex);
-    const int nOk = __builtin_ia32_movmskps256(TV8F(vOk));
-    if (__builtin_expect(nOk != 0xff, 0))
-      for (int j = 0; j < 8; ++j)
-        if (!((nOk >> j) & 1))
-          anIndex[j] = std::int32_t(fnExact(LoadPixel(pRow + i + j)) + (std::size_t(j) & nLaneMask) * nStride);
+    for (int j = 0; j < 8; ++j)
+      if (!((nOk >> j) & 1))
+        anIndex[j] = std::int32_t(fnExact(LoadPixel(pRow + i + j)) + (std::size_t(j) & nLaneMask) * nStride);
     for (int j = 0; j < 8; ++j)
       ++pLanes[anIndex[j]];
   }
