@@ -188,12 +188,16 @@ TEST(Translator, UnreadableBaseModulesAreDropped)
   const std::string strFirst = oDir.Sub("first", true), strSecond = oDir.Sub("second", true);
   ASSERT_TRUE(WriteModule(strFirst, "mod", "de", {"gone", "common", "renamed"}, {{"own", "eigen"}}));
   ASSERT_TRUE(WriteModule(strSecond, "common", "de", {"deep"}, {{"c", "gemeinsam"}}));
-  ASSERT_TRUE(WriteModule(strFirst, "deep", "de", {}, {{"d", "tief"}}));
+  ASSERT_TRUE(WriteModule(strFirst, "deep", "de", {}, {{"d", "tief"}, {"own", "tief"}}));
   ASSERT_TRUE(WriteModule(strSecond, "renamed", "de", {}, {{"r", "r"}}, "another name"));
   CTranslator::Init(std::list<std::string>{strFirst, strSecond}, "mod", "de");
   EXPECT_EQ(Tree(CTranslator::GetTranslatorData()), "mod(common(deep))");
   EXPECT_FALSE(CTranslator::GetTranslatorData().IsModified()); // the drops alone do not make the file worth rewriting
   EXPECT_EQ(CTranslator::Translate("d"), "tief");
+  EXPECT_EQ(CTranslator::Translate("own"), "tief"); // the deepest module's, unless the search is shallow
+  CTranslator::SetSearchMode(false);
+  EXPECT_EQ(CTranslator::Translate("own"), "eigen");
+  CTranslator::SetSearchMode(true);
 
   ASSERT_TRUE(WriteModule(strFirst, "top", "de", {"deep"}, {{"k", "v"}}, "other"));
   CTranslator::Init(strFirst, "top", "de");
