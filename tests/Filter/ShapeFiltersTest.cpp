@@ -18,6 +18,7 @@
 
 #include <cmath>
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -251,21 +252,21 @@ std::vector<SSkeleton> Skeletons()
 // foreground parts around the pixel, 1 exactly when the pixel is simple; N = min(N1, N2).
 struct SNeighbourhood
 {
-  int P[11], X[10], B = 0, A = 0, C = 0, N = 0;
+  std::array<int, 11> P;
+  std::array<int, 10> X;
+  int B = 0, A = 0, C = 0, N = 0;
 
   SNeighbourhood(const SImage<unsigned char>& o, int x, int y)
   {
     auto fnAt = [&](int u, int v) { return int(o.In(u, v) && o.At(u, v) == 1); };
-    const int aP[11] = {0, 0, fnAt(x, y - 1), fnAt(x + 1, y - 1), fnAt(x + 1, y), fnAt(x + 1, y + 1), fnAt(x, y + 1),
-                        fnAt(x - 1, y + 1), fnAt(x - 1, y), fnAt(x - 1, y - 1), fnAt(x, y - 1)};
-    std::copy(aP, aP + 11, P);
+    P = {0, 0, fnAt(x, y - 1), fnAt(x + 1, y - 1), fnAt(x + 1, y), fnAt(x + 1, y + 1), fnAt(x, y + 1),
+         fnAt(x - 1, y + 1), fnAt(x - 1, y), fnAt(x - 1, y - 1), fnAt(x, y - 1)};
     for (int i = 2; i <= 9; ++i)
     {
       B += P[i];
       A += !P[i] && P[i + 1];
     }
-    const int aX[10] = {0, P[4], P[3], P[2], P[9], P[8], P[7], P[6], P[5], P[4]};
-    std::copy(aX, aX + 10, X);
+    X = {0, P[4], P[3], P[2], P[9], P[8], P[7], P[6], P[5], P[4]};
     int N1 = 0, N2 = 0;
     for (int i = 1; i <= 4; ++i)
     {
@@ -295,30 +296,26 @@ std::pair<int, int> Topology(const SImage<unsigned char>& oImage)
   for (int y = 0; y < oImage.m_nHeight; ++y)
     for (int x = 0; x < oImage.m_nWidth; ++x)
       o.At(x + 1, y + 1) = oImage.At(x, y) == 1;
-  std::vector<char> vecSeen(o.m_vec.size(), 0);
   int aCount[2] = {0, 0};
   for (int y0 = 0; y0 < o.m_nHeight; ++y0)
     for (int x0 = 0; x0 < o.m_nWidth; ++x0)
     {
-      if (vecSeen[std::size_t(y0) * o.m_nWidth + x0])
+      const unsigned char v = o.At(x0, y0); // 2 + v once seen
+      if (v > 1)
         continue;
-      const unsigned char v = o.At(x0, y0);
       ++aCount[v];
-      std::vector<std::pair<int, int>> vecStack{{x0, y0}};
-      vecSeen[std::size_t(y0) * o.m_nWidth + x0] = 1;
-      while (!vecStack.empty())
+      o.At(x0, y0) = 2 + v;
+      for (std::vector<std::pair<int, int>> vecStack{{x0, y0}}; !vecStack.empty();)
       {
         const auto [x, y] = vecStack.back();
         vecStack.pop_back();
         for (int dy = -1; dy <= 1; ++dy)
           for (int dx = -1; dx <= 1; ++dx)
-          {
-            if ((v == 0 && dx != 0 && dy != 0) || !o.In(x + dx, y + dy) || o.At(x + dx, y + dy) != v ||
-                vecSeen[std::size_t(y + dy) * o.m_nWidth + x + dx])
-              continue;
-            vecSeen[std::size_t(y + dy) * o.m_nWidth + x + dx] = 1;
-            vecStack.push_back({x + dx, y + dy});
-          }
+            if ((v == 1 || dx == 0 || dy == 0) && o.In(x + dx, y + dy) && o.At(x + dx, y + dy) == v)
+            {
+              o.At(x + dx, y + dy) = 2 + v;
+              vecStack.push_back({x + dx, y + dy});
+            }
       }
     }
   return {aCount[1], aCount[0]};
@@ -338,8 +335,8 @@ std::vector<unsigned char> PlainTwoSubiterationThinning(SImage<unsigned char> o,
         for (int x = 0; x < o.m_nWidth; ++x)
         {
           const SNeighbourhood n(o, x, y);
-          const int* P = n.P;
-          const int* X = n.X;
+          const auto& P = n.P;
+          const auto& X = n.X;
           const bool bDelete =
             bZhangSuen ? n.B >= 2 && n.B <= 6 && n.A == 1 &&
                            (nSub == 0 ? !(P[2] && P[4] && P[6]) && !(P[4] && P[6] && P[8]) : !(P[2] && P[4] && P[8]) && !(P[2] && P[6] && P[8]))

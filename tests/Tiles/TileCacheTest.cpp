@@ -69,12 +69,10 @@ protected:
   {
     return Holds(*m_pCache->GetTile(oRecord.m_nId, false), oRecord.m_nSeed, oRecord.m_eContent);
   }
-  bool AllIntact(const std::vector<STileRecord>& vecTiles)
+  bool AllIntact(const std::vector<STileRecord>& vecTiles) // reads every one of them
   {
-    bool bIntact = true;
-    for (const STileRecord& oRecord : vecTiles)
-      bIntact = Intact(oRecord) && bIntact;
-    return bIntact;
+    return std::count_if(vecTiles.begin(), vecTiles.end(), [&](const STileRecord& o) { return Intact(o); }) ==
+           std::ptrdiff_t(vecTiles.size());
   }
   STileCacheCounters Counters() const { return m_pCache->GetCounters(); }
   int File(const STileRecord& oRecord) { return m_pCache->GetTile(oRecord.m_nId, false)->GetFile(); }

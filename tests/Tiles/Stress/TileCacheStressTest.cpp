@@ -55,6 +55,11 @@ TEST(TileCacheStressTest, ThreadsGettingWritingAndReplacingTilesUnderConstantSpi
     [] { return MakeTile<unsigned char>(256, 256); }, [] { return MakeTile<float>(128, 128); },
     [] { return MakeTile<double>(100, 70); }};
   std::atomic<std::uint64_t> nNextSeed{1};
+  const auto fnRefill = [&](CTileBase& oTile) { // new contents under a new seed, which it returns
+    const std::uint64_t nSeed = nNextSeed++;
+    Fill(oTile, nSeed, _ContentOf(nSeed));
+    return nSeed;
+  };
   std::vector<std::unique_ptr<SBand> > vecBands;
   for (const auto& fnMake : vecMakers)
   {
@@ -64,10 +69,8 @@ TEST(TileCacheStressTest, ThreadsGettingWritingAndReplacingTilesUnderConstantSpi
     for (unsigned int t = 0; t < nTilesPerBand; ++t)
     {
       const auto pTile = fnMake();
-      const std::uint64_t nSeed = nNextSeed++;
-      Fill(*pTile, nSeed, _ContentOf(nSeed));
+      pBand->m_vecSeeds.push_back(fnRefill(*pTile));
       pBand->m_vecIds.push_back(oCache.RegisterTile(pTile));
-      pBand->m_vecSeeds.push_back(nSeed);
     }
     vecBands.push_back(std::move(pBand));
   }
@@ -89,8 +92,7 @@ TEST(TileCacheStressTest, ThreadsGettingWritingAndReplacingTilesUnderConstantSpi
         {
           // Replace the tile, as a band dies and another is made.
           const auto pTile = oBand.m_fnMakeTile();
-          const std::uint64_t nSeed = nNextSeed++;
-          Fill(*pTile, nSeed, _ContentOf(nSeed));
+          const std::uint64_t nSeed = fnRefill(*pTile);
           boost::unique_lock<boost::mutex> oLock(oBand.m_oMutex);
           oCache.ReleaseTile(oBand.m_vecIds[nTile]);
           oBand.m_vecIds[nTile] = oCache.RegisterTile(pTile);
@@ -118,11 +120,7 @@ TEST(TileCacheStressTest, ThreadsGettingWritingAndReplacingTilesUnderConstantSpi
         if (!Holds(*pTile, oBand.m_vecSeeds[nTile], _ContentOf(oBand.m_vecSeeds[nTile])))
           ++nLost;
         if (bWrite)
-        {
-          const std::uint64_t nSeed = nNextSeed++;
-          Fill(*pTile, nSeed, _ContentOf(nSeed));
-          oBand.m_vecSeeds[nTile] = nSeed;
-        }
+          oBand.m_vecSeeds[nTile] = fnRefill(*pTile);
         qHeld.push_back(pTile);
         if (qHeld.size() > 3)
           qHeld.pop_front();
