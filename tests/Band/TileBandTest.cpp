@@ -11,10 +11,7 @@
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
-#include <boost/thread/thread.hpp>
-
 #include <chrono>
-#include <cmath>
 #include <random>
 
 namespace {
@@ -170,25 +167,13 @@ void RandomWalk(TIt it, TMemIt itMem, int nWidth, int nHeight, int nTX, int nTY,
       bAttached = it.X < nWidth && it.Y < nHeight;
     }
     else if (nMove <= 2 && it.X < nWidth)
-    {
-      ++it.X, ++itMem.X;
-      bAttached = bAttached && it.X < nWidth;
-    }
+      ++it.X, ++itMem.X, bAttached = bAttached && it.X < nWidth;
     else if (nMove <= 4 && it.X >= 0)
-    {
-      --it.X, --itMem.X;
-      bAttached = it.X >= 0 && it.Y >= 0 && it.Y < nHeight;
-    }
+      --it.X, --itMem.X, bAttached = it.X >= 0 && it.Y >= 0 && it.Y < nHeight;
     else if (nMove <= 6 && it.Y < nHeight)
-    {
-      ++it.Y, ++itMem.Y;
-      bAttached = bAttached && it.Y < nHeight;
-    }
+      ++it.Y, ++itMem.Y, bAttached = bAttached && it.Y < nHeight;
     else if (nMove <= 8 && it.Y >= 0)
-    {
-      --it.Y, --itMem.Y;
-      bAttached = it.Y >= 0 && it.X >= 0 && it.X < nWidth;
-    }
+      --it.Y, --itMem.Y, bAttached = it.Y >= 0 && it.X >= 0 && it.X < nWidth;
     ASSERT_TRUE(it.X == itMem.X && it.Y == itMem.Y) << nStep;
     ASSERT_EQ(it.IsAttached(), bAttached) << nStep << " at " << int(it.X) << ", " << int(it.Y);
     if (bAttached)

@@ -167,15 +167,15 @@ void CheckCopy()
   });
 }
 
+template <class TFrom, class... TTo>
+void CheckCopies(Orl::Harnel::STypeList<TTo...>)
+{
+  (CheckCopy<TFrom, TTo>(), ...);
+}
+
 TYPED_TEST(PixelwiseFilterTest, CopyToEveryTypeRoundsAndSaturates)
 {
-  CheckCopy<TypeParam, unsigned char>();
-  CheckCopy<TypeParam, unsigned short>();
-  CheckCopy<TypeParam, short>();
-  CheckCopy<TypeParam, unsigned int>();
-  CheckCopy<TypeParam, int>();
-  CheckCopy<TypeParam, float>();
-  CheckCopy<TypeParam, double>();
+  CheckCopies<TypeParam>(Orl::Harnel::TPixelTypes());
 
   // Halves and both ends, from float and double, under every rounding mode: integers round half
   // away from zero whatever the mode.
@@ -324,10 +324,8 @@ TYPED_TEST(PixelwiseFilterTest, MasksEqualTheReference)
         const bool bHit = bInside ? (double(v) >= 1.0 && double(v) <= 2.5) : (double(v) < 1.0 || double(v) > 2.5);
         vecExpected[i] = oSrc.IsNoData(i) ? tNoData : bHit ? (bInside ? T(4) : tNoData) : v;
       }
-      if (bInside)
-        CMaskRangeReplaceFilter(1.0, 2.5, true, 4.0).Apply(oDest, oSrc.template Band<TTag>(w, h));
-      else
-        CMaskRangeReplaceFilter(1.0, 2.5, false).Apply(oDest, oSrc.template Band<TTag>(w, h));
+      (bInside ? CMaskRangeReplaceFilter(1.0, 2.5, true, 4.0) : CMaskRangeReplaceFilter(1.0, 2.5, false))
+        .Apply(oDest, oSrc.template Band<TTag>(w, h));
       ExpectBits(vecExpected, ReadPixels(oDest), "range replace");
     }
 
@@ -511,33 +509,6 @@ TEST(PixelwiseWalk, SpillingTileBandsGiveTheMemoryResult)
   EXPECT_EQ(pLogger->GetDepth(), 0u);
   ExpectBits(ReadPixels(oMemory), ReadPixels(oTile), "spilled");
   EXPECT_GT(Orl::Test::TileCache().GetCounters().m_nRecordsRead, nReadBefore);
-}
-
-TEST(PixelwiseFilters, NamesAndSettledFields)
-{
-  EXPECT_EQ(CMaskFilter().GetName(), "Mask Filter");
-  EXPECT_EQ(CMaskMergeFilter().GetName(), "Mask Merge Filter");
-  EXPECT_EQ(CIndexSelectorFilter().GetName(), "Index Selector Filter");
-  EXPECT_TRUE(
-    static_cast<const Orl::Ostrel::Filter::Detail::CMultiBandFilterBase&>(CIndexSelectorFilter()).GetName().empty());
-  const boost::numeric::ublas::matrix<double> matEmpty;
-  const CMultinomialRegressionStratifier oStratifier(matEmpty, {});
-  EXPECT_EQ(oStratifier.GetName(), "Multinomial Regression Stratifier");
-  EXPECT_EQ(oStratifier.GetCoefficients().size1(), 0u);
-  const CMultiRegressionPredictor oPredictor(boost::numeric::ublas::vector<double>(), 0, 0.0, 0.0);
-  EXPECT_EQ(oPredictor.GetName(), "Multi Regression Predictor");
-  EXPECT_EQ(oPredictor.GetCoefficients().size(), 0u);
-  EXPECT_FALSE(CMaskFilter().AllowDestIsSrc());
-  EXPECT_TRUE(CMaskMergeFilter().AllowDestIsSrc());
-  EXPECT_FALSE(oStratifier.AllowDestIsSrc());
-  EXPECT_FALSE(oPredictor.AllowDestIsSrc());
-
-  CMaskMergeFilter oMerge;
-  oMerge.SetWeights({1.0, 2.0});
-  oMerge.SetWeights(oMerge.GetWeights());
-  EXPECT_EQ(oMerge.GetWeights(), (std::vector<double>{1.0, 2.0}));
-  oMerge.SetWeights({});
-  EXPECT_TRUE(oMerge.GetWeights().empty());
 }
 
 // Every check happens before a pixel is written: dest keeps its 9s.

@@ -18,6 +18,7 @@
 
 #include <cmath>
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -136,7 +137,7 @@ std::vector<long long> BruteForce(const SImage<unsigned char>& oClass, EDistance
 }
 
 template <class TPair>
-class DistanceTransformTest : public ::testing::Test
+struct DistanceTransformTest : ::testing::Test
 {
 };
 using TDistancePairs = ::testing::Types<std::pair<unsigned char, unsigned char>, std::pair<short, short>,
@@ -251,21 +252,21 @@ std::vector<SSkeleton> Skeletons()
 // foreground parts around the pixel, 1 exactly when the pixel is simple; N = min(N1, N2).
 struct SNeighbourhood
 {
-  int P[11], X[10], B = 0, A = 0, C = 0, N = 0;
+  std::array<int, 11> P;
+  std::array<int, 10> X;
+  int B = 0, A = 0, C = 0, N = 0;
 
   SNeighbourhood(const SImage<unsigned char>& o, int x, int y)
   {
     auto fnAt = [&](int u, int v) { return int(o.In(u, v) && o.At(u, v) == 1); };
-    const int aP[11] = {0, 0, fnAt(x, y - 1), fnAt(x + 1, y - 1), fnAt(x + 1, y), fnAt(x + 1, y + 1), fnAt(x, y + 1),
-                        fnAt(x - 1, y + 1), fnAt(x - 1, y), fnAt(x - 1, y - 1), fnAt(x, y - 1)};
-    std::copy(aP, aP + 11, P);
+    P = {0, 0, fnAt(x, y - 1), fnAt(x + 1, y - 1), fnAt(x + 1, y), fnAt(x + 1, y + 1), fnAt(x, y + 1),
+         fnAt(x - 1, y + 1), fnAt(x - 1, y), fnAt(x - 1, y - 1), fnAt(x, y - 1)};
     for (int i = 2; i <= 9; ++i)
     {
       B += P[i];
       A += !P[i] && P[i + 1];
     }
-    const int aX[10] = {0, P[4], P[3], P[2], P[9], P[8], P[7], P[6], P[5], P[4]};
-    std::copy(aX, aX + 10, X);
+    X = {0, P[4], P[3], P[2], P[9], P[8], P[7], P[6], P[5], P[4]};
     int N1 = 0, N2 = 0;
     for (int i = 1; i <= 4; ++i)
     {
@@ -295,30 +296,26 @@ std::pair<int, int> Topology(const SImage<unsigned char>& oImage)
   for (int y = 0; y < oImage.m_nHeight; ++y)
     for (int x = 0; x < oImage.m_nWidth; ++x)
       o.At(x + 1, y + 1) = oImage.At(x, y) == 1;
-  std::vector<char> vecSeen(o.m_vec.size(), 0);
   int aCount[2] = {0, 0};
   for (int y0 = 0; y0 < o.m_nHeight; ++y0)
     for (int x0 = 0; x0 < o.m_nWidth; ++x0)
     {
-      if (vecSeen[std::size_t(y0) * o.m_nWidth + x0])
+      const unsigned char v = o.At(x0, y0); // 2 + v once seen
+      if (v > 1)
         continue;
-      const unsigned char v = o.At(x0, y0);
       ++aCount[v];
-      std::vector<std::pair<int, int>> vecStack{{x0, y0}};
-      vecSeen[std::size_t(y0) * o.m_nWidth + x0] = 1;
-      while (!vecStack.empty())
+      o.At(x0, y0) = 2 + v;
+      for (std::vector<std::pair<int, int>> vecStack{{x0, y0}}; !vecStack.empty();)
       {
         const auto [x, y] = vecStack.back();
         vecStack.pop_back();
         for (int dy = -1; dy <= 1; ++dy)
           for (int dx = -1; dx <= 1; ++dx)
-          {
-            if ((v == 0 && dx != 0 && dy != 0) || !o.In(x + dx, y + dy) || o.At(x + dx, y + dy) != v ||
-                vecSeen[std::size_t(y + dy) * o.m_nWidth + x + dx])
-              continue;
-            vecSeen[std::size_t(y + dy) * o.m_nWidth + x + dx] = 1;
-            vecStack.push_back({x + dx, y + dy});
-          }
+            if ((v == 1 || dx == 0 || dy == 0) && o.In(x + dx, y + dy) && o.At(x + dx, y + dy) == v)
+            {
+              o.At(x + dx, y + dy) = 2 + v;
+              vecStack.push_back({x + dx, y + dy});
+            }
       }
     }
   return {aCount[1], aCount[0]};
@@ -338,8 +335,8 @@ std::vector<unsigned char> PlainTwoSubiterationThinning(SImage<unsigned char> o,
         for (int x = 0; x < o.m_nWidth; ++x)
         {
           const SNeighbourhood n(o, x, y);
-          const int* P = n.P;
-          const int* X = n.X;
+          const auto& P = n.P;
+          const auto& X = n.X;
           const bool bDelete =
             bZhangSuen ? n.B >= 2 && n.B <= 6 && n.A == 1 &&
                            (nSub == 0 ? !(P[2] && P[4] && P[6]) && !(P[4] && P[6] && P[8]) : !(P[2] && P[4] && P[8]) && !(P[2] && P[6] && P[8]))
@@ -355,25 +352,30 @@ std::vector<unsigned char> PlainTwoSubiterationThinning(SImage<unsigned char> o,
   return o.m_vec;
 }
 
-TEST(SkeletonFilters, PropertiesOnRandomBlobs)
+// Random blobs from single discs to dense overlapping ones pierced by single-pixel holes, on sizes about
+// and across the thinning's 64-pixel words and its blocks of rows. Zhang-Suen and Guo-Hall A1 as the
+// plain parallel run gives them; every result inside the foreground and stable; the topology kept where
+// promised; no simple pixel left by the reduced ones.
+TEST(SkeletonFilters, RandomBlobsAgainstThePlainRunAndProperties)
 {
   std::mt19937 oRng(5);
-  for (int nCase = 0; nCase < 8; ++nCase) // up to dense overlapping discs pierced by single-pixel holes
+  const auto vecSkeletons = Skeletons();
+  for (int nCase = 0; nCase < 16; ++nCase)
   {
-    const auto oImage = Blobs(oRng, 20 + int(oRng() % 60), 10 + int(oRng() % 50), 1 + nCase * nCase, 3 + nCase * 2);
-    const auto vecSkeletons = Skeletons();
+    const auto oImage = Blobs(oRng, 1 + int(oRng() % 200), 1 + int(oRng() % 150), 1 + nCase * nCase / 3, 3 + int(oRng() % (3 + 2 * nCase)));
     for (std::size_t a = 0; a < vecSkeletons.size(); ++a)
     {
       const SSkeleton& oSkeleton = vecSkeletons[a];
       const std::string strWhat = std::string(oSkeleton.m_pName) + " case " + std::to_string(nCase);
       SImage<unsigned char> oResult{oImage.m_nWidth, oImage.m_nHeight, oSkeleton.m_fnRun(oImage)};
+      if (a < 2)
+      {
+        ASSERT_EQ(oResult.m_vec, PlainTwoSubiterationThinning(oImage, a == 0)) << strWhat;
+      }
       for (std::size_t i = 0; i < oImage.m_vec.size(); ++i)
         ASSERT_LE(oResult.m_vec[i], oImage.m_vec[i]) << strWhat << ": outside the foreground at " << i;
       EXPECT_EQ(oSkeleton.m_fnRun(oResult), oResult.m_vec) << strWhat << ": not stable";
-      if (oSkeleton.m_bKeepsTopology)
-      {
-        EXPECT_EQ(Topology(oImage), Topology(oResult)) << strWhat;
-      }
+      EXPECT_TRUE(!oSkeleton.m_bKeepsTopology || Topology(oImage) == Topology(oResult)) << strWhat << ": topology changed";
       for (int y = 0; y < oImage.m_nHeight && oSkeleton.m_bReduced; ++y)
         for (int x = 0; x < oImage.m_nWidth; ++x)
         {
@@ -381,21 +383,6 @@ TEST(SkeletonFilters, PropertiesOnRandomBlobs)
           ASSERT_FALSE(oResult.At(x, y) && n.C == 1 && n.B >= 2) << strWhat << ": simple pixel left at " << x << "," << y;
         }
     }
-  }
-}
-
-// Zhang-Suen and Guo-Hall A1 as the plain parallel run gives them, on sizes about and across the
-// thinning's 64-pixel words and its blocks of rows.
-TEST(SkeletonFilters, TwoSubiterationsAsThePlainParallelRun)
-{
-  std::mt19937 oRng(77);
-  const auto vecSkeletons = Skeletons();
-  for (int nCase = 0; nCase < 16; ++nCase)
-  {
-    const auto oImage = Blobs(oRng, 1 + int(oRng() % 200), 1 + int(oRng() % 150), 1 + int(oRng() % 30), 1 + int(oRng() % 40));
-    for (int a = 0; a < 2; ++a)
-      ASSERT_EQ(vecSkeletons[a].m_fnRun(oImage), PlainTwoSubiterationThinning(oImage, a == 0))
-        << vecSkeletons[a].m_pName << " case " << nCase;
   }
 }
 
@@ -409,9 +396,6 @@ TEST(SkeletonFilters, WorkedShapes)
     std::vector<std::string> m_vecIn;
     std::vector<std::vector<std::string>> m_vecExpected;
   };
-  const std::vector<std::string> vecLine{".....", ".###.", "....."};
-  const std::vector<std::string> vecColumn{"...", ".#.", ".#.", ".#.", "..."};
-  const std::vector<std::string> vecCross{"#....#", ".#..#.", "..##..", "..##..", ".#..#.", "#....#"};
   const SShape aShapes[] = {
     // Zhang-Suen's flaw: all four pass the first subiteration at once. A1 keeps the south-west pixel;
     // A2 deletes the even subfield (x + y even: top-left, bottom-right); the north pass takes the top row.
@@ -430,12 +414,6 @@ TEST(SkeletonFilters, WorkedShapes)
       {"....", ".#..", "....", "...."},
       {"....", ".#..", "....", "...."},
       {"....", "###.", "....", "...."}}},
-    {"line", vecLine, {vecLine, vecLine, vecLine, vecLine}},
-    {"column", vecColumn, {vecColumn, vecColumn, vecColumn, vecColumn}},
-    {"single pixels", {"#.#", "...", "#.#"}, {{"#.#", "...", "#.#"}, {"#.#", "...", "#.#"}, {"#.#", "...", "#.#"}, {"#.#", "...", "#.#"}}},
-    // Every pixel is an end point or joins two diagonal parts (C = 2, A = 2): nothing goes, and the
-    // 2 x 2 centre stays under every algorithm.
-    {"2x2 block with four diagonal branches", vecCross, {vecCross, vecCross, vecCross, vecCross}},
   };
   const auto vecSkeletons = Skeletons();
   for (const SShape& oShape : aShapes)
@@ -462,19 +440,18 @@ TEST(SkeletonFilters, ZhangSuenErodesTwoPixelWideDiagonals)
     if (!oSkeleton.m_bKeepsTopology)
       EXPECT_EQ(nPixels, 2);
     else
-      EXPECT_TRUE(bSpans && nPixels <= n)
-        << oSkeleton.m_pName;
+      EXPECT_TRUE(bSpans && nPixels <= n) << oSkeleton.m_pName;
   }
 }
 
 template <class T>
-class SkeletonTypedTest : public ::testing::Test
+struct ShapeFilterTypedTest : ::testing::Test
 {
 };
-TYPED_TEST_SUITE(SkeletonTypedTest, Orl::Test::TAllPixelTypes);
+TYPED_TEST_SUITE(ShapeFilterTypedTest, Orl::Test::TAllPixelTypes);
 
 // Any non-zero valid pixel is foreground; invalid ones are background and keep the no-data value.
-TYPED_TEST(SkeletonTypedTest, ValuesAndNoData)
+TYPED_TEST(ShapeFilterTypedTest, SkeletonValuesAndNoData)
 {
   std::mt19937 oRng(sizeof(TypeParam));
   const auto oBlobs = Blobs(oRng, 45, 30, 6, 8);
@@ -499,13 +476,7 @@ TYPED_TEST(SkeletonTypedTest, ValuesAndNoData)
 
 // --- Reconstruction -----------------------------------------------------------------------------------
 
-template <class T>
-class ReconstructionTest : public ::testing::Test
-{
-};
-TYPED_TEST_SUITE(ReconstructionTest, Orl::Test::TAllPixelTypes);
-
-TYPED_TEST(ReconstructionTest, EqualsRepeatedGeodesicDilation)
+TYPED_TEST(ShapeFilterTypedTest, ReconstructionEqualsRepeatedGeodesicDilation)
 {
   using T = TypeParam;
   std::mt19937 oRng(sizeof(T) + 3);
@@ -626,22 +597,8 @@ TEST(ShapeFilters, TileBandsThatSpillEqualMemoryBands)
   EXPECT_GT(Orl::Test::TileCache().GetCounters().m_nRecordsRead, nReadBefore);
 }
 
-TEST(ShapeFilters, NamesPropertiesSizeChecksAndProgress)
+TEST(ShapeFilters, SizeChecksAndProgress)
 {
-  const std::pair<std::string, std::string> aNames[] = {
-    {CSkeletonSimpleFilter().GetName(), "Skeleton Simple Filter"},
-    {CSkeletonZhangSuenFilter().GetName(), "Skeleton Zhang Suen Filter"},
-    {CSkeletonGuoHallA1Filter().GetName(), "Skeleton Guo Hall A1 Filter"},
-    {CSkeletonGuoHallA2Filter().GetName(), "Skeleton Guo Hall A2 Filter"},
-    {CGrayscaleReconstructionFilter().GetName(), "Grayscale Reconstruction Filter"},
-    {CDistanceTransformFilter(eDistanceTransformChessboard).GetName(), "Distance Transform Filter"},
-    {CDistanceTransformMeijsterFilter(eDistanceTransformCityBlock).GetName(), "Distance Transform Meijster Filter"}};
-  for (const auto& o : aNames)
-    EXPECT_EQ(o.first, o.second);
-  EXPECT_EQ(CDistanceTransformMeijsterFilter(eDistanceTransformCityBlock).GetMode(), eDistanceTransformCityBlock);
-  EXPECT_TRUE(CSkeletonSimpleFilter().AllowDestIsSrc() && CDistanceTransformFilter(eDistanceTransformEuclidean).AllowDestIsSrc());
-  EXPECT_FALSE(CGrayscaleReconstructionFilter().AllowDestIsSrc());
-
   // Sizes differ: an exception before any write, and the logger's layer stays pushed.
   CBand<float, Band::STileTag> oDest(5, 4), oSrc(5, 5);
   oDest.Clear(42.0f);

@@ -113,11 +113,7 @@ TEST(TranslatorFile, EveryByteSurvivesWriteAndRead)
   CTranslatorData oData;
   oData.Init("mod\"ule\\\n", "Lang\r\n'\t");
   for (const char* pBase : {"base \"one\"", "two\\", "x\ny"})
-  {
-    CTranslatorData oBase;
-    oBase.Init(pBase, oData.GetLanguage());
-    oData.AddBaseModule(oBase);
-  }
+    oData.AddBaseModule(MakeModule(pBase, {{"not", "written"}}));
   oData.SetTranslation(strAll, "all bytes as a key");
   oData.SetTranslation("all bytes as a value", strAll);
   oData.SetTranslation("", "");

@@ -86,24 +86,6 @@ TEST(TranslatorModule, LeavesItsFileBesideTheProgramAndReadsItBack)
   EXPECT_EQ(ReadModule(strFile).second, (TTable{{"hello", "hallo"}, {"new", "new"}}));
 }
 
-TEST(TranslatorModule, FindsBaseModulesAlongTheSearchPath)
-{
-  CScratchDirectory oDir;
-  const SProbe oProbe(oDir);
-  const std::string strLanguages = oDir.Sub("languages", true);
-  ASSERT_TRUE(WriteModule(oProbe.m_strDirectory, "probe", "German", {"common", "missing"}, {{"own", "eigen"}, {"shared", "probe"}}));
-  ASSERT_TRUE(WriteModule(oProbe.m_strWorking, "common", "German", {"deep"}, {{"c", "gemeinsam"}, {"shared", "common"}}));
-  ASSERT_TRUE(WriteModule(strLanguages, "deep", "German", {}, {{"d", "tief"}, {"shared", "deep"}}));
-  const std::string strOwnFile = oProbe.m_strDirectory + "/probeGerman.trl";
-  const std::string strBefore = ReadBytes(strOwnFile);
-  EXPECT_EQ(oProbe.Run("init German tr own tr c tr d tr shared shallow tr shared", strLanguages),
-            "eigen\ngemeinsam\ntief\ndeep\nprobe\n");
-  // Nothing new was learnt: the dropped base module alone does not rewrite the file, and the
-  // Default table that Init dropped is not written either.
-  EXPECT_EQ(ReadBytes(strOwnFile), strBefore);
-  EXPECT_FALSE(fs::exists(oProbe.m_strDirectory + "/probeDefault.trl"));
-}
-
 // LANGUAGEPATH is one more directory, after the program's own and the working directory.
 TEST(TranslatorModule, LanguagePathComesLastAndIsOneDirectory)
 {
@@ -119,10 +101,9 @@ TEST(TranslatorModule, LanguagePathComesLastAndIsOneDirectory)
   fs::remove(oProbe.m_strDirectory + "/probeDefault.trl");
   fs::remove(oProbe.m_strWorking + "/probeDefault.trl");
 
-  // A list is taken as a single directory: nothing is found, and the file goes beside the program.
+  // A list is taken as a single directory: nothing is found.
   const std::string strTwo = strLanguages + ":" + oDir.Sub("other", true);
   EXPECT_EQ(oProbe.Run("info tr k", strTwo), oProbe.Info(strTwo) + "k\n");
-  EXPECT_EQ(ReadModule(oProbe.m_strDirectory + "/probeDefault.trl").second, (TTable{{"k", "k"}}));
 }
 
 TEST(TranslatorModule, LibraryWithAVersionedFileName)

@@ -1,9 +1,7 @@
 // A program with a translator of its own, for the tests that need a whole process: its module
 // file, working directory, environment and the write-back at exit. Runs its arguments as commands:
 //   tr <text>            print the translation
-//   init <language>      CTranslator::Init(language)
 //   all <language>       CTranslatorRegistry::SetLanguage(language)
-//   shallow              CTranslator::SetSearchMode(false)
 //   info                 print name=, language=, base=, path= (search path joined by '|')
 //   lib <file> <text>    load the test module <file> and print its translation of <text>
 #include "Internationalisation/Translator.h"
@@ -25,12 +23,8 @@ int main(int argc, char** argv)
     const auto Argument = [&]() -> std::string { return i + 1 < argc ? argv[++i] : ""; };
     if (strCommand == "tr")
       std::cout << CTranslator::Translate(Argument()) << '\n';
-    else if (strCommand == "init")
-      CTranslator::Init(Argument());
     else if (strCommand == "all")
       CTranslatorRegistry::SetLanguage(Argument());
-    else if (strCommand == "shallow")
-      CTranslator::SetSearchMode(false);
     else if (strCommand == "info")
     {
       std::cout << "name=" << CTranslator::GetApplicationName() << "\nlanguage=" << CTranslator::GetLanguage()

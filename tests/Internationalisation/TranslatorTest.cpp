@@ -98,28 +98,6 @@ TEST(Translator, EachModuleHasItsOwnTranslatorAndTable)
   EXPECT_EQ(CTranslator::GetTranslatorData().GetTranslatorMap().count("only in B"), 0u);
 }
 
-TEST(Translator, SetLanguageWritesTheOldLanguageFirst)
-{
-  CScratchDirectory oDir;
-  CTranslator::Init(oDir.GetPath(), "mod", "English");
-  EXPECT_EQ(CTranslator::GetBaseFilePath(), oDir.GetPath()); // without a file, the target of the write
-  CTranslator::Translate("a");
-  CTranslator::SetLanguage("English");
-  EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("modEnglish.trl")));
-
-  CTranslator::SetLanguage("German");
-  CTranslatorData oWritten;
-  ASSERT_TRUE(CTranslatorFile(oDir.Sub("modEnglish.trl")).Read(oWritten));
-  EXPECT_EQ(oWritten.GetTranslatorMap().count("a"), 1u);
-  EXPECT_EQ(CTranslator::GetLanguage(), "German");
-  EXPECT_TRUE(CTranslator::GetTranslatorData().GetTranslatorMap().empty());
-  EXPECT_TRUE(CTranslator::GetTranslatorData().IsModified());
-
-  // Init drops a modified table without writing it.
-  CTranslator::Init(oDir.GetPath(), "mod", "French");
-  EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("modGerman.trl")));
-}
-
 // What the module's file is when Init looks for it, and where the texts learnt meanwhile go when the
 // language changes. A file that fails to read keeps its bytes, and the texts go beside it; a FIFO is
 // passed over without being opened and stays. A regression would block in open: the guard then opens
@@ -188,12 +166,16 @@ TEST(Translator, UnreadableBaseModulesAreDropped)
   const std::string strFirst = oDir.Sub("first", true), strSecond = oDir.Sub("second", true);
   ASSERT_TRUE(WriteModule(strFirst, "mod", "de", {"gone", "common", "renamed"}, {{"own", "eigen"}}));
   ASSERT_TRUE(WriteModule(strSecond, "common", "de", {"deep"}, {{"c", "gemeinsam"}}));
-  ASSERT_TRUE(WriteModule(strFirst, "deep", "de", {}, {{"d", "tief"}}));
+  ASSERT_TRUE(WriteModule(strFirst, "deep", "de", {}, {{"d", "tief"}, {"own", "tief"}}));
   ASSERT_TRUE(WriteModule(strSecond, "renamed", "de", {}, {{"r", "r"}}, "another name"));
   CTranslator::Init(std::list<std::string>{strFirst, strSecond}, "mod", "de");
   EXPECT_EQ(Tree(CTranslator::GetTranslatorData()), "mod(common(deep))");
   EXPECT_FALSE(CTranslator::GetTranslatorData().IsModified()); // the drops alone do not make the file worth rewriting
   EXPECT_EQ(CTranslator::Translate("d"), "tief");
+  EXPECT_EQ(CTranslator::Translate("own"), "tief"); // the deepest module's, unless the search is shallow
+  CTranslator::SetSearchMode(false);
+  EXPECT_EQ(CTranslator::Translate("own"), "eigen");
+  CTranslator::SetSearchMode(true);
 
   ASSERT_TRUE(WriteModule(strFirst, "top", "de", {"deep"}, {{"k", "v"}}, "other"));
   CTranslator::Init(strFirst, "top", "de");
@@ -235,29 +217,44 @@ TEST(Translator, InitFromAFileName)
   EXPECT_EQ(CTranslator::Translate("k"), "aus der Datei");
 }
 
-TEST(TranslatorRegistry, SetsOneLanguageForEveryModule)
+// SetLanguage, of one module or of every module through the registry, first writes what the old
+// language learnt; the same language again writes nothing. The new table starts empty and worth
+// writing, and Init drops a modified table without writing it.
+TEST(TranslatorRegistry, SetLanguageWritesEveryModulesOldLanguageFirst)
 {
   CScratchDirectory oDir;
   InitModuleA(oDir.GetPath().c_str());
   InitModuleB(oDir.GetPath().c_str());
   CTranslator::Init(oDir.GetPath(), "TranslatorTest", "Default");
+  EXPECT_EQ(CTranslator::GetBaseFilePath(), oDir.GetPath()); // without a file, the target of the write
   const void* pTranslator = nullptr;
   std::size_t nEntries = 0;
   TranslateInModuleA("learnt in A", &pTranslator, &nEntries);
+  CTranslator::Translate("learnt here");
+  CTranslator::SetLanguage("Default");
+  EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("TranslatorTestDefault.trl")));
 
   CTranslatorRegistry::SetLanguage("French");
   EXPECT_STREQ(LanguageOfModuleA(), "French");
   EXPECT_STREQ(LanguageOfModuleB(), "French");
   EXPECT_EQ(CTranslator::GetLanguage(), "French");
   EXPECT_EQ(CTranslatorRegistry::GetLanguage(), "French");
-  // A's learnt text went to its Default file on the way.
-  CTranslatorData oWritten;
-  ASSERT_TRUE(CTranslatorFile(oDir.Sub("libOrlTestTranslatorModuleADefault.trl")).Read(oWritten));
-  EXPECT_EQ(oWritten.GetTranslatorMap().count("learnt in A"), 1u);
+  EXPECT_TRUE(CTranslator::GetTranslatorData().GetTranslatorMap().empty());
+  EXPECT_TRUE(CTranslator::GetTranslatorData().IsModified());
+  for (const auto& oWrite : {std::make_pair("libOrlTestTranslatorModuleADefault.trl", "learnt in A"),
+                             std::make_pair("TranslatorTestDefault.trl", "learnt here")})
+  {
+    CTranslatorData oWritten;
+    ASSERT_TRUE(CTranslatorFile(oDir.Sub(oWrite.first)).Read(oWritten)) << oWrite.first;
+    EXPECT_EQ(oWritten.GetTranslatorMap().count(oWrite.second), 1u) << oWrite.first;
+  }
   std::string strFrench = " ";
   for (const CTranslatorRegistry::SModule& oModule : CTranslatorRegistry::GetModules())
     if (oModule.m_strLanguage == "French")
       strFrench += oModule.m_strName + " ";
   for (const char* pName : {" TranslatorTest ", " libOrlTestTranslatorModuleA ", " libOrlTestTranslatorModuleB "})
     EXPECT_NE(strFrench.find(pName), std::string::npos) << strFrench;
+
+  CTranslator::Init(oDir.GetPath(), "TranslatorTest", "German");
+  EXPECT_FALSE(boost::filesystem::exists(oDir.Sub("TranslatorTestFrench.trl")));
 }

@@ -36,11 +36,13 @@ std::int32_t _Header(const std::vector<char>& vecBuffer)
   return std::memcpy(&nHeader, vecBuffer.data(), 4), nHeader;
 }
 
+// A scratch file, also open for reading only, where every write fails.
 struct SRecordFile
 {
   CScratchDirectory m_oDirectory;
   int m_nFile = ::open((m_oDirectory.GetPath() + "/records").c_str(), O_RDWR | O_CREAT, 0600);
-  ~SRecordFile() { ::close(m_nFile); }
+  int m_nReadOnly = ::open((m_oDirectory.GetPath() + "/records").c_str(), O_RDONLY);
+  ~SRecordFile() { ::close(m_nFile), ::close(m_nReadOnly); }
   long long GetSize() const { return ::lseek(m_nFile, 0, SEEK_END); }
 };
 
@@ -52,30 +54,40 @@ TYPED_TEST_SUITE(TileRecordTest, TAllPixelTypes);
 
 } // namespace
 
-TYPED_TEST(TileRecordTest, RecordsRoundTripForFullAndEdgeTilesOfAnyContent)
+// Written one way and read another, at an offset that is not a multiple of a slot. A failed write
+// (to a descriptor open for reading) or a read of a record cut short raises the file error and the
+// tile's own entry, and leaves the pixels and the modified mark as they were.
+TYPED_TEST(TileRecordTest, RecordsRoundTripAndFailuresLeavePixelsAndFlag)
 {
   // A full tile is 524288 bytes whatever the pixel type; edge tiles are anything smaller.
   const unsigned int nFullX = 2048 / sizeof(TypeParam);
   const unsigned int aSizes[][2] = {{nFullX, 256}, {nFullX - 1, 255}, {37, 13}, {1, 1}};
   const EWay aWays[][2] = {{ePlain, ePlain}, {eBuffered, eBuffered}, {eBuffered, eBufferedAt}, {eBufferedAt, eBuffered}};
+  const char* const aWriteMessages[] = {"Failed to write the tile cache", "Failed to write to the disk tile cache",
+                                        "Failed to write to the disk tile cache"};
   SRecordFile oFile;
   std::uint64_t nSeed = 1;
   for (const auto& aSize : aSizes)
     for (EContent eContent : {EContent::eConstant, EContent::eNoise})
       for (const auto& aWay : aWays)
       {
+        SCOPED_TRACE(std::to_string(aSize[0]) + "x" + std::to_string(aSize[1]) + " ways " + std::to_string(aWay[0]) +
+                     std::to_string(aWay[1]) + (eContent == EContent::eNoise ? " noise" : " constant"));
         const auto pWritten = MakeTile<TypeParam>(aSize[0], aSize[1]);
         const auto pRead = MakeTile<TypeParam>(aSize[0], aSize[1]);
         std::vector<char> vecBuffer(pWritten->GetRecordCapacity());
         Fill(*pWritten, ++nSeed, eContent);
-        // Behind other bytes, at an offset that is not a multiple of a slot.
+        pWritten->SetModified(true);
+        pWritten->SetFileLocation(oFile.m_nReadOnly, 1024);
+        EXPECT_EQ("Failed to write to a file (" + std::to_string(EBADF) + ") / " + aWriteMessages[aWay[0]] + " / 2",
+                  Entries([&] { _Write(*pWritten, aWay[0], vecBuffer.data()); }));
+        EXPECT_TRUE(pWritten->IsModified() && Holds(*pWritten, nSeed, eContent));
+
         pWritten->SetFileLocation(oFile.m_nFile, 1024);
         pRead->SetFileLocation(oFile.m_nFile, 1024);
         ASSERT_EQ(0, ::ftruncate(oFile.m_nFile, 0));
-        pWritten->SetModified(true);
         _Write(*pWritten, aWay[0], vecBuffer.data());
         EXPECT_FALSE(pWritten->IsModified());
-
         const long long nRecord = oFile.GetSize() - 1024;
         if (aWay[0] == ePlain)
           EXPECT_EQ(pWritten->GetMemorySize(), nRecord);
@@ -88,9 +100,15 @@ TYPED_TEST(TileRecordTest, RecordsRoundTripForFullAndEdgeTilesOfAnyContent)
         void* const pData = pRead->GetDataLocation();
         pRead->SetModified(true);
         _Read(*pRead, aWay[1], vecBuffer.data());
-        EXPECT_TRUE(Holds(*pRead, nSeed, eContent)) << aSize[0] << "x" << aSize[1] << " ways " << aWay[0] << aWay[1];
+        EXPECT_TRUE(Holds(*pRead, nSeed, eContent));
         EXPECT_EQ(pData, pRead->GetDataLocation());
         EXPECT_FALSE(pRead->IsModified());
+
+        ASSERT_EQ(0, ::ftruncate(oFile.m_nFile, 1024 + nRecord / 2));
+        pRead->SetModified(true);
+        EXPECT_EQ("Failed to read enough bytes from a file / Failed to read from the disk tile cache / 2",
+                  Entries([&] { _Read(*pRead, aWay[1], vecBuffer.data()); }, false));
+        EXPECT_TRUE(pRead->IsModified());
       }
 }
 
@@ -126,36 +144,4 @@ TEST(TileRecordTest, PayloadsUpTo508BytesTakeOneBlockAndLongerOnesMore)
   std::vector<char> vecFull(pFull->GetRecordCapacity());
   EXPECT_EQ(524800u, EncodeTileRecord(pFull->GetDataLocation(), pFull->GetMemorySize(), vecFull.data()));
   EXPECT_EQ(524800u - 512, GetTileRecordRest(vecFull.data(), pFull->GetMemorySize()));
-}
-
-TEST(TileRecordTest, FileFailuresCarryBothEntriesAndLeavePixelsAndFlag)
-{
-  const char* const aWriteMessages[] = {"Failed to write the tile cache", "Failed to write to the disk tile cache",
-                                        "Failed to write to the disk tile cache"};
-  for (EWay eWay : {ePlain, eBuffered, eBufferedAt})
-    for (EContent eContent : {EContent::eConstant, EContent::eNoise})
-    {
-      SRecordFile oFile;
-      const int nReadOnly = ::open(("/proc/self/fd/" + std::to_string(oFile.m_nFile)).c_str(), O_RDONLY);
-      const auto pTile = MakeTile<unsigned short>(300, 200);
-      std::vector<char> vecBuffer(pTile->GetRecordCapacity());
-      Fill(*pTile, 7, eContent);
-      pTile->SetModified(true);
-      // A write to a descriptor open for reading fails; the tile keeps everything.
-      pTile->SetFileLocation(nReadOnly, 0);
-      EXPECT_EQ("Failed to write to a file (" + std::to_string(EBADF) + ") / " + aWriteMessages[eWay] + " / 2",
-                Entries([&] { _Write(*pTile, eWay, vecBuffer.data()); }));
-      EXPECT_TRUE(pTile->IsModified());
-      EXPECT_TRUE(Holds(*pTile, 7, eContent));
-      ::close(nReadOnly);
-
-      // A record cut short (a constant one within its first block) fails to read.
-      pTile->SetFileLocation(oFile.m_nFile, 0);
-      _Write(*pTile, eWay, vecBuffer.data());
-      ASSERT_EQ(0, ::ftruncate(oFile.m_nFile, eContent == EContent::eConstant ? 100 : 1000));
-      pTile->SetModified(true);
-      EXPECT_EQ("Failed to read enough bytes from a file / Failed to read from the disk tile cache / 2",
-                Entries([&] { _Read(*pTile, eWay, vecBuffer.data()); }, false));
-      EXPECT_TRUE(pTile->IsModified());
-    }
 }
