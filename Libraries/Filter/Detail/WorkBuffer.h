@@ -93,16 +93,17 @@ class CWorkBuffer
   static_assert(std::is_trivially_copyable<T>::value && std::is_trivially_destructible<T>::value, "plain values");
 
 public:
-  // Every array starts on a cache line at least, so that a vector loop or an FFTW plan made on one
-  // array runs on any other.
-  static constexpr std::size_t ms_nAlignment = 64;
+  // Every array starts on a 16-byte boundary at least, all an FFTW plan made on one array needs to
+  // run on another. Not more for small arrays: an aligned operator new of a few megabytes raised the
+  // fill-hole filter's peak memory by a quarter (glibc then keeps them in the heap, not in mappings).
+  static_assert(__STDCPP_DEFAULT_NEW_ALIGNMENT__ >= 16, "operator new aligns to 16 bytes");
 
   explicit CWorkBuffer(std::size_t nCount)
   {
     constexpr std::size_t nHugePage = std::size_t(2) << 20;
     const std::size_t nBytes = nCount * sizeof(T);
     if (nBytes < 2 * nHugePage)
-      m_p = TPointer(static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes, std::align_val_t(ms_nAlignment))),
+      m_p = TPointer(static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes)),
                      &_FreeOperatorNew);
     else
     {
@@ -135,7 +136,7 @@ public:
   const T& operator[](std::size_t n) const { return m_p.get()[n]; }
 
 private:
-  static void _FreeOperatorNew(T* p) { ::operator delete(p, std::align_val_t(ms_nAlignment)); }
+  static void _FreeOperatorNew(T* p) { ::operator delete(p); }
   static void _FreeAligned(T* p) { std::free(p); }
 
   using TPointer = std::unique_ptr<T, void (*)(T*)>;
