@@ -102,9 +102,10 @@ public:
   {
     constexpr std::size_t nHugePage = std::size_t(2) << 20;
     const std::size_t nBytes = nCount * sizeof(T);
-    if (nBytes < 2 * nHugePage)
-      m_p = TPointer(static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes)),
-                     &_FreeOperatorNew);
+    // Huge pages from two on, or from one where rounding up to whole pages wastes at most an eighth.
+    const std::size_t nWaste = (nHugePage - nBytes % nHugePage) % nHugePage;
+    if (nBytes < nHugePage || (nBytes < 2 * nHugePage && 8 * nWaste > nBytes + nWaste))
+      m_p = TPointer(static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes)), &_FreeOperatorNew);
     else
     {
       const std::size_t nRounded = (nBytes + nHugePage - 1) / nHugePage * nHugePage;
