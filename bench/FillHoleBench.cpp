@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cmath>
 #include <random>
-#include <thread>
 
 namespace {
 

@@ -28,8 +28,8 @@ struct SCopyKernel
   void operator()(int n, TTo* __restrict pDest, const TFrom* __restrict pSrc) const
   {
 #ifdef ORL_HAS_AVX2_DISPATCH
-    // Rounding to integers packs wide lanes into narrow ones: SSE2 has neither the truncating round
-    // nor the unsigned pack, so there the loop costs several instructions a pixel.
+    // Rounding to integers packs wide lanes into narrow ones: SSE2 has neither the blend nor the
+    // unsigned 32-to-16-bit pack (both SSE4.1), so there the loop costs several instructions a pixel.
     if constexpr (std::is_floating_point<TFrom>::value && std::is_integral<TTo>::value)
       if (Harnel::Math::Detail::HasAvx2())
         return _RunAvx2(n, pDest, pSrc);

@@ -12,7 +12,7 @@
 // transform (guru split interface, writing straight into the destinations' rows) took two to four
 // times the processor time of the interleaved one, far more than the separate split pass costs, so
 // the interleaved layout it is; in place, since then one working array serves input and output.
-// The working array is a CWorkBuffer: from 4 MB on it starts on a 2 MB boundary and asks for huge
+// The working array is a CWorkBuffer, which starts large arrays on a 2 MB boundary and asks for huge
 // pages (where the kernel grants them on request): in 4 kB pages, faulted in on every call, the
 // forward filter took 1.5 times FFTW's own plan on a preallocated buffer instead of 1.1, and FFTW's
 // column passes, which stride across the whole array, gain from the fewer TLB entries too. Arrays
@@ -29,8 +29,8 @@
 // two fifths more time per row. Tasks take 16 rows at a time. Columns go in blocks of 256 bytes of a
 // row (32 float or 16 double complex values): a block of a 4096-row band, about 1.3 MB with its row
 // padding, stays in the L2 cache while FFTW transforms its columns in place. A strip is as many
-// blocks as fill half a tile's width, read through the tile cursors once, one column of tiles at a
-// time.
+// blocks as fill 256 columns or a tile's width, whichever is less: a double tile's whole width, half
+// a float tile's (whose columns of tiles are then read by two strips).
 //
 // Plans: one per kind, shape and thread count, made on first use under a lock (the planner is not
 // thread-safe) and kept until the process ends; they are executed on other arrays of the same
@@ -105,12 +105,12 @@ struct SPlanShape
     return std::tie(m_eKind, m_nLength, m_nCount, m_nStep, m_nThreads) <
            std::tie(o.m_eKind, o.m_nLength, o.m_nCount, o.m_nStep, o.m_nThreads);
   }
-  bool IsWhole() const { return m_eKind == ePlanWholeForward || m_eKind == ePlanWholeBackward; }
-  // Complex values of the arrays the plan works on (the real ones take as many pairs).
-  std::size_t Extent() const
-  {
-    return std::size_t(m_nStep) * std::size_t(IsWhole() ? m_nCount : std::max(m_nLength, m_nCount));
-  }
+  bool IsRows() const { return m_eKind == ePlanRows || m_eKind == ePlanRowsBackward; }
+  bool IsColumns() const { return m_eKind == ePlanColumnsForward || m_eKind == ePlanColumnsBackward; }
+  bool IsWhole() const { return !IsRows() && !IsColumns(); }
+  // Complex values of the arrays the plan works on (the real ones of row plans take as many pairs):
+  // m_nLength rows of m_nStep for column plans, m_nCount rows of m_nStep for the others.
+  std::size_t Extent() const { return std::size_t(m_nStep) * std::size_t(IsColumns() ? m_nLength : m_nCount); }
 };
 
 // FFTW's parallel loops as oneTBB tasks of the calling thread's arena. Isolated: a thread that waits
@@ -232,7 +232,7 @@ typename SFftw<TReal>::TPlan GetPlan(const SPlanShape& oShape)
   {
     // Arrays of the layout and alignment of every buffer the plan runs on later; the planner may
     // overwrite them.
-    Detail::CWorkBuffer<TReal> oReal(oShape.IsWhole() ? 0 : 2 * oShape.Extent());
+    Detail::CWorkBuffer<TReal> oReal(oShape.IsRows() ? 2 * oShape.Extent() : 0);
     Detail::CWorkBuffer<TComplex> oComplex(oShape.Extent());
     const bool bMeasure = std::max(oShape.m_nLength, oShape.IsWhole() ? oShape.m_nCount : 0) >= g_nMeasuredLength;
     const unsigned nFlags = bMeasure ? FFTW_MEASURE : FFTW_ESTIMATE;
@@ -411,8 +411,7 @@ void TransformColumns(const TRowsRe& fnRe, const TRowsIm& fnIm, int nColumns, in
   });
 }
 
-// Blocks per column strip: a tile's width (half the block hint), so that a strip costs one pass over
-// a column of tiles.
+// Blocks per column strip: 256 columns or a tile's width (half the block hint), whichever is less.
 template <class TComplex, class TBand>
 int StripBlocks(const TBand& oBand, int nColumns)
 {
@@ -602,14 +601,12 @@ int WholeThreads(int nX, int nY)
   return std::size_t(nX) * std::size_t(nY) < g_nThreadedValues ? 1 : tbb::this_task_arena::max_concurrency();
 }
 
-// fn(y0, y1) for blocks of rows of [0, nRows), in parallel; a block holds at least 16384 values of
-// rows nLength long.
+// fn(y0, y1) for blocks of rows of [0, nRows), in parallel; a block holds up to about 16384 values
+// of rows nLength long.
 template <class TFn>
 void ForEachRowBlock(int nRows, int nLength, const TFn& fn)
 {
-  const int nGrain = std::max(1, 16384 / std::max(1, nLength));
-  tbb::parallel_for(tbb::blocked_range<int>(0, nRows, nGrain),
-                    [&](const tbb::blocked_range<int>& r) { fn(r.begin(), r.end()); });
+  Detail::ParallelBlocks(nRows, 16384 / std::max(1, nLength), fn);
 }
 
 // The forward transform of a memory band as one two-dimensional plan, in place in a working array
@@ -641,12 +638,8 @@ void ForwardWhole(TDestBand& oDestRe, TDestBand& oDestIm, const TSrcBand& oSrc,
       TReal* pTo = pWork + std::size_t(y) * nRow;
       const int nValues = y < nHeight ? nWidth : 0;
       const TReal* pFrom = nValues > 0 ? pSrc + std::size_t(y) * std::size_t(nWidth) : pSrc;
-      if (bHasNoData)
-        for (int x = 0; x < nValues; ++x)
-          pTo[x] = (pFrom[x] == pFrom[x]) & (pFrom[x] != tNoData) ? pFrom[x] : TReal(0);
-      else
-        for (int x = 0; x < nValues; ++x)
-          pTo[x] = pFrom[x] == pFrom[x] ? pFrom[x] : TReal(0);
+      for (int x = 0; x < nValues; ++x)
+        pTo[x] = Detail::IsValidPixel(pFrom[x], bHasNoData, tNoData) ? pFrom[x] : TReal(0);
       std::fill(pTo + nValues, pTo + nX, TReal(0));
     }
     if (pLogger && y0 < nHeight)

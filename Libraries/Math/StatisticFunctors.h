@@ -434,12 +434,12 @@ void CHistoFunctor<TAcc, TPixel>::ApplyRow(const TPixel* pRow, std::size_t nLeng
     m_nPending += nLength;
     const Detail::SFastBins oBins(double(m_tMin), double(m_dBinStep), m_nBins);
     const auto fnExact = [this](TPixel tValue) { return GetBinIndex(tValue); };
-#if defined(__x86_64__) && defined(__GNUC__)
+#ifdef ORL_HAS_AVX2_DISPATCH
     if constexpr (std::is_same<TPixel, float>::value && Detail::ms_bVectorPredicate<TPredicate>)
-      if (nLanes >= 4 && oBins.HasFloatForm() && Detail::HasAvx2())
+      if (nLanes == 4 && oBins.HasFloatForm() && Detail::HasAvx2())
       {
         m_nCount +=
-          Detail::FloatBinRowAvx2(pRow, nLength, oPredicate, oBins, m_vecLanes.data(), nStride, nLanes, fnExact);
+          Detail::FloatBinRowAvx2(pRow, nLength, oPredicate, oBins, m_vecLanes.data(), nStride, fnExact);
         return;
       }
 #endif

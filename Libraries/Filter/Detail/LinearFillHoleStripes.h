@@ -235,8 +235,7 @@ SFillHoleStripeResult FillHoleStripeSweeps(const SFillHoleSweepContext<TLineData
       tbb::simple_partitioner());
     ORL_TSAN_ACQUIRE(&vecStripes);
     if (oContext.m_pLogger)
-      for (std::uint32_t y = 0; y < nHeight; ++y)
-        oContext.m_pLogger->IncrementProgress();
+      oContext.m_pLogger->IncrementProgress(double(nHeight));
   };
   // The tables of row nRow, where the sweep of a stripe starting there reads them.
   const auto fnEdge = [&](SFillHoleTables<TLineData>& oTables, std::uint32_t nRow, int nStep) {

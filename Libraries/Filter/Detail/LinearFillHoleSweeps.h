@@ -17,7 +17,7 @@
 #include "Filter/Detail/PixelConversion.h"
 #include "Foundation/BadArgument.h"
 #include "Foundation/Logger.h"
-#include "Math/Detail/RowKernels.h"
+#include "Math/Detail/CpuFeatures.h"
 
 #include <boost/tuple/tuple.hpp>
 
@@ -475,12 +475,10 @@ struct STableRow
   TLineData* m_pAnti;
 };
 
-// Sets the lines of the row's valid pixels that the next row may read, in the words [nWord0, nWord1)
-// of the row (all of them by default).
+// Sets the lines of the row's valid pixels that the next row may read.
 template <class TLineData, class TPixel>
 void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, const CFillHoleRowClasses& oRow,
-                   const CFillHoleRowClasses& oNext, const SValidLineSetter<TLineData>& oSetLines,
-                   std::size_t nWord0 = 0, std::size_t nWord1 = std::size_t(-1))
+                   const CFillHoleRowClasses& oNext, const SValidLineSetter<TLineData>& oSetLines)
 {
   // All in locals: the line stores may alias anything reached through a reference.
   const SValidLineSetter<TLineData> oSet = oSetLines;
@@ -489,8 +487,8 @@ void SetValidLines(const STableRow<TLineData>& oTables, const TPixel* pSrc, cons
   TLineData* const pAnti = oTables.m_pAnti;
   const std::uint64_t* const pValid = oRow.GetValidBits();
   const std::uint64_t* const pNextEvents = oNext.GetEventBits();
-  const std::size_t nWords = std::min(nWord1, oRow.GetWords());
-  for (std::size_t w = nWord0; w < nWords; ++w)
+  const std::size_t nWords = oRow.GetWords();
+  for (std::size_t w = 0; w < nWords; ++w)
     for (std::uint64_t nBits = LinesToSet(pValid, pNextEvents, w); nBits != 0; nBits &= nBits - 1)
     {
       const std::size_t n = 64 * w + std::size_t(__builtin_ctzll(nBits));

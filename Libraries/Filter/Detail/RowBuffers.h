@@ -135,10 +135,12 @@ inline TPixel ToPixel(TValue tValue)
 template <class TPixel>
 inline bool IsValidPixel(TPixel tValue, bool bHasNoData, TPixel tNoData)
 {
+  // Without branches, so that loops calling it vectorise.
+  const bool bNoData = bHasNoData & (tValue == tNoData);
   if constexpr (std::is_floating_point<TPixel>::value)
-    if (tValue != tValue)
-      return false;
-  return !(bHasNoData && tValue == tNoData);
+    return (tValue == tValue) & !bNoData;
+  else
+    return !bNoData;
 }
 
 // A rejected argument, before any pixel is written: the message is translated and takes the

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <memory>
 #include <mutex>
 #include <new>
 #include <type_traits>
@@ -105,7 +104,7 @@ public:
     // Huge pages from two on, or from one where rounding up to whole pages wastes at most an eighth.
     const std::size_t nWaste = (nHugePage - nBytes % nHugePage) % nHugePage;
     if (nBytes < nHugePage || (nBytes < 2 * nHugePage && 8 * nWaste > nBytes + nWaste))
-      m_p = TPointer(static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes)), &_FreeOperatorNew);
+      m_p = static_cast<T*>(::operator new(nBytes == 0 ? 1 : nBytes));
     else
     {
       const std::size_t nRounded = (nBytes + nHugePage - 1) / nHugePage * nHugePage;
@@ -119,30 +118,28 @@ public:
         madvise(oKept.first, nRounded, MADV_HUGEPAGE); // a hint: without huge pages the array still works
 #endif
       }
-      m_p = TPointer(static_cast<T*>(oKept.first), &_FreeAligned);
+      m_p = static_cast<T*>(oKept.first);
       m_nAlignedBytes = oKept.second;
     }
   }
   ~CWorkBuffer()
   {
     if (m_nAlignedBytes != 0)
-      CKeptArrays::Get().Give(m_p.release(), m_nAlignedBytes);
+      CKeptArrays::Get().Give(m_p, m_nAlignedBytes);
+    else
+      ::operator delete(m_p);
   }
   CWorkBuffer(const CWorkBuffer&) = delete;
   CWorkBuffer& operator=(const CWorkBuffer&) = delete;
 
-  T* data() { return m_p.get(); }
-  const T* data() const { return m_p.get(); }
-  T& operator[](std::size_t n) { return m_p.get()[n]; }
-  const T& operator[](std::size_t n) const { return m_p.get()[n]; }
+  T* data() { return m_p; }
+  const T* data() const { return m_p; }
+  T& operator[](std::size_t n) { return m_p[n]; }
+  const T& operator[](std::size_t n) const { return m_p[n]; }
 
 private:
-  static void _FreeOperatorNew(T* p) { ::operator delete(p); }
-  static void _FreeAligned(T* p) { std::free(p); }
-
-  using TPointer = std::unique_ptr<T, void (*)(T*)>;
-  TPointer m_p{nullptr, &_FreeOperatorNew};
-  std::size_t m_nAlignedBytes = 0; // the size of an array from std::aligned_alloc, else 0
+  T* m_p = nullptr;
+  std::size_t m_nAlignedBytes = 0; // the size of an array from std::aligned_alloc (kept when freed), else 0
 };
 
 }}}} // namespace Orl::Ostrel::Filter::Detail

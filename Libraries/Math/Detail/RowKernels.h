@@ -240,7 +240,7 @@ inline void FloatRowSse2(const float* pRow, std::size_t nLength, const TPredicat
                                  adSum, adSq, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
 }
 
-#if defined(__x86_64__) && defined(__GNUC__)
+#ifdef ORL_HAS_AVX2_DISPATCH
 // The float loop adds two doubles per pixel, which keeps SSE2's add units busier than memory is.
 // Where the processor has AVX2 (asked once, at run time; nothing is built with -march) the same lanes
 // run in one register. All vector code stays inside the functions compiled for AVX2 (and the load
@@ -316,7 +316,7 @@ template <bool bMinMax, bool bSums, class TSum, class TSumSquares, class TPredic
 inline void FloatRow(const float* pRow, std::size_t nLength, const TPredicate& oPredicate, std::uint64_t& nCount,
                      float& tMin, float& tMax, TSum& tSum, TSumSquares& tSumSquares)
 {
-#if defined(__x86_64__) && defined(__GNUC__)
+#ifdef ORL_HAS_AVX2_DISPATCH
   if (HasAvx2())
     return FloatRowAvx2<bMinMax, bSums>(pRow, nLength, oPredicate, nCount, tMin, tMax, tSum, tSumSquares);
 #endif
@@ -565,22 +565,21 @@ inline std::uint64_t BinRowScalar(const TPixel* pRow, std::size_t nLength, const
   return nTaken;
 }
 
-#if defined(__x86_64__) && defined(__GNUC__)
+#ifdef ORL_HAS_AVX2_DISPATCH
 // Float pixels, eight per step in float (the float form of SFastBins, which needs HasFloatForm()),
-// into nLanes (4 or 8) lanes: pixel i of the run into lane i % nLanes. The pixels near an edge go by
+// into four lanes: pixel i of the run into lane i % 4. The pixels near an edge go by
 // the rule, then eight scalar increments. Rejected pixels go to the counter past the last bin. Returns
 // the number of pixels taken in.
 //
 // The eight counter offsets leave the vector register as four 64-bit halves (vmovq / vpextrq), each
 // holding two offsets, rather than through a stored array that each increment reads back: that store
-// and its eight loads cost about a quarter of the loop. Callers pass four lanes: eight were measured
-// a little slower, on uniform values and on smooth surfaces alike (twice the counters in L1, while
+// and its eight loads cost about a quarter of the loop. Eight lanes were measured a little slower, on uniform values and on smooth surfaces alike (twice the counters in L1, while
 // the increments of a repeated bin still follow one another closely).
 template <class TPredicate, class TExact>
 __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow, std::size_t nLength,
                                                               const TPredicate& oPredicate, const SFastBins& oBins,
                                                               std::uint32_t* pLanes, std::size_t nStride,
-                                                              std::size_t nLanes, const TExact& fnExact)
+                                                              const TExact& fnExact)
 {
   typedef std::uint64_t TV4Q __attribute__((vector_size(32)));
   const TV8F vMin = TV8F{} + oBins.m_fMin, vInverse = TV8F{} + oBins.m_fInverse, vHalf = TV8F{} + 0.5f;
@@ -588,9 +587,8 @@ __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow,
   const TV8F vOneLess = TV8F{} + (1.0f - oBins.m_fEpsilon);
   const TV8I vLast = TV8I{} + std::int32_t(oBins.m_nLastBin), vNoBin = vLast + 1;
   const std::int32_t nS = std::int32_t(nStride);
-  const std::int32_t nS4 = nLanes == 8 ? 4 * nS : 0;
-  const TV8I vOffsets = {0, nS, 2 * nS, 3 * nS, nS4, nS4 + nS, nS4 + 2 * nS, nS4 + 3 * nS};
-  const std::size_t nLaneMask = nLanes - 1;
+  const TV8I vOffsets = {0, nS, 2 * nS, 3 * nS, 0, nS, 2 * nS, 3 * nS};
+  constexpr std::size_t nLanes = 4;
   const std::size_t nVector = nLength & ~std::size_t(7);
   TV8I vRejected = {};
   for (std::size_t i = 0; i < nVector; i += 8)
@@ -626,7 +624,7 @@ __attribute__((target("avx2"))) std::uint64_t FloatBinRowAvx2(const float* pRow,
     std::memcpy(anIndex, &vIndex, sizeof anIndex);
     for (int j = 0; j < 8; ++j)
       if (!((nOk >> j) & 1))
-        anIndex[j] = std::int32_t(fnExact(LoadPixel(pRow + i + j)) + (std::size_t(j) & nLaneMask) * nStride);
+        anIndex[j] = std::int32_t(fnExact(LoadPixel(pRow + i + j)) + (std::size_t(j) % nLanes) * nStride);
     for (int j = 0; j < 8; ++j)
       ++pLanes[anIndex[j]];
   }
