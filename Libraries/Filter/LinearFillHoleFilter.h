@@ -36,12 +36,14 @@ namespace Orl { namespace Ostrel { namespace Filter {
 // Tile bands larger than the tile cache's budget: each sweep walks the source (and the mask, if
 // used; the destination in the backward sweep) a row of pixels at a time over the full width, and
 // holds the row of tiles it is on (two at a border) until it leaves it; the hole list keeps one chunk
-// of 2.25 MiB in memory and the rest in tiles that spill. A row of tiles is width x 1 KiB for 16-
-// and 32-bit pixels, half that for 8-bit and twice that for double. A budget of three rows of tiles
-// per band walked, plus 8 MiB, lets every tile come into memory once per sweep and the next row be
-// read ahead while one is worked on: for float 16384 x 16384 bands without a mask, about 100 MiB.
-// With less, the cache goes over its budget by what the sweeps hold, and every tile still comes into
-// memory once per sweep.
+// of 2.25 MiB in memory and the rest in tiles that spill. On several threads each stripe of rows in
+// work is such a walk with its own hole list, and its first rows read back into the row of tiles
+// before it. A row of tiles is width x 1 KiB for 16- and 32-bit pixels, half that for 8-bit and twice
+// that for double. A budget of three rows of tiles per band walked and thread, plus 8 MiB per
+// thread, lets every tile come into memory about once per sweep and the next row be read ahead while
+// one is worked on: for float 16384 x 16384 bands without a mask, about 100 MiB per thread. With
+// less, the cache goes over its budget by what the sweeps hold, and tiles still come into memory
+// about once per sweep.
 //
 // The bound is a limit, not a size: the hole list grows in chunks as holes are met, so a generous
 // bound (width * height) costs nothing, while a source with more holes than the bound is refused

@@ -21,8 +21,8 @@
 //
 // On tile bands the list holds in memory only the chunk it works on: the forward sweep lets go of a
 // chunk when it moves on to the next (its tiles may then leave for the spill file), and the backward
-// sweep drops each chunk it has taken back. So the list costs the tile cache's budget one chunk,
-// 2.25 MiB, however many holes there are.
+// sweep drops each chunk it has taken back. So a list costs the tile cache's budget one chunk,
+// 2.25 MiB, however many holes there are (one list per stripe of rows on several threads).
 
 #include "Band/Band.h"
 #include "Band/Detail/RowAccess.h"
